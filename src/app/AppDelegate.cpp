@@ -1,0 +1,125 @@
+// Construction of the controller and the launch sequence.
+#include "app/AppDelegate.h"
+
+#include "app/log/AppLogger.h"
+#include "platform/Bundle.h"
+
+#include <QAction>
+#include <QCoreApplication>
+#include <QMenu>
+#include <QNetworkAccessManager>
+#include <QNetworkProxy>
+#include <QPointer>
+#include <QSettings>
+#include <QTimer>
+
+namespace {
+
+const QString launchedAtLoginArgument = QStringLiteral("--launched-at-login");
+
+QAction *makeInformationLine(const QString &title, QObject *owner)
+{
+    auto *item = new QAction(title, owner);
+    item->setShortcut(QKeySequence());
+    return item;
+}
+
+} // namespace
+
+AppDelegate::AppDelegate(Configuration configuration, PlatformServices platform, ApplicationHost *application)
+    : cloudAdminURL(configuration.cloudAdminURL),
+      agentUpdateURL(configuration.agentUpdateURL),
+      localAdminURL(configuration.localAdminURL),
+      healthURL(configuration.healthURL),
+      launchAgentLabel(configuration.launchAgentLabel),
+      obsoleteNativeLaunchAgentLabels(configuration.obsoleteNativeLaunchAgentLabels),
+      welcomePresentationDefaultsKey(configuration.welcomePresentationDefaultsKey),
+      statusItem(platform.makeStatusItem()),
+      menu(std::make_unique<QMenu>()),
+      stateMenuItem(makeInformationLine(QStringLiteral("Status: Launching..."), this)),
+      versionMenuItem(makeInformationLine(QStringLiteral("Version: --"), this)),
+      mountedVolumeSyncURL(configuration.mountedVolumeSyncURL),
+      configuration_(std::move(configuration)),
+      platform_(std::move(platform)),
+      application_(application)
+{
+}
+
+AppDelegate::~AppDelegate() = default;
+
+QSettings &AppDelegate::userDefaults()
+{
+    if (!userDefaults_) {
+        // The application's own defaults domain, as an INI file under $XDG_CONFIG_HOME.
+        userDefaults_ = std::make_unique<QSettings>(configuration_.configDirectory + QLatin1Char('/') +
+                                                        configuration_.bundleIdentifier + QStringLiteral(".conf"),
+                                                    QSettings::IniFormat);
+    }
+    return *userDefaults_;
+}
+
+QNetworkAccessManager &AppDelegate::network()
+{
+    if (!network_) {
+        network_ = new QNetworkAccessManager(this);
+        // Only loopback is ever asked; a proxy from the environment must not reroute it.
+        network_->setProxy(QNetworkProxy::NoProxy);
+    }
+    return *network_;
+}
+
+void AppDelegate::applicationDidFinishLaunching()
+{
+    AppLogger &logger = AppLogger::shared();
+    logger.log(QStringLiteral("Application did finish launching."));
+
+    launchedAtLogin = QCoreApplication::arguments().contains(launchedAtLoginArgument);
+
+    Bundle bundle(configuration_.resourceDirectory, configuration_.infoPlistPath, configuration_.executablePath);
+    if (const auto identifier = bundle.bundleIdentifier()) {
+        if (platform_.runningApplications &&
+            platform_.runningApplications->runningApplicationCount(*identifier) >= 2) {
+            logger.log(QStringLiteral("Duplicate app instance detected. Terminating new instance."));
+            stopAgentOnTerminate = false;
+            if (application_)
+                application_->terminate();
+            return;
+        }
+    }
+
+    if (application_)
+        application_->setActivationPolicy(ApplicationHost::ActivationPolicyAccessory);
+
+    logger.log(QStringLiteral("Configuring status menu."));
+    assembleStatusMenu();
+
+    configureMountedVolumeMonitoring();
+
+    if (launchedAtLogin) {
+        presentedWelcomeOnLaunch = false;
+    } else {
+        const QString currentVersion = currentBundleVersion();
+        const QVariant stored = userDefaults().value(welcomePresentationDefaultsKey);
+        const bool alreadyPresented =
+            stored.typeId() == QMetaType::QString && stored.toString() == currentVersion;
+        presentedWelcomeOnLaunch = alreadyPresented ? false : openGettingStartedPage(true);
+    }
+
+    refreshRunAtStartupState();
+
+    refreshHealth();
+
+    QTimer::singleShot(configuration_.launchFlowDelay, this, [weakSelf = QPointer<AppDelegate>(this)] {
+        if (!weakSelf)
+            return;
+        AppLogger::shared().log(QStringLiteral("Launch flow starting. launchedAtLogin=") +
+                                (weakSelf->launchedAtLogin ? QStringLiteral("true") : QStringLiteral("false")));
+        weakSelf->startAgentIfNeededOnLaunch();
+    });
+
+    delete refreshTimer;
+    refreshTimer = new QTimer(this);
+    refreshTimer->setInterval(configuration_.refreshInterval);
+    connect(refreshTimer, &QTimer::timeout, this, &AppDelegate::refreshHealthTimerFired);
+    refreshTimer->start();
+}

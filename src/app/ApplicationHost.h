@@ -1,0 +1,58 @@
+// The application object: launching, the termination protocol with its delegate, and system
+// quit requests (SIGTERM, SIGINT, SIGHUP) turned into orderly termination on the main thread.
+#pragma once
+
+#include <QObject>
+#include <QPointer>
+
+class AppDelegate;
+class QSocketNotifier;
+
+class ApplicationHost : public QObject {
+    Q_OBJECT
+public:
+    enum TerminateReply { TerminateCancel = 0, TerminateNow = 1, TerminateLater = 2 };
+    enum ActivationPolicy { ActivationPolicyRegular = 0, ActivationPolicyAccessory = 1 };
+
+    explicit ApplicationHost(QObject *parent = nullptr);
+    ~ApplicationHost() override;
+
+    void setDelegate(AppDelegate *delegate);
+    AppDelegate *delegate() const { return delegate_; }
+
+    // Tells the delegate, on the next turn of the event loop, that launching has finished.
+    void finishLaunching();
+
+    // Starts an orderly termination: asks the delegate, then ends now, later or not at all.
+    void terminate();
+    // The final answer after a deferred reply. It may come while the delegate is still being
+    // asked; it then takes effect once the deferred reply has been returned.
+    void replyToApplicationShouldTerminate(bool shouldTerminate);
+
+    void setActivationPolicy(ActivationPolicy policy) { activationPolicy_ = policy; }
+    ActivationPolicy activationPolicy() const { return activationPolicy_; }
+
+    bool isTerminating() const { return replyPending_ || terminated_; }
+    bool hasTerminated() const { return terminated_; }
+
+    // Routes SIGTERM, SIGINT and SIGHUP into terminate(). Once per process.
+    void installQuitSignalHandlers();
+
+signals:
+    // Emitted once, after the delegate's applicationWillTerminate. The process entry leaves its
+    // event loop on it; tests observe it instead.
+    void terminated();
+
+private:
+    void finishTermination();
+    void handleQuitSignal();
+
+    QPointer<AppDelegate> delegate_;
+    ActivationPolicy activationPolicy_ = ActivationPolicyRegular;
+    bool askingDelegate_ = false;
+    bool replyPending_ = false;
+    bool earlyAnswer_ = false;
+    bool earlyAnswerValue_ = false;
+    bool terminated_ = false;
+    QSocketNotifier *signalNotifier_ = nullptr;
+};

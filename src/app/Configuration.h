@@ -1,0 +1,59 @@
+// The controller's fixed configuration: endpoints, labels, the defaults key, timings and the
+// folders it works in. Production takes fromEnvironment(); tests build their own.
+#pragma once
+
+#include <QString>
+#include <QStringList>
+#include <QUrl>
+#include <chrono>
+#include <optional>
+
+struct Configuration {
+    // Product web site and the agent's loopback endpoints.
+    QUrl cloudAdminURL;
+    QUrl agentUpdateURL;
+    QUrl localAdminURL;
+    QUrl healthURL;
+    QUrl mountedVolumeSyncURL;
+
+    QString bundleIdentifier = QStringLiteral(QUILLMERE_BUNDLE_IDENTIFIER);
+    QString launchAgentLabel = QStringLiteral("com.tallyhold.agent.app");
+    QStringList obsoleteNativeLaunchAgentLabels = {
+        QStringLiteral("com.tallyhold.agent.menubarbeta.app"),
+        QStringLiteral("com.tallyhold.agent.nativebeta.app"),
+        QStringLiteral("com.tallyhold.agent"),
+    };
+    QString welcomePresentationDefaultsKey = QStringLiteral("QuillmereAgentWelcomePresentedBundleVersion");
+
+    std::chrono::milliseconds launchFlowDelay{400};
+    std::chrono::milliseconds refreshInterval{5000};
+    std::chrono::milliseconds healthTimeout{2500};
+    std::chrono::milliseconds volumeSyncTimeout{3000};
+    std::chrono::milliseconds volumeSyncDebounce{1000};
+
+    // The user's home folder (LaunchAgents live below it).
+    QString homeDirectory;
+    // Per-user application support: ~/Library/Application Support on macOS, $XDG_DATA_HOME here.
+    QString applicationSupportDirectory;
+    // Per-user configuration folder ($XDG_CONFIG_HOME): user defaults and autostart entries.
+    QString configDirectory;
+    // Per-user runtime folder ($XDG_RUNTIME_DIR): the single-instance lock.
+    QString runtimeStateDirectory;
+    // The bundle stand-in: resource folder (none when the bundle has none), its Info.plist and
+    // the executable.
+    std::optional<QString> resourceDirectory;
+    QString infoPlistPath;
+    std::optional<QString> executablePath;
+    // The folder whose entries are the mounted volumes.
+    QString volumeMountDirectory;
+    QString launchctlPath = QStringLiteral("/bin/launchctl");
+
+    // Fills the endpoints from an agent base address such as http://127.0.0.1:8787.
+    void setAgentBaseURL(const QUrl &base);
+    void setWebsiteBaseURL(const QUrl &base);
+
+    // The documented defaults, resolved against the environment (HOME, XDG_*, the executable's
+    // location). QUILLMERE_AGENT_PORT moves the agent endpoints off 8787 for development and
+    // black-box tests; QUILLMERE_VOLUMES_DIR replaces the removable-media folder.
+    static Configuration fromEnvironment();
+};

@@ -1,0 +1,55 @@
+// Termination: the agent is stopped before the application exits.
+#include "app/AppDelegate.h"
+
+#include "app/log/AppLogger.h"
+
+#include <QTimer>
+
+ApplicationHost::TerminateReply AppDelegate::applicationShouldTerminate()
+{
+    if (!stopAgentOnTerminate) {
+        AppLogger::shared().log(QStringLiteral("Termination requested with stop bypass enabled."));
+        return ApplicationHost::TerminateNow;
+    }
+    if (terminationReplyPending)
+        return ApplicationHost::TerminateLater;
+
+    AppLogger::shared().log(QStringLiteral("Application termination requested. Stopping agent before exit."));
+    terminationReplyPending = true;
+    terminateAfterStop = true;
+    if (stopInFlight)
+        updateStateMenu(QStringLiteral("Status: Stopping and Scanning..."), lastKnownVersion, false);
+    else
+        requestAgentStop(true);
+    return ApplicationHost::TerminateLater;
+}
+
+void AppDelegate::finishTerminationAfterStop(int exitCode)
+{
+    AppLogger::shared().log(QStringLiteral("Termination stop finished with exit code ") + QString::number(exitCode) +
+                            QLatin1Char('.'));
+    terminateAfterStop = false;
+    if (terminationReplyPending) {
+        terminationReplyPending = false;
+        if (application_)
+            application_->replyToApplicationShouldTerminate(true);
+    } else if (application_) {
+        application_->terminate();
+    }
+}
+
+void AppDelegate::applicationWillTerminate()
+{
+    AppLogger::shared().log(QStringLiteral("Application will terminate."));
+    if (refreshTimer)
+        refreshTimer->stop();
+    removeMountedVolumeMonitoring();
+}
+
+void AppDelegate::quitApp()
+{
+    AppLogger::shared().log(QStringLiteral("Quit requested from menu."));
+    stopAgentOnTerminate = true;
+    if (application_)
+        application_->terminate();
+}

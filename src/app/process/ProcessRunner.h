@@ -1,0 +1,26 @@
+// Runs one child process to its end and hands back its exit status and output, logging the
+// command, its output and its exit status on the way.
+#pragma once
+
+#include <QString>
+#include <QStringList>
+#include <functional>
+
+struct ProcessResult {
+    int exitCode = 0;
+    QString stdOut;
+    QString stdErr;
+};
+
+class ProcessRunner {
+public:
+    using Completion = std::function<void(int exitCode, const QString &stdOut, const QString &stdErr)>;
+
+    ProcessRunner() = delete;
+
+    // Blocks the calling thread until the child has exited. A child that cannot be started
+    // gives exit code 1, empty output and the start error's description as standard error.
+    static ProcessResult runSync(const QString &executablePath, const QStringList &arguments);
+    // Runs runSync on a background thread and calls completion there, exactly once.
+    static void run(const QString &executablePath, const QStringList &arguments, Completion completion);
+};

@@ -1,0 +1,38 @@
+// Process entry: the application object, the one controller, the event loop.
+#include "app/AppDelegate.h"
+#include "app/ApplicationHost.h"
+#include "app/log/AppLogger.h"
+
+#include <QApplication>
+
+namespace {
+
+// Without a display the program runs headless: the agent is still supervised and the log written.
+void chooseHeadlessPlatformWithoutDisplay()
+{
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM") && qEnvironmentVariableIsEmpty("DISPLAY") &&
+        qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    chooseHeadlessPlatformWithoutDisplay();
+    QApplication application(argc, argv);
+    QApplication::setQuitOnLastWindowClosed(false);
+
+    ApplicationHost host;
+    Configuration configuration = Configuration::fromEnvironment();
+    PlatformServices platform = PlatformServices::forThisSystem(configuration);
+    AppDelegate delegate(std::move(configuration), std::move(platform), &host);
+    host.setDelegate(&delegate);
+    QObject::connect(&host, &ApplicationHost::terminated, &application, [] { QCoreApplication::exit(0); });
+    host.installQuitSignalHandlers();
+    host.finishLaunching();
+
+    application.exec();
+    AppLogger::shared().flush();
+    return 0;
+}

@@ -1,0 +1,97 @@
+// The status menu: its items in order, the state and version lines, and the availability rule.
+#include "app/AppDelegate.h"
+
+#include <QAction>
+#include <QMenu>
+
+QAction *AppDelegate::makeMenuItem(QAction *&storage, const QString &title, void (AppDelegate::*action)())
+{
+    if (!storage) {
+        storage = new QAction(title, this);
+        storage->setShortcut(QKeySequence());
+        connect(storage, &QAction::triggered, this, action);
+    }
+    return storage;
+}
+
+QAction *AppDelegate::startMenuItem()
+{
+    return makeMenuItem(startMenuItem_, QStringLiteral("Start Agent"), &AppDelegate::startAgentFromMenu);
+}
+
+QAction *AppDelegate::stopMenuItem()
+{
+    return makeMenuItem(stopMenuItem_, QStringLiteral("Stop Agent"), &AppDelegate::stopAgentFromMenu);
+}
+
+QAction *AppDelegate::openCloudAdminMenuItem()
+{
+    return makeMenuItem(openCloudAdminMenuItem_, QStringLiteral("Open Cloud Admin"), &AppDelegate::openCloudAdmin);
+}
+
+QAction *AppDelegate::checkForUpdatesMenuItem()
+{
+    return makeMenuItem(checkForUpdatesMenuItem_, QStringLiteral("Check for Updates"),
+                        &AppDelegate::openAgentUpdatePage);
+}
+
+QAction *AppDelegate::openLocalAdminMenuItem()
+{
+    return makeMenuItem(openLocalAdminMenuItem_, QStringLiteral("Open Local Admin"), &AppDelegate::openLocalAdmin);
+}
+
+QAction *AppDelegate::openGettingStartedMenuItem()
+{
+    return makeMenuItem(openGettingStartedMenuItem_, QStringLiteral("Open Getting Started"),
+                        &AppDelegate::openGettingStarted);
+}
+
+QAction *AppDelegate::openStartupPageMenuItem()
+{
+    return makeMenuItem(openStartupPageMenuItem_, QStringLiteral("Open Startup Status"),
+                        &AppDelegate::openStartupStatus);
+}
+
+QAction *AppDelegate::runAtStartupMenuItem()
+{
+    return makeMenuItem(runAtStartupMenuItem_, QStringLiteral("Run at Startup"), &AppDelegate::toggleRunAtStartup);
+}
+
+QAction *AppDelegate::openLogsMenuItem()
+{
+    return makeMenuItem(openLogsMenuItem_, QStringLiteral("Open Logs"), &AppDelegate::openLogs);
+}
+
+QAction *AppDelegate::quitMenuItem()
+{
+    return makeMenuItem(quitMenuItem_, QStringLiteral("Quit"), &AppDelegate::quitApp);
+}
+
+void AppDelegate::assembleStatusMenu()
+{
+    stateMenuItem->setEnabled(false);
+    versionMenuItem->setEnabled(false);
+    menu->addAction(stateMenuItem);
+    menu->addAction(versionMenuItem);
+    menu->addSeparator();
+    menu->addAction(startMenuItem());
+    menu->addAction(stopMenuItem());
+    menu->addSeparator();
+    menu->addAction(openCloudAdminMenuItem());
+    menu->addAction(checkForUpdatesMenuItem());
+    menu->addAction(openLocalAdminMenuItem());
+    menu->addAction(openGettingStartedMenuItem());
+    menu->addAction(openStartupPageMenuItem());
+    menu->addAction(openLogsMenuItem());
+    menu->addSeparator();
+    menu->addAction(runAtStartupMenuItem());
+    menu->addSeparator();
+    menu->addAction(quitMenuItem());
+    statusItem->setMenu(menu.get());
+    updateMenuAvailability();
+    configureStatusButton(false);
+}
+
+void AppDelegate::updateStateMenu(const QString &, const QString &, bool) {}
+
+void AppDelegate::updateMenuAvailability() {}

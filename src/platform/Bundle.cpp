@@ -1,0 +1,87 @@
+#include "platform/Bundle.h"
+
+#include <QFile>
+#include <QXmlStreamReader>
+
+namespace {
+
+QVariant readValue(QXmlStreamReader &xml);
+
+QVariantMap readDictionary(QXmlStreamReader &xml)
+{
+    QVariantMap map;
+    QString key;
+    while (xml.readNextStartElement()) {
+        if (xml.name() == u"key") {
+            key = xml.readElementText();
+        } else {
+            QVariant value = readValue(xml);
+            if (!key.isNull())
+                map.insert(key, value);
+            key = QString();
+        }
+    }
+    return map;
+}
+
+QVariant readValue(QXmlStreamReader &xml)
+{
+    const auto name = xml.name();
+    if (name == u"string")
+        return xml.readElementText();
+    if (name == u"integer")
+        return xml.readElementText().trimmed().toLongLong();
+    if (name == u"real")
+        return xml.readElementText().trimmed().toDouble();
+    if (name == u"true" || name == u"false") {
+        const bool value = name == u"true";
+        xml.skipCurrentElement();
+        return value;
+    }
+    if (name == u"dict")
+        return readDictionary(xml);
+    if (name == u"array") {
+        QVariantList list;
+        while (xml.readNextStartElement())
+            list.append(readValue(xml));
+        return list;
+    }
+    xml.skipCurrentElement();
+    return {};
+}
+
+} // namespace
+
+QVariantMap readPropertyListDictionary(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    QXmlStreamReader xml(&file);
+    if (!xml.readNextStartElement() || xml.name() != u"plist")
+        return {};
+    if (!xml.readNextStartElement() || xml.name() != u"dict")
+        return {};
+    QVariantMap map = readDictionary(xml);
+    return xml.hasError() ? QVariantMap() : map;
+}
+
+Bundle::Bundle(std::optional<QString> resourceDirectory, QString infoPlistPath, std::optional<QString> executablePath)
+    : resourceDirectory_(std::move(resourceDirectory)),
+      infoPlistPath_(std::move(infoPlistPath)),
+      executablePath_(std::move(executablePath))
+{
+}
+
+QVariant Bundle::objectForInfoDictionaryKey(const QString &key) const
+{
+    return readPropertyListDictionary(infoPlistPath_).value(key);
+}
+
+std::optional<QString> Bundle::bundleIdentifier() const
+{
+    const QVariant value = objectForInfoDictionaryKey(QStringLiteral("CFBundleIdentifier"));
+    if (value.typeId() == QMetaType::QString && !value.toString().isEmpty())
+        return value.toString();
+    return std::nullopt;
+}

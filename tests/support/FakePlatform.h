@@ -1,0 +1,84 @@
+// Platform services for tests: a status item whose button can be missing, an opener that
+// records, a scriptable login-item service and a settable instance count.
+#pragma once
+
+#include "platform/PlatformServices.h"
+
+#include <QList>
+#include <QMenu>
+#include <QPointer>
+#include <QStringList>
+#include <QUrl>
+#include <deque>
+
+class FakeStatusItem : public StatusItem {
+public:
+    explicit FakeStatusItem(bool hasButton = true) : hasButton_(hasButton) {}
+    StatusButton *button() override { return hasButton_ ? &button_ : nullptr; }
+    void setMenu(QMenu *menu) override { menu_ = menu; }
+    QMenu *menu() const override { return menu_; }
+
+private:
+    bool hasButton_;
+    StatusButton button_;
+    QPointer<QMenu> menu_;
+};
+
+class RecordingOpener : public LocationOpener {
+public:
+    void open(const QUrl &location) override { opened.append(location); }
+    QList<QUrl> opened;
+};
+
+class FakeLoginItemService : public LoginItemService {
+public:
+    bool isAvailable() const override { return available; }
+    int status() const override
+    {
+        ++statusReads;
+        return currentStatus;
+    }
+    std::optional<LoginItemError> registerApp() override
+    {
+        calls.append(QStringLiteral("register"));
+        if (registerResult)
+            return registerResult;
+        currentStatus = statusAfterRegister;
+        return std::nullopt;
+    }
+    std::optional<LoginItemError> unregisterApp() override
+    {
+        calls.append(QStringLiteral("unregister"));
+        if (unregisterResult)
+            return unregisterResult;
+        currentStatus = statusNotRegistered;
+        return std::nullopt;
+    }
+    void openSystemSettingsLoginItems() override { calls.append(QStringLiteral("openSettings")); }
+
+    bool available = true;
+    int currentStatus = statusNotRegistered;
+    int statusAfterRegister = statusEnabled;
+    std::optional<LoginItemError> registerResult;
+    std::optional<LoginItemError> unregisterResult;
+    QStringList calls;
+    mutable int statusReads = 0;
+};
+
+class FixedRunningApplications : public RunningApplications {
+public:
+    int runningApplicationCount(const QString &) override { return count; }
+    int count = 1;
+};
+
+// Builds fake services and keeps plain pointers to them for the test to inspect. The services
+// are owned by the controller once handed over.
+struct FakePlatform {
+    FakeStatusItem *statusItem = nullptr;
+    RecordingOpener *opener = nullptr;
+    FakeLoginItemService *loginItems = nullptr;
+    WorkspaceNotificationCenter *notifications = nullptr;
+    FixedRunningApplications *runningApplications = nullptr;
+
+    PlatformServices services(bool statusButtonAvailable = true);
+};

@@ -1,0 +1,51 @@
+// A temporary world for one test executable: home, data, config and runtime folders, a bundle
+// stand-in with a runtime folder, a volume folder, and the log read back from its file.
+#pragma once
+
+#include "app/Configuration.h"
+
+#include <QDeadlineTimer>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+#include <QUrl>
+
+class TestEnvironment {
+public:
+    // Points HOME and the XDG folders into a new temporary folder. Create it before anything
+    // logs: the shared log is placed on first use.
+    TestEnvironment();
+
+    QString root() const { return dir_.path(); }
+    QString home() const { return root() + QStringLiteral("/home"); }
+    QString dataHome() const { return home() + QStringLiteral("/.local/share"); }
+    QString configHome() const { return home() + QStringLiteral("/.config"); }
+    QString runtimeStateDir() const { return root() + QStringLiteral("/run"); }
+    QString resourceDir() const { return root() + QStringLiteral("/share/quillmere-menu"); }
+    QString runtimeDir() const { return resourceDir() + QStringLiteral("/runtime"); }
+    QString volumesDir() const { return root() + QStringLiteral("/volumes"); }
+    QString logsDir() const { return dataHome() + QStringLiteral("/TallyholdAgent/runtime/logs"); }
+    QString logFile() const { return logsDir() + QStringLiteral("/menu-app.log"); }
+
+    // A configuration that reaches only this environment and the given agent address.
+    Configuration configuration(const QUrl &agentBase) const;
+
+    // Writes Info.plist with these values (a null QString leaves the key out).
+    void writeInfoPlist(const QString &bundleVersion, const QString &shortVersion = QStringLiteral("1.0"),
+                        const QString &identifier = QStringLiteral("com.tallyhold.agent.app")) const;
+    // Writes an executable shell script (the text after the #! line).
+    static void writeScript(const QString &path, const QString &body);
+
+    // Every line of the shared log, without timestamps, after all queued lines are written.
+    QStringList logMessages() const;
+    // Marks the current end of the log; messagesSinceMark() then gives only newer lines.
+    void markLog();
+    QStringList messagesSinceMark() const;
+    // Waits, processing events, until a line equal to message (or starting with it when
+    // prefix is true) appears after the mark.
+    bool waitForLogMessage(const QString &message, int timeoutMs = 10000, bool prefix = false) const;
+
+private:
+    QTemporaryDir dir_;
+    qsizetype mark_ = 0;
+};
