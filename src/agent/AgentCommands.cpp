@@ -1,6 +1,35 @@
 // Starting and stopping the agent through its control script.
 #include "app/AppDelegate.h"
 
+#include "app/log/AppLogger.h"
+#include "app/process/ProcessRunner.h"
+
+#include <QFileInfo>
+#include <QMetaObject>
+#include <QCoreApplication>
+#include <QPointer>
+
+namespace {
+
+const QString controlScriptName = QStringLiteral("agentctl.sh");
+
+// Hands a child's exit code back to the controller on the main thread, if it still exists.
+ProcessRunner::Completion onMainThread(AppDelegate *controller, std::function<void(AppDelegate &, int)> handler)
+{
+    return [weakSelf = QPointer<AppDelegate>(controller), handler = std::move(handler)](int exitCode, const QString &,
+                                                                                        const QString &) {
+        QMetaObject::invokeMethod(
+            qApp,
+            [weakSelf, handler, exitCode] {
+                if (weakSelf)
+                    handler(*weakSelf, exitCode);
+            },
+            Qt::QueuedConnection);
+    };
+}
+
+} // namespace
+
 void AppDelegate::startAgentFromMenu()
 {
     startAgent(true);
@@ -11,12 +40,73 @@ void AppDelegate::stopAgentFromMenu()
     requestAgentStop(false);
 }
 
-void AppDelegate::startAgent(bool) {}
+void AppDelegate::startAgent(bool openStatusPage)
+{
+    AppLogger &logger = AppLogger::shared();
+    const auto runtime = runtimeDirectory();
+    if (!runtime) {
+        logger.log(QStringLiteral("Could not resolve agentctl.sh inside app bundle."));
+        updateStateMenu(QStringLiteral("Status: Missing runtime files"), lastKnownVersion, false);
+        return;
+    }
+    const QString script = *runtime + QLatin1Char('/') + controlScriptName;
+    const QFileInfo scriptInfo(script);
+    if (!scriptInfo.isFile() || !scriptInfo.isExecutable()) {
+        logger.log(QStringLiteral("agentctl.sh exists but is not executable: ") + script);
+        updateStateMenu(QStringLiteral("Status: Missing runtime files"), lastKnownVersion, false);
+        return;
+    }
+
+    if (openStatusPage)
+        openStartupPage(false);
+    startInFlight = true;
+    stopInFlight = false;
+    updateStateMenu(QStringLiteral("Status: Starting..."), lastKnownVersion, false);
+
+    ProcessRunner::run(script, {QStringLiteral("start")},
+                       onMainThread(this, [openStatusPage](AppDelegate &self, int exitCode) {
+                           self.startInFlight = false;
+                           self.refreshHealth();
+                           if (exitCode == 0)
+                               return;
+                           AppLogger::shared().log(QStringLiteral("Agent start command failed with exit code ") +
+                                                   QString::number(exitCode));
+                           if (openStatusPage) {
+                               self.openStartupPage(true);
+                               self.openLogs();
+                           }
+                           self.updateStateMenu(QStringLiteral("Status: Start failed"), self.lastKnownVersion, false);
+                       }));
+}
 
 void AppDelegate::requestAgentStop(bool terminateWhenFinished)
 {
     if (terminateWhenFinished)
         terminateAfterStop = true;
-    if (terminateAfterStop)
-        finishTerminationAfterStop(1);
+
+    const auto runtime = runtimeDirectory();
+    if (!runtime) {
+        AppLogger::shared().log(QStringLiteral("Could not resolve agentctl.sh for stop request."));
+        if (terminateAfterStop)
+            finishTerminationAfterStop(1);
+        return;
+    }
+    // Not checked for being executable: the runner reports a script it cannot start as exit 1.
+    const QString script = *runtime + QLatin1Char('/') + controlScriptName;
+
+    stopInFlight = true;
+    startInFlight = false;
+    updateStateMenu(terminateAfterStop ? QStringLiteral("Status: Stopping and Scanning...")
+                                       : QStringLiteral("Status: Stopping..."),
+                    lastKnownVersion, false);
+
+    ProcessRunner::run(script, {QStringLiteral("stop")}, onMainThread(this, [](AppDelegate &self, int exitCode) {
+                           self.stopInFlight = false;
+                           self.refreshHealth();
+                           if (exitCode != 0)
+                               AppLogger::shared().log(QStringLiteral("Agent stop command finished with exit code ") +
+                                                       QString::number(exitCode));
+                           if (self.terminateAfterStop)
+                               self.finishTerminationAfterStop(exitCode);
+                       }));
 }

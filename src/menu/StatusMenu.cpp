@@ -1,6 +1,9 @@
 // The status menu: its items in order, the state and version lines, and the availability rule.
 #include "app/AppDelegate.h"
 
+#include "app/log/AppLogger.h"
+#include "menu/MenuAvailability.h"
+
 #include <QAction>
 #include <QMenu>
 
@@ -92,6 +95,33 @@ void AppDelegate::assembleStatusMenu()
     configureStatusButton(false);
 }
 
-void AppDelegate::updateStateMenu(const QString &, const QString &, bool) {}
+void AppDelegate::updateStateMenu(const QString &title, const QString &version, bool running)
+{
+    agentIsRunning = running;
+    lastKnownVersion = version.isEmpty() ? QStringLiteral("--") : version;
+    stateMenuItem->setText(title);
+    versionMenuItem->setText(QStringLiteral("Version: ") + lastKnownVersion);
+    configureStatusButton(running);
+    updateMenuAvailability();
 
-void AppDelegate::updateMenuAvailability() {}
+    if (title == lastStateTitle)
+        return;
+    lastStateTitle = title;
+    AppLogger::shared().log(QStringLiteral("State updated: ") + title + QStringLiteral(" version=") + lastKnownVersion +
+                            QStringLiteral(" running=") + (running ? QStringLiteral("true") : QStringLiteral("false")));
+}
+
+void AppDelegate::updateMenuAvailability()
+{
+    const MenuAvailability availability =
+        menuAvailability({agentIsRunning, startInFlight, stopInFlight, runtimeDirectory().has_value()});
+    startMenuItem()->setEnabled(availability.start);
+    stopMenuItem()->setEnabled(availability.stop);
+    openLocalAdminMenuItem()->setEnabled(true);
+    openCloudAdminMenuItem()->setEnabled(true);
+    checkForUpdatesMenuItem()->setEnabled(true);
+    openGettingStartedMenuItem()->setEnabled(availability.pages);
+    openStartupPageMenuItem()->setEnabled(availability.pages);
+    openLogsMenuItem()->setEnabled(true);
+    runAtStartupMenuItem()->setEnabled(true);
+}
