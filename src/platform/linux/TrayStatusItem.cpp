@@ -24,10 +24,31 @@ void TrayStatusItem::setMenu(QMenu *menu)
     tray_.setContextMenu(menu);
 }
 
+namespace {
+
+// The side at which two icons are compared by look.
+constexpr int comparisonSide = 18;
+
+bool looksTheSame(const QIcon &a, const QIcon &b)
+{
+    if (a.isNull() || b.isNull())
+        return a.isNull() == b.isNull();
+    return a.pixmap(comparisonSide).toImage() == b.pixmap(comparisonSide).toImage();
+}
+
+} // namespace
+
 void TrayStatusItem::apply()
 {
-    if (tray_.icon().cacheKey() != button_.image().cacheKey())
-        tray_.setIcon(button_.image());
+    // Every state update hands the button a new image, mostly with the same look. Handing the
+    // tray a new icon makes it re-render and re-send it (over D-Bus to the panel), so only a new
+    // look is passed on; each new image is compared once.
+    const qint64 imageKey = button_.image().cacheKey();
+    if (imageKey != lastImageKey_) {
+        lastImageKey_ = imageKey;
+        if (!looksTheSame(tray_.icon(), button_.image()))
+            tray_.setIcon(button_.image());
+    }
     if (tray_.toolTip() != button_.toolTip())
         tray_.setToolTip(button_.toolTip());
     // The icon is shown once it has something to show; a tray without a host keeps it hidden.

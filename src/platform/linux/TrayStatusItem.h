@@ -24,4 +24,5 @@ private:
     StatusButton button_;
     QSystemTrayIcon tray_;
     QPointer<QMenu> menu_;
+    qint64 lastImageKey_ = 0;
 };
