@@ -43,13 +43,13 @@ QString isoUtc(const QDateTime &moment)
     return moment.toUTC().toString(Qt::ISODate);
 }
 
-void log(const QString &message)
+} // namespace
+
+void logLine(const QString &message)
 {
     QTextStream out(stdout);
     out << isoUtc(QDateTime::currentDateTimeUtc()) << " | " << message << Qt::endl;
 }
-
-} // namespace
 
 DemoAgent::DemoAgent(QString version, QObject *parent)
     : QObject(parent), version_(std::move(version)), startedAt_(QDateTime::currentDateTimeUtc())
@@ -62,7 +62,7 @@ bool DemoAgent::listen(quint16 port)
     // Loopback only: nothing outside this machine may reach the agent.
     if (!server_.listen(QHostAddress::LocalHost, port))
         return false;
-    log(QStringLiteral("quillmere-demo-agent %1 listening on 127.0.0.1:%2").arg(version_).arg(port));
+    logLine(QStringLiteral("quillmere-demo-agent %1 listening on 127.0.0.1:%2").arg(version_).arg(port));
     return true;
 }
 
@@ -145,9 +145,9 @@ DemoAgent::Response DemoAgent::acceptSnapshot(const QByteArray &body)
     lastSnapshotAt_ = QDateTime::currentDateTimeUtc();
     ++snapshotCount_;
     const QJsonObject snapshot = document.object();
-    log(QStringLiteral("Volume snapshot received: event=%1 volumes=%2")
-            .arg(snapshot.value(QStringLiteral("event")).toString())
-            .arg(snapshot.value(QStringLiteral("volumes")).toArray().size()));
+    logLine(QStringLiteral("Volume snapshot received: event=%1 volumes=%2")
+                .arg(snapshot.value(QStringLiteral("event")).toString())
+                .arg(snapshot.value(QStringLiteral("volumes")).toArray().size()));
     return {200, "application/json", jsonBody({{QStringLiteral("ok"), true}})};
 }
 

@@ -11,6 +11,9 @@
 
 class QTcpSocket;
 
+// One time-stamped line on standard output, which agentctl.sh sends to agent.log.
+void logLine(const QString &message);
+
 class DemoAgent : public QObject {
 public:
     explicit DemoAgent(QString version, QObject *parent = nullptr);

@@ -7,7 +7,6 @@
 #include <QJsonObject>
 #include <QSocketNotifier>
 #include <QTcpSocket>
-#include <QTextStream>
 
 #include <csignal>
 #include <cstdio>
@@ -64,7 +63,7 @@ void quitOnTerminationSignals(QCoreApplication &application)
     QObject::connect(notifier, &QSocketNotifier::activated, &application, [&application] {
         char byte = 0;
         [[maybe_unused]] const ssize_t got = ::read(signalPipe[0], &byte, 1);
-        QTextStream(stdout) << "Stopping on signal " << int(byte) << Qt::endl;
+        logLine(QStringLiteral("Stopping on signal %1.").arg(int(byte)));
         application.quit();
     });
     struct sigaction action = {};
