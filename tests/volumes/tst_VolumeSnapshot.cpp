@@ -4,6 +4,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QTemporaryDir>
@@ -19,6 +20,7 @@ private slots:
     void signatureFollowsContentAndOrder_data();
     void signatureFollowsContentAndOrder();
     void signatureAndBodyAreCompactJson();
+    void writtenLikeQtsCompactJson();
     void textJsonCannotCarryIsRefused();
     void listingIncludesHiddenEntriesAndEveryKind();
     void unreadableFolderListsNothing();
@@ -170,6 +172,26 @@ void VolumeSnapshotTest::signatureAndBodyAreCompactJson()
     QCOMPARE(parsed.keys(), QStringList({QStringLiteral("event"), QStringLiteral("source"), QStringLiteral("volumes")}));
     QCOMPARE(volumeSyncBody({}, QStringLiteral("coalesced")),
              QByteArray("{\"event\":\"coalesced\",\"source\":\"menu-app\",\"volumes\":[]}"));
+}
+
+void VolumeSnapshotTest::writtenLikeQtsCompactJson()
+{
+    // Every character that needs escaping, and text beyond ASCII, against Qt's own writer.
+    QString awkward = QStringLiteral(u"q\"b\\s/\u007F\u00E9\u2028\U0001F4BE");
+    for (char16_t c = 1; c < 0x20; ++c)
+        awkward += QChar(c);
+    const QList<VolumeEntry> snapshot = {{awkward, QStringLiteral("/Volumes/") + awkward, true},
+                                         {QStringLiteral("Plain"), QStringLiteral("/Volumes/Plain"), true}};
+    QJsonArray volumes;
+    for (const VolumeEntry &entry : snapshot)
+        volumes.append(QJsonObject{{QStringLiteral("name"), entry.name},
+                                   {QStringLiteral("path"), entry.path},
+                                   {QStringLiteral("isMounted"), entry.isMounted}});
+    QCOMPARE(volumeSnapshotSignature(snapshot), QJsonDocument(volumes).toJson(QJsonDocument::Compact));
+    const QJsonObject body{{QStringLiteral("volumes"), volumes},
+                           {QStringLiteral("source"), QStringLiteral("menu-app")},
+                           {QStringLiteral("event"), awkward}};
+    QCOMPARE(volumeSyncBody(snapshot, awkward), QJsonDocument(body).toJson(QJsonDocument::Compact));
 }
 
 void VolumeSnapshotTest::textJsonCannotCarryIsRefused()
