@@ -172,7 +172,7 @@ void VolumeMonitoringTest::laterTriggerReplacesTheWaitingOne()
     QCOMPARE(eventOf(agent.requestsFor(syncPath).constFirst()), secondReason);
     const qint64 waited = arrivals.constFirst() - scheduled;
     if (secondForced)
-        QVERIFY2(waited < debounce.count() / 2, QByteArray::number(waited).constData());
+        QVERIFY2(waited < debounce.count() * 3 / 4, QByteArray::number(waited).constData());
     else
         QVERIFY2(waited >= debounce.count() * 9 / 10, QByteArray::number(waited).constData());
 

@@ -31,6 +31,7 @@ private slots:
     void syncsAskedDuringARequestBecomeOneFollowUp_data();
     void syncsAskedDuringARequestBecomeOneFollowUp();
     void unreadableMountFolderPostsAnEmptyList();
+    void bodyThatCannotBeWrittenIsLoggedNotSent();
 
 private:
     std::unique_ptr<AppDelegate> makeController(const QUrl &agent,
@@ -243,6 +244,25 @@ void VolumeSyncTest::unreadableMountFolderPostsAnEmptyList()
     QTRY_COMPARE(agent.countFor(syncPath), 1);
     QCOMPARE(bodyOf(agent.requestsFor(syncPath).constFirst()).value(QStringLiteral("volumes")).toArray(), QJsonArray());
     QTRY_COMPARE(delegate->lastMountedVolumeSyncSignature, QStringLiteral("[]"));
+}
+
+void VolumeSyncTest::bodyThatCannotBeWrittenIsLoggedNotSent()
+{
+    FakeAgent agent;
+    agent.setResponse(syncPath, {200, "{}"});
+    auto delegate = makeController(agent.baseURL());
+
+    // A lone surrogate has no UTF-8 form, so no JSON text can carry this event.
+    delegate->syncMountedVolumesCache(QString(QChar(0xD800)), true);
+    QVERIFY(!delegate->mountedVolumeSyncInFlight);
+    QVERIFY(!delegate->mountedVolumeSyncPending);
+    QVERIFY(delegate->lastMountedVolumeSyncSignature.isEmpty());
+    QCOMPARE(env.messagesSinceMark(), QStringList{QStringLiteral("Mounted volume sync payload encoding failed.")});
+
+    delegate->syncMountedVolumesCache(QStringLiteral("agent-running"), true);
+    QTRY_COMPARE(agent.countFor(syncPath), 1);
+    QCOMPARE(bodyOf(agent.requestsFor(syncPath).constFirst()).value(QStringLiteral("event")).toString(),
+             QStringLiteral("agent-running"));
 }
 
 QTEST_MAIN(VolumeSyncTest)
