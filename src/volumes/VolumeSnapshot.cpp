@@ -1,3 +1,4 @@
+// Building the volume snapshot from a listing of the mount folder, and writing it as JSON.
 #include "volumes/VolumeSnapshot.h"
 
 #include <QFile>

@@ -1,3 +1,4 @@
+// Reading the mount table, diffing two readings, and the notifier that wakes on a change.
 #include "platform/linux/MountInfoWatcher.h"
 
 #include "platform/WorkspaceNotificationCenter.h"
