@@ -21,7 +21,13 @@ FakeAgent::FakeAgent(QObject *parent) : QObject(parent)
         qFatal("FakeAgent could not listen on loopback: %s", qPrintable(server_.errorString()));
 }
 
-FakeAgent::~FakeAgent() = default;
+FakeAgent::~FakeAgent()
+{
+    // Connections still open (a hanging answer) are children of the server, which outlives the
+    // other members; closing them then must not call back into the already destroyed buffers.
+    for (QTcpSocket *socket : server_.findChildren<QTcpSocket *>())
+        socket->disconnect(this);
+}
 
 QUrl FakeAgent::baseURL() const
 {
