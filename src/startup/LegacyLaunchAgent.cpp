@@ -63,7 +63,7 @@ QString xmlEscaped(const QString &text)
 QString legacyLaunchAgentPlistText(const QString &label, const QString &executablePath, const QString &outLogPath,
                                    const QString &errLogPath)
 {
-    // Line 2 is the document type the system's own property list writer puts there.
+    // Line 2 is the DOCTYPE line the system's own property list writer puts there.
     return QStringLiteral("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
                           "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
                           "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
