@@ -1,8 +1,32 @@
-// Launch agents of earlier editions that started the application at login.
+// Launch agents of earlier editions that started the application at login: where they are, and
+// their removal.
 #include "app/AppDelegate.h"
+#include "app/log/AppLogger.h"
+#include "startup/LegacyLaunchAgent.h"
+
+#include <QFile>
 
 QStringList AppDelegate::obsoleteNativeLaunchAgentPlistURLs() const
 {
-    return {};
+    QStringList paths;
+    paths.reserve(obsoleteNativeLaunchAgentLabels.size());
+    for (const QString &label : obsoleteNativeLaunchAgentLabels)
+        paths.append(configuration_.homeDirectory + QStringLiteral("/Library/LaunchAgents/") + label +
+                     QStringLiteral(".plist"));
+    return paths;
 }
-void AppDelegate::removeObsoleteNativeLaunchAgentsIfPresent() {}
+
+void AppDelegate::removeObsoleteNativeLaunchAgentsIfPresent()
+{
+    // Only the marker decides: a file under an old label that does not start the application at
+    // login belongs to something else and is left alone.
+    const QStringList paths = obsoleteNativeLaunchAgentPlistURLs();
+    for (const QString &path : paths) {
+        const std::optional<QString> text = readUtf8TextFile(path);
+        if (!text || !text->contains(launchedAtLoginMarker))
+            continue;
+        bootoutLegacyLaunchAgent(path);
+        QFile::remove(path);
+        AppLogger::shared().log(QStringLiteral("Removed obsolete beta run-at-startup plist at ") + path);
+    }
+}
