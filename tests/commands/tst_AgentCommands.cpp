@@ -55,7 +55,7 @@ private:
     // A controller with its menu built, talking to the fake agent, nothing else started.
     std::unique_ptr<AppDelegate> makeController(bool withRuntimeFolder = true)
     {
-        Configuration config = env.configuration(agent.baseURL());
+        Configuration config = env.configuration(agent().baseURL());
         config.refreshInterval = std::chrono::hours(1);
         if (!withRuntimeFolder)
             config.resourceDirectory = std::nullopt;
@@ -68,7 +68,9 @@ private:
     QString scriptPath() const { return env.runtimeDir() + QStringLiteral("/agentctl.sh"); }
 
     TestEnvironment env;
-    FakeAgent agent;
+    // A fresh agent per test, so that a probe sent just before a test ended is not counted.
+    std::unique_ptr<FakeAgent> agentHolder;
+    FakeAgent &agent() { return *agentHolder; }
     FakePlatform fakes;
     ApplicationHost host;
 };
@@ -77,8 +79,8 @@ void AgentCommandsTest::init()
 {
     QFile::remove(scriptPath());
     QDir(scriptPath()).removeRecursively();
-    agent.setHealthDown();
-    agent.clearRequests();
+    agentHolder = std::make_unique<FakeAgent>();
+    agent().setHealthDown();
     env.markLog();
 }
 
@@ -117,7 +119,7 @@ void AgentCommandsTest::menuStartShowsProgressThenTheHealthAnswer()
     QVERIFY(!d->stopMenuItem()->isEnabled());
 
     if (agentAnswers)
-        agent.setHealthy(QStringLiteral("2.0.1"));
+        agent().setHealthy(QStringLiteral("2.0.1"));
     script.release(QStringLiteral("start"));
 
     QTRY_COMPARE(d->stateMenuItem->text(), finalTitle);
@@ -149,7 +151,7 @@ void AgentCommandsTest::failedStartShowsStartFailedUntilTheNextAnswer()
     FakeControlScript script(scriptPath());
     script.write({3, false, {}});
     // A slow answer leaves time to see the failure title before the refresh replaces it.
-    agent.setResponse("/healthz", {503, "{}", "application/json", false, 600});
+    agent().setResponse("/healthz", {503, "{}", "application/json", false, 600});
     auto d = makeController();
 
     if (fromMenu)
@@ -325,7 +327,7 @@ void AgentCommandsTest::overlappingCommandsClearOnlyTheirOwnFlag()
 
     script.release(QStringLiteral("start"));
     QVERIFY(env.waitForLogMessage(QStringLiteral("Process exited with code 0")));
-    QTRY_VERIFY(agent.countFor("/healthz") >= 1); // the start's completion asked for a refresh
+    QTRY_VERIFY(agent().countFor("/healthz") >= 1); // the start's completion asked for a refresh
     QVERIFY(d->stopInFlight);
     QTRY_COMPARE(d->stateMenuItem->text(), QStringLiteral("Status: Stopping..."));
 
@@ -366,7 +368,7 @@ void AgentCommandsTest::completionsAfterTheControllerIsGoneDoNothing()
 
     QCOMPARE(env.messagesSinceMark(), QStringList{QStringLiteral("Process exited with code 4")});
     QCOMPARE(terminated.count(), 0);
-    QCOMPARE(agent.countFor("/healthz"), 0);
+    QCOMPARE(agent().countFor("/healthz"), 0);
 }
 
 QTEST_MAIN(AgentCommandsTest)
