@@ -107,12 +107,13 @@ public:
         return messages;
     }
 
-    // Waits, serving events (the fake agent lives on this thread), for a line in the log.
+    // Waits, serving events (the fake agent lives on this thread), until the log holds the line
+    // at least `occurrences` times (runs of one user share a log).
     bool waitForLogMessage(const QString &message, const QString &user = QStringLiteral("first"),
-                           int timeoutMs = 15000) const
+                           int timeoutMs = 15000, int occurrences = 1) const
     {
         QDeadlineTimer deadline(timeoutMs);
-        while (!logMessages(user).contains(message)) {
+        while (logMessages(user).count(message) < occurrences) {
             if (deadline.hasExpired())
                 return false;
             QTest::qWait(20);
