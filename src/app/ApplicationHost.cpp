@@ -116,8 +116,7 @@ void ApplicationHost::finishTermination()
 
 void ApplicationHost::installQuitSignalHandlers()
 {
-    if (signalNotifier_ || signalPipe[0] != -1 ||
-        ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, signalPipe) != 0)
+    if (signalNotifier_ || signalPipe[0] != -1 || ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, signalPipe) != 0)
         return;
     makeNonBlocking(signalPipe[0]);
     makeNonBlocking(signalPipe[1]);

@@ -243,13 +243,15 @@ void AgentCommandsTest::missingRuntimeFolderRunsNothing()
 
     if (start) {
         d->startAgentFromMenu();
-        QCOMPARE(env.messagesSinceMark(),
-                 QStringList({QStringLiteral("Could not resolve agentctl.sh inside app bundle."),
-                              QStringLiteral("State updated: Status: Missing runtime files version=1.4.2 running=false")}));
+        QCOMPARE(
+            env.messagesSinceMark(),
+            QStringList({QStringLiteral("Could not resolve agentctl.sh inside app bundle."),
+                         QStringLiteral("State updated: Status: Missing runtime files version=1.4.2 running=false")}));
         QCOMPARE(d->stateMenuItem->text(), QStringLiteral("Status: Missing runtime files"));
     } else {
         d->stopAgentFromMenu();
-        QCOMPARE(env.messagesSinceMark(), QStringList{QStringLiteral("Could not resolve agentctl.sh for stop request.")});
+        QCOMPARE(env.messagesSinceMark(),
+                 QStringList{QStringLiteral("Could not resolve agentctl.sh for stop request.")});
         QCOMPARE(d->stateMenuItem->text(), QStringLiteral("Status: Running"));
         QVERIFY(!d->terminateAfterStop);
     }
@@ -304,9 +306,10 @@ void AgentCommandsTest::menuStopShowsStoppingAndLogsOnlyFailures()
         if (line.startsWith(QStringLiteral("Agent stop command")) || line.startsWith(QStringLiteral("Termination")))
             stopLines.append(line);
     }
-    QCOMPARE(stopLines, exitCode == 0 ? QStringList()
-                                      : QStringList{QStringLiteral("Agent stop command finished with exit code %1")
-                                                        .arg(exitCode)});
+    QCOMPARE(stopLines,
+             exitCode == 0
+                 ? QStringList()
+                 : QStringList{QStringLiteral("Agent stop command finished with exit code %1").arg(exitCode)});
     QVERIFY(fakes.opener->opened.isEmpty());
 }
 

@@ -49,8 +49,7 @@ private slots:
 
 private:
     void makeController(const QStringList &arguments = {QStringLiteral("quillmere-menu")},
-                        bool withRuntimeFolder = true,
-                        const QString &applicationSupportDirectory = QString())
+                        bool withRuntimeFolder = true, const QString &applicationSupportDirectory = QString())
     {
         Configuration config = env.configuration(agent->baseURL());
         config.refreshInterval = std::chrono::hours(1);
@@ -65,7 +64,10 @@ private:
     }
 
     QString defaultsFile() const { return env.configHome() + QStringLiteral("/com.tallyhold.agent.app.conf"); }
-    QUrl runtimeFile(const QString &name) const { return QUrl::fromLocalFile(env.runtimeDir() + QLatin1Char('/') + name); }
+    QUrl runtimeFile(const QString &name) const
+    {
+        return QUrl::fromLocalFile(env.runtimeDir() + QLatin1Char('/') + name);
+    }
 
     TestEnvironment env;
     std::unique_ptr<FakeAgent> agent;
@@ -121,9 +123,8 @@ void PagesTest::webPagesLogAndOpenTheirAddress()
     QVERIFY(item->isEnabled());
     item->trigger();
 
-    const QUrl expected = address.startsWith(QLatin1Char('/'))
-                              ? agent->baseURL().resolved(QUrl(address))
-                              : QUrl(address);
+    const QUrl expected =
+        address.startsWith(QLatin1Char('/')) ? agent->baseURL().resolved(QUrl(address)) : QUrl(address);
     QCOMPARE(fakes.opener->opened, QList<QUrl>{expected});
     QCOMPARE(env.messagesSinceMark(), QStringList{logLine});
 }
@@ -141,12 +142,12 @@ void PagesTest::gettingStartedOnLaunch_data()
     QTest::newRow("same version again") << QStringList{program} << currentVersion << false << false;
     QTest::newRow("older version stored") << QStringList{program} << QStringLiteral("0.9.0") << false << true;
     QTest::newRow("newer version stored") << QStringList{program} << QStringLiteral("2.0.0") << false << true;
-    QTest::newRow("stored with a trailing blank") << QStringList{program} << currentVersion + QLatin1Char(' ') << false
-                                                  << true;
+    QTest::newRow("stored with a trailing blank")
+        << QStringList{program} << currentVersion + QLatin1Char(' ') << false << true;
     QTest::newRow("login launch, older version stored")
         << QStringList{program, flag} << QStringLiteral("0.9.0") << true << false;
-    QTest::newRow("login launch, nothing stored") << QStringList{program, QStringLiteral("-v"), flag} << QString()
-                                                  << true << false;
+    QTest::newRow("login launch, nothing stored")
+        << QStringList{program, QStringLiteral("-v"), flag} << QString() << true << false;
     QTest::newRow("flag with something appended")
         << QStringList{program, flag + QStringLiteral("=1")} << currentVersion << false << false;
     QTest::newRow("flag in other letter case")
@@ -212,9 +213,8 @@ void PagesTest::gettingStartedFromTheMenuRecordsTheVersion()
     delegate->openGettingStartedMenuItem()->trigger();
 
     QCOMPARE(fakes.opener->opened, QList<QUrl>{runtimeFile(QStringLiteral("welcome.html"))});
-    QCOMPARE(env.messagesSinceMark(),
-             QStringList{QStringLiteral("Opening getting started page: ") + env.runtimeDir() +
-                         QStringLiteral("/welcome.html")});
+    QCOMPARE(env.messagesSinceMark(), QStringList{QStringLiteral("Opening getting started page: ") + env.runtimeDir() +
+                                                  QStringLiteral("/welcome.html")});
     QSettings settings(defaultsFile(), QSettings::IniFormat);
     QCOMPARE(settings.value(welcomeKey).toString(), currentVersion);
 
@@ -324,8 +324,9 @@ void PagesTest::realProgramOpensTheWelcomePageOnlyOnItsFirstInteractiveLaunch()
     FakeControlScript script(program.controlScript());
     script.write();
     const QString welcome = program.runtimeDir() + QStringLiteral("/welcome.html");
-    const QString version =
-        readPropertyListDictionary(program.resourceDir() + QStringLiteral("/Info.plist")).value(QStringLiteral("CFBundleVersion")).toString();
+    const QString version = readPropertyListDictionary(program.resourceDir() + QStringLiteral("/Info.plist"))
+                                .value(QStringLiteral("CFBundleVersion"))
+                                .toString();
     QVERIFY(!version.isEmpty());
 
     QProcess *first = program.start(agent->port());
@@ -334,7 +335,8 @@ void PagesTest::realProgramOpensTheWelcomePageOnlyOnItsFirstInteractiveLaunch()
     QVERIFY(program.logMessages().contains(QStringLiteral("Opening getting started page: ") + welcome));
     ::kill(pid_t(first->processId()), SIGTERM);
     QVERIFY(InstalledProgram::waitForExit(first));
-    const QString defaults = program.configHomeOf(QStringLiteral("first")) + QStringLiteral("/com.tallyhold.agent.app.conf");
+    const QString defaults =
+        program.configHomeOf(QStringLiteral("first")) + QStringLiteral("/com.tallyhold.agent.app.conf");
     QCOMPARE(QSettings(defaults, QSettings::IniFormat).value(welcomeKey).toString(), version);
     QSettings(defaults, QSettings::IniFormat).setValue(welcomeKey, QStringLiteral("0.0.1"));
     const QByteArray defaultsBefore = readAll(defaults);
@@ -342,8 +344,8 @@ void PagesTest::realProgramOpensTheWelcomePageOnlyOnItsFirstInteractiveLaunch()
     // At login nothing is shown even though the stored version is older.
     QProcess *atLogin = program.start(agent->port(), {QStringLiteral("--launched-at-login")});
     QVERIFY(program.waitForLogMessage(QStringLiteral("Launch flow starting. launchedAtLogin=true")));
-    QVERIFY(program.waitForLogMessage(QStringLiteral("Agent already healthy during launch."),
-                                      QStringLiteral("first"), 15000, 2));
+    QVERIFY(program.waitForLogMessage(QStringLiteral("Agent already healthy during launch."), QStringLiteral("first"),
+                                      15000, 2));
     ::kill(pid_t(atLogin->processId()), SIGTERM);
     QVERIFY(InstalledProgram::waitForExit(atLogin));
     QCOMPARE(atLogin->exitCode(), 0);

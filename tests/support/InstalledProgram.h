@@ -24,7 +24,8 @@ public:
             QDir().mkpath(path);
         if (!QFile::copy(QStringLiteral(QUILLMERE_TEST_BINARY), executable()))
             qFatal("cannot copy the program");
-        if (!QFile::copy(QStringLiteral(QUILLMERE_BUILD_RESOURCES "/Info.plist"), resourceDir() + QStringLiteral("/Info.plist")))
+        if (!QFile::copy(QStringLiteral(QUILLMERE_BUILD_RESOURCES "/Info.plist"),
+                         resourceDir() + QStringLiteral("/Info.plist")))
             qFatal("cannot copy Info.plist");
         writeExecutable(fakeBinDir() + QStringLiteral("/xdg-open"),
                         QStringLiteral("printf '%s\\n' \"$*\" >> ") + quoted(openedRecord()) + QLatin1Char('\n'));
@@ -61,14 +62,14 @@ public:
     QString runtimeStateDir() const { return root() + QStringLiteral("/xdg-runtime"); }
 
     // Starts a copy as the given user, talking to an agent on agentPort.
-    QProcess *start(quint16 agentPort, const QStringList &arguments = {},
-                    const QString &user = QStringLiteral("first"))
+    QProcess *start(quint16 agentPort, const QStringList &arguments = {}, const QString &user = QStringLiteral("first"))
     {
-        for (const QString &path : {dataHomeOf(user), configHomeOf(user), runtimeStateDir(),
-                                    root() + QStringLiteral("/volumes")})
+        for (const QString &path :
+             {dataHomeOf(user), configHomeOf(user), runtimeStateDir(), root() + QStringLiteral("/volumes")})
             QDir().mkpath(path);
         // A session runtime folder belongs to its user alone; Qt warns about anything wider.
-        QFile::setPermissions(runtimeStateDir(), QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+        QFile::setPermissions(runtimeStateDir(),
+                              QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         for (const char *name : {"DISPLAY", "WAYLAND_DISPLAY", "DBUS_SESSION_BUS_ADDRESS", "QUILLMERE_VOLUMES_DIR"})
             environment.remove(QString::fromLatin1(name));
@@ -109,8 +110,8 @@ public:
 
     // Waits, serving events (the fake agent lives on this thread), until the log holds the line
     // at least `occurrences` times (runs of one user share a log).
-    bool waitForLogMessage(const QString &message, const QString &user = QStringLiteral("first"),
-                           int timeoutMs = 15000, int occurrences = 1) const
+    bool waitForLogMessage(const QString &message, const QString &user = QStringLiteral("first"), int timeoutMs = 15000,
+                           int occurrences = 1) const
     {
         QDeadlineTimer deadline(timeoutMs);
         while (logMessages(user).count(message) < occurrences) {

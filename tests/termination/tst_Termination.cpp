@@ -155,9 +155,10 @@ void TerminationTest::quitWhileAMenuStopRunsWaitsForThatStop()
 
     QCOMPARE(delegate->stateMenuItem->text(), QStringLiteral("Status: Stopping and Scanning..."));
     QVERIFY(delegate->terminateAfterStop);
-    QCOMPARE(env.messagesSinceMark(),
-             QStringList({quitLine, requestLine,
-                          QStringLiteral("State updated: Status: Stopping and Scanning... version=1.4.2 running=false")}));
+    QCOMPARE(
+        env.messagesSinceMark(),
+        QStringList({quitLine, requestLine,
+                     QStringLiteral("State updated: Status: Stopping and Scanning... version=1.4.2 running=false")}));
 
     script.release(QStringLiteral("stop"));
     QVERIFY(terminated->wait(10000));

@@ -100,8 +100,7 @@ void TerminationReliabilityTest::quitDuringAHungStartStopsOnceAndExits()
     QVERIFY(InstalledProgram::waitForExit(process));
     QCOMPARE(process->exitStatus(), QProcess::NormalExit);
     QCOMPARE(process->exitCode(), 0);
-    QCOMPARE(script.runs(),
-             (QList<QStringList>{{QStringLiteral("start")}, {QStringLiteral("stop")}}));
+    QCOMPARE(script.runs(), (QList<QStringList>{{QStringLiteral("start")}, {QStringLiteral("stop")}}));
     const QStringList log = program.logMessages();
     QCOMPARE(log.last(), QStringLiteral("Application will terminate."));
     QCOMPARE(log.count(QStringLiteral("Application termination requested. Stopping agent before exit.")), 1);
