@@ -106,8 +106,7 @@ void TerminationReliabilityTest::quitDuringAHungStartStopsOnceAndExits()
     QCOMPARE(log.count(QStringLiteral("Application termination requested. Stopping agent before exit.")), 1);
     QVERIFY(log.contains(QStringLiteral("State updated: Status: Stopping and Scanning... version=-- running=false")));
     QVERIFY(log.contains(QStringLiteral("Termination stop finished with exit code 0.")));
-    // The start never finished while the program ran.
-    QVERIFY(!log.contains(QStringLiteral("Agent start command failed with exit code 0")));
+    // Only the stop ended while the program ran; the start was left running.
     QCOMPARE(log.filter(QStringLiteral("Process exited with code")).size(), 1);
 }
 
