@@ -5,7 +5,6 @@
 #include "platform/Bundle.h"
 
 #include <QAction>
-#include <QCoreApplication>
 #include <QMenu>
 #include <QNetworkAccessManager>
 #include <QNetworkProxy>
@@ -73,7 +72,8 @@ void AppDelegate::applicationDidFinishLaunching()
     AppLogger &logger = AppLogger::shared();
     logger.log(QStringLiteral("Application did finish launching."));
 
-    launchedAtLogin = QCoreApplication::arguments().contains(launchedAtLoginArgument);
+    // Whole argument, same letter case: a prefix or another spelling is not the flag.
+    launchedAtLogin = configuration_.arguments.contains(launchedAtLoginArgument, Qt::CaseSensitive);
 
     Bundle bundle(configuration_.resourceDirectory, configuration_.infoPlistPath, configuration_.executablePath);
     if (const auto identifier = bundle.bundleIdentifier()) {

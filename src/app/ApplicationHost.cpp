@@ -4,7 +4,9 @@
 
 #include <QSocketNotifier>
 #include <QTimer>
+#include <cerrno>
 #include <csignal>
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -14,9 +16,19 @@ int signalPipe[2] = {-1, -1};
 
 void forwardQuitSignal(int)
 {
-    // Only async-signal-safe work here: the main thread picks the byte up.
+    // Only async-signal-safe work here: the main thread picks the byte up. The write end never
+    // blocks (a full socket already holds a pending request), and the interrupted code's errno
+    // is left as it was.
+    const int savedErrno = errno;
     const char byte = 1;
     [[maybe_unused]] auto written = ::write(signalPipe[1], &byte, 1);
+    errno = savedErrno;
+}
+
+bool makeNonBlocking(int fd)
+{
+    const int flags = ::fcntl(fd, F_GETFL);
+    return flags != -1 && ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) != -1;
 }
 
 } // namespace
@@ -35,6 +47,13 @@ void ApplicationHost::finishLaunching()
     QTimer::singleShot(0, this, [this] {
         if (delegate_ && !terminated_)
             delegate_->applicationDidFinishLaunching();
+        launched_ = true;
+        // A quit signal that came before launching had finished is honoured now, so that it
+        // meets a settled delegate (a duplicate instance must not stop the agent).
+        if (quitRequestedBeforeLaunch_) {
+            quitRequestedBeforeLaunch_ = false;
+            terminate();
+        }
     });
 }
 
@@ -55,6 +74,7 @@ void ApplicationHost::terminate()
 
     switch (reply) {
     case TerminateNow:
+        earlyAnswer_ = false;
         finishTermination();
         break;
     case TerminateLater:
@@ -65,6 +85,7 @@ void ApplicationHost::terminate()
         }
         break;
     case TerminateCancel:
+        earlyAnswer_ = false;
         break;
     }
 }
@@ -95,8 +116,10 @@ void ApplicationHost::finishTermination()
 
 void ApplicationHost::installQuitSignalHandlers()
 {
-    if (signalNotifier_ || ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, signalPipe) != 0)
+    if (signalNotifier_ || signalPipe[0] != -1 || ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, signalPipe) != 0)
         return;
+    makeNonBlocking(signalPipe[0]);
+    makeNonBlocking(signalPipe[1]);
     signalNotifier_ = new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, this);
     connect(signalNotifier_, &QSocketNotifier::activated, this, &ApplicationHost::handleQuitSignal);
 
@@ -110,7 +133,13 @@ void ApplicationHost::installQuitSignalHandlers()
 
 void ApplicationHost::handleQuitSignal()
 {
+    // Any number of signals since the last turn make one request.
     char buffer[64];
-    [[maybe_unused]] auto drained = ::read(signalPipe[0], buffer, sizeof buffer);
+    while (::read(signalPipe[0], buffer, sizeof buffer) > 0) {
+    }
+    if (!launched_) {
+        quitRequestedBeforeLaunch_ = true;
+        return;
+    }
     terminate();
 }

@@ -35,7 +35,8 @@ public:
     bool isTerminating() const { return replyPending_ || terminated_; }
     bool hasTerminated() const { return terminated_; }
 
-    // Routes SIGTERM, SIGINT and SIGHUP into terminate(). Once per process.
+    // Routes SIGTERM, SIGINT and SIGHUP into terminate(), on the main thread and not before
+    // launching has finished. Once per process: a second host installs nothing.
     void installQuitSignalHandlers();
 
 signals:
@@ -54,5 +55,7 @@ private:
     bool earlyAnswer_ = false;
     bool earlyAnswerValue_ = false;
     bool terminated_ = false;
+    bool launched_ = false;
+    bool quitRequestedBeforeLaunch_ = false;
     QSocketNotifier *signalNotifier_ = nullptr;
 };

@@ -69,5 +69,6 @@ Configuration Configuration::fromEnvironment()
     }
 
     config.volumeMountDirectory = environmentPath("QUILLMERE_VOLUMES_DIR", removableMediaFolder());
+    config.arguments = QCoreApplication::arguments();
     return config;
 }

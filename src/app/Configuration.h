@@ -47,6 +47,9 @@ struct Configuration {
     // The folder whose entries are the mounted volumes.
     QString volumeMountDirectory;
     QString launchctlPath = QStringLiteral("/bin/launchctl");
+    // The process's command line (program name first); the launch sequence looks for the login
+    // flag in it. Tests set it instead of the real command line.
+    QStringList arguments;
 
     // Fills the endpoints from an agent base address such as http://127.0.0.1:8787.
     void setAgentBaseURL(const QUrl &base);
