@@ -2,6 +2,7 @@
 // state is worked out afresh from the service and the property list files every time.
 #include "app/AppDelegate.h"
 #include "app/log/AppLogger.h"
+#include "menu/MenuItemCheckState.h"
 
 #include <QAction>
 
@@ -12,16 +13,17 @@ const QString runAtStartupNeedsApprovalTitle = QStringLiteral("Run at Startup (N
 const QString approvalRequiredMessage =
     QStringLiteral("User approval is required for login-item registration. Opening Login Items settings.");
 
-// QAction has no mixed check state: a waiting approval shows unchecked, and the "checkState"
-// property carries the partial state for whoever draws the menu.
-void applyRunAtStartupCheckState(QAction *item, RunAtStartupState state)
+int checkStateFor(RunAtStartupState state)
 {
-    item->setCheckable(true);
-    item->setChecked(state == RunAtStartupState::enabled);
-    if (state == RunAtStartupState::needsApproval)
-        item->setProperty("checkState", int(Qt::PartiallyChecked));
-    else
-        item->setProperty("checkState", QVariant());
+    switch (state) {
+    case RunAtStartupState::enabled:
+        return menuItemStateOn;
+    case RunAtStartupState::needsApproval:
+        return menuItemStateMixed;
+    case RunAtStartupState::disabled:
+        break;
+    }
+    return menuItemStateOff;
 }
 
 QString serviceErrorLine(const QString &prefix, const LoginItemError &error)
@@ -53,7 +55,7 @@ void AppDelegate::refreshRunAtStartupState()
 {
     const RunAtStartupState state = resolveRunAtStartupState();
     QAction *item = runAtStartupMenuItem();
-    applyRunAtStartupCheckState(item, state);
+    setMenuItemCheckState(item, checkStateFor(state));
     item->setText(state == RunAtStartupState::needsApproval ? runAtStartupNeedsApprovalTitle : runAtStartupTitle);
 }
 

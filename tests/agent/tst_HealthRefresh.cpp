@@ -52,8 +52,6 @@ private:
     // Sets the agent's next /healthz answer, refreshes and waits until the answer is applied;
     // every answer carries a new version so that its arrival is visible.
     QString refreshWith(AppDelegate &delegate, bool agentRunning);
-    // Whether the volume sync scheduling stores its work item (not yet so in every build).
-    static bool volumeSchedulingPresent(AppDelegate &delegate);
     QString callsFile() const { return env.root() + QStringLiteral("/agentctl-calls"); }
     QString recordedCalls() const;
 
@@ -94,15 +92,6 @@ QString HealthRefreshTest::refreshWith(AppDelegate &delegate, bool agentRunning)
     delegate.refreshHealth();
     [&] { QTRY_COMPARE(delegate.lastKnownVersion, version); }();
     return version;
-}
-
-bool HealthRefreshTest::volumeSchedulingPresent(AppDelegate &delegate)
-{
-    delegate.scheduleMountedVolumesSync(QStringLiteral("detect"), false);
-    if (!delegate.mountedVolumeSyncDebounceWorkItem)
-        return false;
-    delegate.mountedVolumeSyncDebounceWorkItem->cancel();
-    return true;
 }
 
 QString HealthRefreshTest::recordedCalls() const
@@ -179,8 +168,6 @@ void HealthRefreshTest::answerSetsTitleAndFlags()
 void HealthRefreshTest::changeToRunningSchedulesOneSync()
 {
     auto delegate = makeDelegate(env.configuration(agent->baseURL()));
-    if (!volumeSchedulingPresent(*delegate))
-        QSKIP("volume sync scheduling is not part of this build yet");
 
     // Each step: the agent's answer, and whether it asks for a new volume sync.
     const QList<QPair<bool, bool>> steps = {
@@ -217,7 +204,6 @@ void HealthRefreshTest::launchFindsTheAgentHealthy()
 {
     agent->setResponse("/healthz", {200, healthBody(true, QStringLiteral("2.0.0"))});
     auto delegate = makeDelegate(env.configuration(agent->baseURL()));
-    const bool scheduling = volumeSchedulingPresent(*delegate);
     const DispatchWorkItem *syncBefore = delegate->mountedVolumeSyncDebounceWorkItem.get();
 
     delegate->startAgentIfNeededOnLaunch();
@@ -233,8 +219,7 @@ void HealthRefreshTest::launchFindsTheAgentHealthy()
     // The refresh that follows sees no change to running: no second sync for the agent.
     refreshWith(*delegate, true);
     QCOMPARE(delegate->stateMenuItem->text(), running);
-    if (scheduling)
-        QCOMPARE(delegate->mountedVolumeSyncDebounceWorkItem.get(), syncBefore);
+    QCOMPARE(delegate->mountedVolumeSyncDebounceWorkItem.get(), syncBefore);
     QVERIFY(recordedCalls().isEmpty());
     QVERIFY(fakes.opener->opened.isEmpty());
 }

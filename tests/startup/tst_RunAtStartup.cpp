@@ -3,6 +3,7 @@
 // and the launch agent files with their launchctl runs (recorded by a stand-in launchctl).
 #include "app/AppDelegate.h"
 #include "startup/LegacyLaunchAgent.h"
+#include "menu/MenuItemCheckState.h"
 #include "support/FakePlatform.h"
 #include "support/TestEnvironment.h"
 
@@ -235,13 +236,14 @@ void RunAtStartupTest::resolvingCombinesServiceAndLaunchAgentFiles()
     QAction *item = h.delegate->runAtStartupMenuItem();
     item->setEnabled(false);
     item->setChecked(true);
-    item->setProperty("checkState", int(Qt::PartiallyChecked));
+    setMenuItemCheckState(item, menuItemStateMixed);
     h.delegate->refreshRunAtStartupState();
     QVERIFY(item->isCheckable());
     QCOMPARE(item->isChecked(), expected == RunAtStartupState::enabled);
-    QCOMPARE(item->property("checkState").isValid(), expected == RunAtStartupState::needsApproval);
-    if (expected == RunAtStartupState::needsApproval)
-        QCOMPARE(item->property("checkState").toInt(), int(Qt::PartiallyChecked));
+    const int shown = expected == RunAtStartupState::enabled         ? menuItemStateOn
+                      : expected == RunAtStartupState::needsApproval ? menuItemStateMixed
+                                                                     : menuItemStateOff;
+    QCOMPARE(menuItemCheckState(item), shown);
     QCOMPARE(item->text(), expected == RunAtStartupState::needsApproval ? QStringLiteral("Run at Startup (Needs Approval)")
                                                                        : QStringLiteral("Run at Startup"));
     QVERIFY(!item->isEnabled());
@@ -415,7 +417,7 @@ void RunAtStartupTest::togglingSwitchesFromEachState()
 
     QCOMPARE(h.loginItems().calls, serviceCalls);
     QCOMPARE(item->isChecked(), checkedAfter);
-    QVERIFY(!item->property("checkState").isValid());
+    QCOMPARE(menuItemCheckState(item), checkedAfter ? menuItemStateOn : menuItemStateOff);
     QCOMPARE(item->text(), QStringLiteral("Run at Startup"));
     QCOMPARE(QFile::exists(plistPath()), plistAfter);
     for (int i = 0; i < obsoleteLabels.size(); ++i)

@@ -6,6 +6,9 @@
 #include <QMenu>
 #include <QPointer>
 #include <QSystemTrayIcon>
+#include <memory>
+
+class QDBusServiceWatcher;
 
 class TrayStatusItem : public StatusItem {
 public:
@@ -16,13 +19,16 @@ public:
     void setMenu(QMenu *menu) override;
     QMenu *menu() const override { return menu_; }
 
-    QSystemTrayIcon &trayIcon() { return tray_; }
+    // Null while the session waits for a tray host to appear.
+    QSystemTrayIcon *trayIcon() const { return tray_.get(); }
 
 private:
+    void createTrayIcon();
     void apply();
 
     StatusButton button_;
-    QSystemTrayIcon tray_;
+    std::unique_ptr<QSystemTrayIcon> tray_;
+    std::unique_ptr<QDBusServiceWatcher> hostWatcher_;
     QPointer<QMenu> menu_;
     qint64 lastImageKey_ = 0;
 };
