@@ -15,7 +15,7 @@ StatusNotifierWatcher::~StatusNotifierWatcher()
 
 bool StatusNotifierWatcher::start()
 {
-    QDBusConnection bus = QDBusConnection::sessionBus();
+    QDBusConnection &bus = bus_;
     if (!bus.registerObject(watcherPath, this,
                             QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllSignals |
                                 QDBusConnection::ExportAllProperties))
@@ -33,7 +33,7 @@ void StatusNotifierWatcher::stop()
 {
     if (!started_)
         return;
-    QDBusConnection bus = QDBusConnection::sessionBus();
+    QDBusConnection &bus = bus_;
     bus.unregisterService(watcherService);
     bus.unregisterObject(watcherPath);
     items_.clear();

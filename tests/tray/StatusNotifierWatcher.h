@@ -2,6 +2,7 @@
 // themselves here, and the test finds the program's icon and menu through it.
 #pragma once
 
+#include <QDBusConnection>
 #include <QDBusMessage>
 #include <QObject>
 #include <QStringList>
@@ -19,7 +20,10 @@ public:
         QString path;
     };
 
-    using QObject::QObject;
+    // On the process's session bus connection by default. A test that shows its own tray icon
+    // passes a connection of its own: calls between two objects on one connection count as local
+    // to QtDBus, and its blocking registration call would then wait out its whole timeout.
+    explicit StatusNotifierWatcher(QDBusConnection bus = QDBusConnection::sessionBus()) : bus_(std::move(bus)) {}
     ~StatusNotifierWatcher() override;
 
     // Takes the well-known name on the session bus; false when another watcher holds it.
@@ -45,6 +49,7 @@ signals:
     void StatusNotifierHostRegistered();
 
 private:
+    QDBusConnection bus_;
     bool started_ = false;
     QList<Item> items_;
     int registrations_ = 0;

@@ -34,7 +34,7 @@ void TrayCheckStateTest::initTestCase()
 {
     QVERIFY2(QDBusConnection::sessionBus().isConnected(), "needs a session bus (run under dbus-run-session)");
     hostThread_.start();
-    watcher_ = new StatusNotifierWatcher;
+    watcher_ = new StatusNotifierWatcher(QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("tray-host")));
     watcher_->moveToThread(&hostThread_);
     bool started = false;
     QMetaObject::invokeMethod(watcher_, [&] { started = watcher_->start(); }, Qt::BlockingQueuedConnection);
