@@ -44,7 +44,8 @@ bool fillFolder(const QString &folder)
 {
     // Mixed case, white space, a few hidden entries and accented names, like a busy mount folder.
     for (int i = 0; i < folderEntries; ++i) {
-        QString name = QStringLiteral("%1 Volume %2").arg(i % 3 ? QStringLiteral("Backup") : QStringLiteral("photos"))
+        QString name = QStringLiteral("%1 Volume %2")
+                           .arg(i % 3 ? QStringLiteral("Backup") : QStringLiteral("photos"))
                            .arg(i, 5, 10, QLatin1Char('0'));
         if (i % 100 == 0)
             name = QLatin1Char('.') + name;

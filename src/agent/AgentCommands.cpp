@@ -4,9 +4,9 @@
 #include "app/log/AppLogger.h"
 #include "app/process/ProcessRunner.h"
 
+#include <QCoreApplication>
 #include <QFileInfo>
 #include <QMetaObject>
-#include <QCoreApplication>
 #include <QPointer>
 
 namespace {

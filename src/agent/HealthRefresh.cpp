@@ -39,6 +39,10 @@ void AppDelegate::startAgentIfNeededOnLaunch()
         if (!weakSelf)
             return;
         AppDelegate &self = *weakSelf;
+        // A quit that came in while the launch probe was out has stopped (or is stopping) the
+        // agent; starting it now would leave it running after we exit.
+        if (self.terminateAfterStop)
+            return;
         if (running) {
             AppLogger::shared().log(QStringLiteral("Agent already healthy during launch."));
             self.updateStateMenu(QStringLiteral("Status: Running"), self.lastKnownVersion, true);

@@ -26,21 +26,16 @@ QAction *makeInformationLine(const QString &title, QObject *owner)
 } // namespace
 
 AppDelegate::AppDelegate(Configuration configuration, PlatformServices platform, ApplicationHost *application)
-    : cloudAdminURL(configuration.cloudAdminURL),
-      agentUpdateURL(configuration.agentUpdateURL),
-      localAdminURL(configuration.localAdminURL),
-      healthURL(configuration.healthURL),
+    : cloudAdminURL(configuration.cloudAdminURL), agentUpdateURL(configuration.agentUpdateURL),
+      localAdminURL(configuration.localAdminURL), healthURL(configuration.healthURL),
       launchAgentLabel(configuration.launchAgentLabel),
       obsoleteNativeLaunchAgentLabels(configuration.obsoleteNativeLaunchAgentLabels),
       welcomePresentationDefaultsKey(configuration.welcomePresentationDefaultsKey),
-      statusItem(platform.makeStatusItem()),
-      menu(std::make_unique<QMenu>()),
+      statusItem(platform.makeStatusItem()), menu(std::make_unique<QMenu>()),
       stateMenuItem(makeInformationLine(QStringLiteral("Status: Launching..."), this)),
       versionMenuItem(makeInformationLine(QStringLiteral("Version: --"), this)),
-      mountedVolumeSyncURL(configuration.mountedVolumeSyncURL),
-      configuration_(std::move(configuration)),
-      platform_(std::move(platform)),
-      application_(application)
+      mountedVolumeSyncURL(configuration.mountedVolumeSyncURL), configuration_(std::move(configuration)),
+      platform_(std::move(platform)), application_(application)
 {
 }
 
@@ -77,8 +72,7 @@ void AppDelegate::applicationDidFinishLaunching()
 
     Bundle bundle(configuration_.resourceDirectory, configuration_.infoPlistPath, configuration_.executablePath);
     if (const auto identifier = bundle.bundleIdentifier()) {
-        if (platform_.runningApplications &&
-            platform_.runningApplications->runningApplicationCount(*identifier) >= 2) {
+        if (platform_.runningApplications && platform_.runningApplications->runningApplicationCount(*identifier) >= 2) {
             logger.log(QStringLiteral("Duplicate app instance detected. Terminating new instance."));
             stopAgentOnTerminate = false;
             if (application_)
@@ -100,8 +94,7 @@ void AppDelegate::applicationDidFinishLaunching()
     } else {
         const QString currentVersion = currentBundleVersion();
         const QVariant stored = userDefaults().value(welcomePresentationDefaultsKey);
-        const bool alreadyPresented =
-            stored.typeId() == QMetaType::QString && stored.toString() == currentVersion;
+        const bool alreadyPresented = stored.typeId() == QMetaType::QString && stored.toString() == currentVersion;
         presentedWelcomeOnLaunch = alreadyPresented ? false : openGettingStartedPage(true);
     }
 

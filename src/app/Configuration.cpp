@@ -53,8 +53,7 @@ Configuration Configuration::fromEnvironment()
 
     const QString home = environmentPath("HOME", QDir::homePath());
     config.homeDirectory = home;
-    config.applicationSupportDirectory =
-        environmentPath("XDG_DATA_HOME", home + QStringLiteral("/.local/share"));
+    config.applicationSupportDirectory = environmentPath("XDG_DATA_HOME", home + QStringLiteral("/.local/share"));
     config.configDirectory = environmentPath("XDG_CONFIG_HOME", home + QStringLiteral("/.config"));
     config.runtimeStateDirectory = environmentPath("XDG_RUNTIME_DIR", QDir::tempPath());
 

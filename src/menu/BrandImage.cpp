@@ -55,8 +55,7 @@ QLinearGradient gradientAcross(const QRectF &bounds, qreal angleDegrees)
 {
     const qreal radians = angleDegrees * std::numbers::pi / 180.0;
     const QPointF direction(std::cos(radians), std::sin(radians));
-    const qreal halfLength =
-        (bounds.width() * std::abs(direction.x()) + bounds.height() * std::abs(direction.y())) / 2;
+    const qreal halfLength = (bounds.width() * std::abs(direction.x()) + bounds.height() * std::abs(direction.y())) / 2;
     const QPointF centre = bounds.center();
     return QLinearGradient(centre - direction * halfLength, centre + direction * halfLength);
 }
@@ -113,9 +112,8 @@ void drawBrandBadge(QPainter &painter, const QRectF &destination, bool running)
 
 QIcon makeBrandStatusImage(bool running)
 {
-    QIcon image = makeDrawnIcon(QSizeF(brandImageSide, brandImageSide), [running](QPainter &painter, const QRectF &r) {
-        drawBrandBadge(painter, r, running);
-    });
+    QIcon image = makeDrawnIcon(QSizeF(brandImageSide, brandImageSide),
+                                [running](QPainter &painter, const QRectF &r) { drawBrandBadge(painter, r, running); });
     // Shown in its own colours: never recoloured as a template (mask) image by the menu bar.
     image.setIsMask(false);
     return image;

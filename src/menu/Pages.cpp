@@ -61,8 +61,8 @@ void AppDelegate::openStartupPage(bool failed)
                                 (failed ? QStringLiteral("true") : QStringLiteral("false")));
         return;
     }
-    const QString page = QDir::cleanPath(*runtime + (failed ? QStringLiteral("/startup-status-failed.html")
-                                                            : QStringLiteral("/startup-status.html")));
+    const QString page = QDir::cleanPath(
+        *runtime + (failed ? QStringLiteral("/startup-status-failed.html") : QStringLiteral("/startup-status.html")));
     AppLogger::shared().log(QStringLiteral("Opening startup page: ") + page);
     platform_.opener->open(QUrl::fromLocalFile(page));
 }

@@ -67,8 +67,7 @@ QVariantMap readPropertyListDictionary(const QString &path)
 }
 
 Bundle::Bundle(std::optional<QString> resourceDirectory, QString infoPlistPath, std::optional<QString> executablePath)
-    : resourceDirectory_(std::move(resourceDirectory)),
-      infoPlistPath_(std::move(infoPlistPath)),
+    : resourceDirectory_(std::move(resourceDirectory)), infoPlistPath_(std::move(infoPlistPath)),
       executablePath_(std::move(executablePath))
 {
 }

@@ -152,9 +152,9 @@ void AppDelegate::installLegacyRunAtStartup()
     if (!failure)
         failure = createFolder(logsFolder);
     if (!failure) {
-        const QString text = legacyLaunchAgentPlistText(launchAgentLabel, *executable,
-                                                        logsFolder + QLatin1Char('/') + outLogFileName,
-                                                        logsFolder + QLatin1Char('/') + errLogFileName);
+        const QString text =
+            legacyLaunchAgentPlistText(launchAgentLabel, *executable, logsFolder + QLatin1Char('/') + outLogFileName,
+                                       logsFolder + QLatin1Char('/') + errLogFileName);
         failure = writeFileAtomically(plistPath, text.toUtf8());
     }
     if (failure) {
@@ -187,7 +187,8 @@ void AppDelegate::bootstrapLegacyLaunchAgent(const QString &plistPath, const QSt
     const ProcessResult bootstrap = ProcessRunner::runSync(launchctl, {QStringLiteral("bootstrap"), domain, plistPath});
     if (bootstrap.exitCode != 0)
         AppLogger::shared().log(QStringLiteral("Legacy bootstrap failed for ") + plistPath);
-    ProcessRunner::runSync(launchctl, {QStringLiteral("kickstart"), QStringLiteral("-k"), domain + QLatin1Char('/') + label});
+    ProcessRunner::runSync(launchctl,
+                           {QStringLiteral("kickstart"), QStringLiteral("-k"), domain + QLatin1Char('/') + label});
 }
 
 void AppDelegate::bootoutLegacyLaunchAgent(const QString &plistPath)

@@ -123,7 +123,8 @@ void AppDelegate::disableRunAtStartup()
         if (!error)
             AppLogger::shared().log(QStringLiteral("Disabled run-at-startup with SMAppService."));
         else if (error->code != LoginItemService::errorJobNotFound)
-            AppLogger::shared().log(serviceErrorLine(QStringLiteral("SMAppService unregister failed: domain="), *error));
+            AppLogger::shared().log(
+                serviceErrorLine(QStringLiteral("SMAppService unregister failed: domain="), *error));
     }
     // Whichever way it had been turned on, the legacy agent goes too.
     removeLegacyRunAtStartup();

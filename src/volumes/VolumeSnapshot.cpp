@@ -94,13 +94,27 @@ void appendJsonString(QByteArray &out, const QString &text)
     const QByteArray utf8 = ascii ? QByteArray() : text.toUtf8();
     const auto escape = [&out](unsigned char c) {
         switch (c) {
-        case '"': out += "\\\""; break;
-        case '\\': out += "\\\\"; break;
-        case '\b': out += "\\b"; break;
-        case '\f': out += "\\f"; break;
-        case '\n': out += "\\n"; break;
-        case '\r': out += "\\r"; break;
-        case '\t': out += "\\t"; break;
+        case '"':
+            out += "\\\"";
+            break;
+        case '\\':
+            out += "\\\\";
+            break;
+        case '\b':
+            out += "\\b";
+            break;
+        case '\f':
+            out += "\\f";
+            break;
+        case '\n':
+            out += "\\n";
+            break;
+        case '\r':
+            out += "\\r";
+            break;
+        case '\t':
+            out += "\\t";
+            break;
         default:
             if (c < 0x20) {
                 out += "\\u00";
@@ -149,9 +163,8 @@ qsizetype estimatedJsonSize(const QList<VolumeEntry> &snapshot)
 // replacement character, so two different snapshots could look alike.
 bool representableInJson(const QList<VolumeEntry> &snapshot)
 {
-    return std::all_of(snapshot.cbegin(), snapshot.cend(), [](const VolumeEntry &entry) {
-        return entry.name.isValidUtf16() && entry.path.isValidUtf16();
-    });
+    return std::all_of(snapshot.cbegin(), snapshot.cend(),
+                       [](const VolumeEntry &entry) { return entry.name.isValidUtf16() && entry.path.isValidUtf16(); });
 }
 
 } // namespace

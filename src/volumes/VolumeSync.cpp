@@ -72,8 +72,8 @@ void AppDelegate::syncMountedVolumesCache(const QString &reason, bool force)
             if (code >= 200 && code <= 299)
                 lastMountedVolumeSyncSignature = signature;
             else
-                logger.log(QStringLiteral("Mounted volume sync request failed with status ") +
-                           QString::number(code) + QLatin1Char('.'));
+                logger.log(QStringLiteral("Mounted volume sync request failed with status ") + QString::number(code) +
+                           QLatin1Char('.'));
         } else {
             logger.log(QStringLiteral("Mounted volume sync request received no HTTP response."));
         }

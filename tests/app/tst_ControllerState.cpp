@@ -63,9 +63,9 @@ void ControllerStateTest::productionDefaultsUseTheDocumentedEndpoints()
     QCOMPARE(config.cloudAdminURL, QUrl(QStringLiteral("https://quillmere.example/admin.html")));
     QCOMPARE(config.agentUpdateURL, QUrl(QStringLiteral("https://quillmere.example/downloads/")));
     QCOMPARE(config.launchAgentLabel, QStringLiteral("com.tallyhold.agent.app"));
-    QCOMPARE(config.obsoleteNativeLaunchAgentLabels,
-             QStringList({QStringLiteral("com.tallyhold.agent.menubarbeta.app"),
-                          QStringLiteral("com.tallyhold.agent.nativebeta.app"), QStringLiteral("com.tallyhold.agent")}));
+    QCOMPARE(config.obsoleteNativeLaunchAgentLabels, QStringList({QStringLiteral("com.tallyhold.agent.menubarbeta.app"),
+                                                                  QStringLiteral("com.tallyhold.agent.nativebeta.app"),
+                                                                  QStringLiteral("com.tallyhold.agent")}));
     QVERIFY(!config.obsoleteNativeLaunchAgentLabels.contains(config.launchAgentLabel));
     QCOMPARE(config.welcomePresentationDefaultsKey, QStringLiteral("QuillmereAgentWelcomePresentedBundleVersion"));
     QCOMPARE(config.applicationSupportDirectory, env.dataHome());

@@ -30,7 +30,8 @@ void LaunchSequenceTest::bundleVersionPrefersBuildVersion_data()
     QTest::addColumn<QString>("expected");
     QTest::newRow("both: build wins") << QStringLiteral("42") << QStringLiteral("1.3") << QStringLiteral("42");
     QTest::newRow("blank build") << QStringLiteral(" \n\t") << QStringLiteral("1.3") << QStringLiteral("1.3");
-    QTest::newRow("padded build kept as read") << QStringLiteral(" 7 ") << QStringLiteral("1.3") << QStringLiteral(" 7 ");
+    QTest::newRow("padded build kept as read")
+        << QStringLiteral(" 7 ") << QStringLiteral("1.3") << QStringLiteral(" 7 ");
     QTest::newRow("only marketing") << QString() << QStringLiteral("2.0") << QStringLiteral("2.0");
     QTest::newRow("neither") << QString() << QString() << QStringLiteral("1");
     QTest::newRow("both blank") << QStringLiteral(" ") << QString() << QStringLiteral("1");

@@ -102,16 +102,17 @@ void ProcessRunnerTest::exitCodeAndOutputs()
 
     const QStringList log = env.messagesSinceMark();
     // With no arguments the launching line ends in the blank after the path.
-    QCOMPARE(log.value(0), QStringLiteral("Launching process: ") + path + QLatin1Char(' ') + arguments.join(QLatin1Char(' ')));
+    QCOMPARE(log.value(0),
+             QStringLiteral("Launching process: ") + path + QLatin1Char(' ') + arguments.join(QLatin1Char(' ')));
     QCOMPARE(log.mid(1), expectedLog);
 }
 
 void ProcessRunnerTest::largeOutputOnBothStreamsDoesNotDeadlock()
 {
     // Far more than a pipe buffer on each stream, written before the child exits.
-    const QString path = script(QStringLiteral("flood.sh"),
-                                QStringLiteral("head -c 8388608 /dev/zero | tr '\\0' 'o'\n"
-                                               "head -c 8388608 /dev/zero | tr '\\0' 'e' >&2\nexit 0\n"));
+    const QString path =
+        script(QStringLiteral("flood.sh"), QStringLiteral("head -c 8388608 /dev/zero | tr '\\0' 'o'\n"
+                                                          "head -c 8388608 /dev/zero | tr '\\0' 'e' >&2\nexit 0\n"));
     const ProcessResult result = ProcessRunner::runSync(path, {});
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.stdOut.size(), 8 * 1024 * 1024);

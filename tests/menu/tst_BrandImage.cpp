@@ -27,7 +27,10 @@ Rgba over(const Rgba &src, const Rgba &dst)
 // An unpremultiplied colour given as n/255 components and an alpha.
 struct Paint {
     double r, g, b, a;
-    static Paint rgb(int red, int green, int blue, double alpha) { return {red / 255.0, green / 255.0, blue / 255.0, alpha}; }
+    static Paint rgb(int red, int green, int blue, double alpha)
+    {
+        return {red / 255.0, green / 255.0, blue / 255.0, alpha};
+    }
     static Paint white(int value, double alpha) { return rgb(value, value, value, alpha); }
     Rgba premultiplied() const { return {r * a, g * a, b * a, a}; }
 };
@@ -38,8 +41,9 @@ struct BadgeColours {
 
 const BadgeColours runningColours{Paint::white(17, 0.98), Paint::rgb(10, 183, 222, 0.34), Paint::rgb(3, 131, 162, 0.12),
                                   Paint::rgb(77, 166, 195, 0.82), Paint::rgb(150, 235, 251, 1.0)};
-const BadgeColours offlineColours{Paint::white(70, 0.9), Paint::rgb(138, 145, 154, 0.24), Paint::rgb(96, 103, 111, 0.12),
-                                  Paint::rgb(171, 178, 186, 0.7), Paint::rgb(222, 226, 230, 0.9)};
+const BadgeColours offlineColours{Paint::white(70, 0.9), Paint::rgb(138, 145, 154, 0.24),
+                                  Paint::rgb(96, 103, 111, 0.12), Paint::rgb(171, 178, 186, 0.7),
+                                  Paint::rgb(222, 226, 230, 0.9)};
 
 const BadgeColours &colours(bool running)
 {
@@ -73,7 +77,8 @@ double segmentDistance(Point p, Point a, Point b)
 double markDistance(Point p)
 {
     const Point top{9, 12}, right{12, 9}, bottom{9, 6}, left{6, 9};
-    return std::min({segmentDistance(p, top, right), segmentDistance(p, right, bottom), segmentDistance(p, bottom, left)});
+    return std::min(
+        {segmentDistance(p, top, right), segmentDistance(p, right, bottom), segmentDistance(p, bottom, left)});
 }
 
 constexpr double outlineHalfWidth = 0.5;
@@ -112,10 +117,7 @@ struct Rendering {
     {
         return QPoint(int(std::floor(p.x * pixelsPerPoint)), int(std::floor((18 - p.y) * pixelsPerPoint)));
     }
-    Point pixelCentre(int px, int py) const
-    {
-        return {(px + 0.5) / pixelsPerPoint, 18 - (py + 0.5) / pixelsPerPoint};
-    }
+    Point pixelCentre(int px, int py) const { return {(px + 0.5) / pixelsPerPoint, 18 - (py + 0.5) / pixelsPerPoint}; }
     Rgba pixel(QPoint at) const
     {
         const QRgb v = image.pixel(at);
@@ -270,7 +272,8 @@ void BrandImageTest::matchesTheModelEverywhere()
             const Point centre = r.pixelCentre(px, py);
             const double edge = badgeEdgeDistance(centre);
             const double mark = markDistance(centre);
-            const bool uniform = std::abs(edge) > halfDiagonal && std::abs(std::abs(edge) - outlineHalfWidth) > halfDiagonal &&
+            const bool uniform = std::abs(edge) > halfDiagonal &&
+                                 std::abs(std::abs(edge) - outlineHalfWidth) > halfDiagonal &&
                                  std::abs(mark - markHalfWidth) > halfDiagonal;
             const Rgba actual = r.pixel(QPoint(px, py));
             if (uniform) {
@@ -280,15 +283,20 @@ void BrandImageTest::matchesTheModelEverywhere()
                 worstUniform = std::max(worstUniform, diff);
                 if (edge > outlineHalfWidth)
                     QVERIFY2(actual.a == 0, qPrintable(QStringLiteral("pixel %1,%2 outside the badge is %3")
-                                                           .arg(px).arg(py).arg(describe(actual))));
+                                                           .arg(px)
+                                                           .arg(py)
+                                                           .arg(describe(actual))));
                 QVERIFY2(diff <= 3, qPrintable(QStringLiteral("pixel %1,%2 is %3, expected %4")
-                                                   .arg(px).arg(py).arg(describe(actual), describe(expected))));
+                                                   .arg(px)
+                                                   .arg(py)
+                                                   .arg(describe(actual), describe(expected))));
             } else {
                 const PixelModel model = modelPixel(r, px, py, running, 0.05);
                 total += difference(actual, model.mean);
                 QVERIFY2(within(actual, model, 3),
                          qPrintable(QStringLiteral("border pixel %1,%2 is %3, outside %4 .. %5")
-                                        .arg(px).arg(py)
+                                        .arg(px)
+                                        .arg(py)
                                         .arg(describe(actual), describe(model.least), describe(model.greatest))));
             }
         }
@@ -310,10 +318,8 @@ void BrandImageTest::outlineLiesAcrossTheBadgeEdge()
     // The middle of each side: just outside the badge only the outline colours a pixel, just
     // inside the outline lies over the fill. Where a pixel is wider than a half outline, its
     // colour is a blend, but it is still mostly outline.
-    const std::array<std::pair<Point, Point>, 4> sides{{{{0.95, 9}, {1.45, 9}},
-                                                        {{17.05, 9}, {16.55, 9}},
-                                                        {{9, 0.95}, {9, 1.45}},
-                                                        {{9, 17.05}, {9, 16.55}}}};
+    const std::array<std::pair<Point, Point>, 4> sides{
+        {{{0.95, 9}, {1.45, 9}}, {{17.05, 9}, {16.55, 9}}, {{9, 0.95}, {9, 1.45}}, {{9, 17.05}, {9, 16.55}}}};
     for (const auto &[outer, inner] : sides) {
         const Rgba outerPixel = r.pixel(outer);
         const Rgba innerPixel = r.pixel(inner);
@@ -325,7 +331,8 @@ void BrandImageTest::outlineLiesAcrossTheBadgeEdge()
             // The pixel on the edge itself is mostly outline: much brighter than the dark fill.
             const Rgba edgePixel = r.pixel(Point{(outer.x + inner.x) / 2, (outer.y + inner.y) / 2});
             QVERIFY2(edgePixel.a > 0.5, qPrintable(describe(edgePixel)));
-            QVERIFY2(luminance(edgePixel) / edgePixel.a > luminance(fill) / fill.a + 0.2, qPrintable(describe(edgePixel)));
+            QVERIFY2(luminance(edgePixel) / edgePixel.a > luminance(fill) / fill.a + 0.2,
+                     qPrintable(describe(edgePixel)));
         }
     }
     // Beyond the outline and in the cut corners nothing is drawn.
@@ -378,7 +385,8 @@ void BrandImageTest::gradientBrightensTowardsTheLowerRight()
     QVERIFY2(luminance(lowerRight) > luminance(upperLeft) + 4.0 / 255,
              qPrintable(describe(lowerRight) + QStringLiteral(" vs ") + describe(upperLeft)));
     // Across the gradient's direction the tint does not change.
-    QVERIFY2(difference(lowerLeft, upperRight) <= 2, qPrintable(describe(lowerLeft) + QStringLiteral(" vs ") + describe(upperRight)));
+    QVERIFY2(difference(lowerLeft, upperRight) <= 2,
+             qPrintable(describe(lowerLeft) + QStringLiteral(" vs ") + describe(upperRight)));
     QVERIFY(luminance(upperLeft) < luminance(lowerLeft) && luminance(lowerLeft) < luminance(lowerRight));
     if (running) // cyan: blue and green well above red
         QVERIFY(lowerRight.b > lowerRight.r + 20.0 / 255 && lowerRight.g > lowerRight.r + 20.0 / 255);

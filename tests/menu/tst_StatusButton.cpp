@@ -113,7 +113,8 @@ void StatusButtonTest::missingButtonIsLoggedAndNothingElseChanges()
     QCOMPARE(delegate.stateMenuItem->text(), QStringLiteral("Status: Running"));
     QVERIFY(delegate.stopMenuItem()->isEnabled());
     QCOMPARE(env.messagesSinceMark(),
-             QStringList({unavailable, unavailable, QStringLiteral("State updated: Status: Running version=2.0 running=true")}));
+             QStringList({unavailable, unavailable,
+                          QStringLiteral("State updated: Status: Running version=2.0 running=true")}));
 }
 
 void StatusButtonTest::trayTakesANewIconOnlyForANewLook()

@@ -121,17 +121,17 @@ void StatusMenuTest::availabilityFollowsTheState_data()
     QTest::addColumn<bool>("pages");
 
     //                                      update running startIF stopIF runtime | start  stop   pages
-    QTest::newRow("as assembled")         << false << false << false << false << true << true << false << true;
-    QTest::newRow("stopped")              << true << false << false << false << true << true << false << true;
-    QTest::newRow("running")              << true << true << false << false << true << false << true << true;
-    QTest::newRow("running, stopping")    << true << true << false << true << true << false << false << true;
-    QTest::newRow("stopped, stopping")    << true << false << false << true << true << true << false << true;
-    QTest::newRow("starting")             << true << false << true << false << true << false << false << true;
-    QTest::newRow("running, starting")    << true << true << true << false << true << false << true << true;
-    QTest::newRow("both in flight")       << true << true << true << true << true << false << false << true;
-    QTest::newRow("no runtime folder")    << true << false << false << false << false << true << false << false;
+    QTest::newRow("as assembled") << false << false << false << false << true << true << false << true;
+    QTest::newRow("stopped") << true << false << false << false << true << true << false << true;
+    QTest::newRow("running") << true << true << false << false << true << false << true << true;
+    QTest::newRow("running, stopping") << true << true << false << true << true << false << false << true;
+    QTest::newRow("stopped, stopping") << true << false << false << true << true << true << false << true;
+    QTest::newRow("starting") << true << false << true << false << true << false << false << true;
+    QTest::newRow("running, starting") << true << true << true << false << true << false << true << true;
+    QTest::newRow("both in flight") << true << true << true << true << true << false << false << true;
+    QTest::newRow("no runtime folder") << true << false << false << false << false << true << false << false;
     QTest::newRow("no runtime, assembled") << false << false << false << false << false << true << false << false;
-    QTest::newRow("no runtime, running")  << true << true << false << false << false << false << true << false;
+    QTest::newRow("no runtime, running") << true << true << false << false << false << false << true << false;
 }
 
 void StatusMenuTest::availabilityFollowsTheState()
@@ -162,9 +162,9 @@ void StatusMenuTest::availabilityFollowsTheState()
     QCOMPARE(delegate.stopMenuItem()->isEnabled(), stop);
     QCOMPARE(delegate.openGettingStartedMenuItem()->isEnabled(), pages);
     QCOMPARE(delegate.openStartupPageMenuItem()->isEnabled(), pages);
-    for (QAction *always : {delegate.openCloudAdminMenuItem(), delegate.checkForUpdatesMenuItem(),
-                            delegate.openLocalAdminMenuItem(), delegate.openLogsMenuItem(),
-                            delegate.runAtStartupMenuItem(), delegate.quitMenuItem()})
+    for (QAction *always :
+         {delegate.openCloudAdminMenuItem(), delegate.checkForUpdatesMenuItem(), delegate.openLocalAdminMenuItem(),
+          delegate.openLogsMenuItem(), delegate.runAtStartupMenuItem(), delegate.quitMenuItem()})
         QVERIFY2(always->isEnabled(), qPrintable(always->text()));
     QVERIFY(!delegate.stateMenuItem->isEnabled());
     QVERIFY(!delegate.versionMenuItem->isEnabled());
@@ -221,8 +221,8 @@ void StatusMenuTest::updateShowsTitleVersionAndBadge()
     QCOMPARE(delegate.stateMenuItem->text(), title);
     QCOMPARE(delegate.versionMenuItem->text(), QStringLiteral("Version: ") + knownVersion);
     QCOMPARE(button->imageGeneration(), generation + 1);
-    QCOMPARE(button->toolTip(), running ? QStringLiteral("Quillmere Agent is running")
-                                        : QStringLiteral("Quillmere Agent is offline"));
+    QCOMPARE(button->toolTip(),
+             running ? QStringLiteral("Quillmere Agent is running") : QStringLiteral("Quillmere Agent is offline"));
     QCOMPARE(button->image().pixmap(18).toImage(), makeBrandStatusImage(running).pixmap(18).toImage());
 }
 

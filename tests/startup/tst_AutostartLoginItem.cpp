@@ -3,6 +3,7 @@
 #include "app/AppDelegate.h"
 #include "platform/linux/AutostartLoginItemService.h"
 #include "support/FakePlatform.h"
+#include "support/Files.h"
 #include "support/TestEnvironment.h"
 
 #include <QAction>
@@ -14,20 +15,6 @@ namespace {
 
 const QString bundleId = QStringLiteral("com.tallyhold.agent.app");
 const QString program = QStringLiteral("/opt/Quillmere Agent/bin/quillmere-menu");
-
-void writeFile(const QString &path, const QByteArray &contents)
-{
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    file.write(contents);
-}
-
-QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
 
 } // namespace
 
@@ -46,7 +33,10 @@ private slots:
     void controllerSwitchesTheEntry();
 
 private:
-    QString entryPath() const { return env.configHome() + QStringLiteral("/autostart/") + bundleId + QStringLiteral(".desktop"); }
+    QString entryPath() const
+    {
+        return env.configHome() + QStringLiteral("/autostart/") + bundleId + QStringLiteral(".desktop");
+    }
     AutostartLoginItemService service(LocationOpener *opener = nullptr) const
     {
         return AutostartLoginItemService(env.configHome(), bundleId, program, opener);
@@ -103,7 +93,8 @@ void AutostartLoginItemTest::hiddenEntryCountsAsNotRegistered_data()
     QTest::newRow("hidden with blanks") << QByteArray("[Desktop Entry]\nHidden = true\n") << 0;
     QTest::newRow("not hidden") << QByteArray("[Desktop Entry]\nHidden=false\n") << 1;
     QTest::newRow("switched off in GNOME") << QByteArray("[Desktop Entry]\nX-GNOME-Autostart-enabled=false\n") << 0;
-    QTest::newRow("hidden in another group") << QByteArray("[Desktop Entry]\nExec=x\n[Desktop Action a]\nHidden=true\n") << 1;
+    QTest::newRow("hidden in another group")
+        << QByteArray("[Desktop Entry]\nExec=x\n[Desktop Action a]\nHidden=true\n") << 1;
 }
 
 void AutostartLoginItemTest::hiddenEntryCountsAsNotRegistered()
@@ -138,8 +129,10 @@ void AutostartLoginItemTest::execLineQuotesTheProgram_data()
                                          << QStringLiteral("\"/\\\\$HOME/\\\\`x\\\\`\" --launched-at-login");
     QTest::newRow("backslash") << QStringLiteral("/a\\b") << QStringLiteral("\"/a\\\\\\\\b\" --launched-at-login");
     QTest::newRow("percent") << QStringLiteral("/100%/u") << QStringLiteral("\"/100%%/u\" --launched-at-login");
-    QTest::newRow("line feed and tab") << QStringLiteral("/a\nb\tc") << QStringLiteral("\"/a\\nb\\tc\" --launched-at-login");
-    QTest::newRow("non-ASCII") << QStringLiteral("/home/zoë/日本") << QStringLiteral("\"/home/zoë/日本\" --launched-at-login");
+    QTest::newRow("line feed and tab") << QStringLiteral("/a\nb\tc")
+                                       << QStringLiteral("\"/a\\nb\\tc\" --launched-at-login");
+    QTest::newRow("non-ASCII") << QStringLiteral("/home/zoë/日本")
+                               << QStringLiteral("\"/home/zoë/日本\" --launched-at-login");
 }
 
 void AutostartLoginItemTest::execLineQuotesTheProgram()

@@ -77,7 +77,7 @@ QString programPathFromXml(const QString &text, QString *error)
 QString randomPath(QRandomGenerator &random)
 {
     // Mostly printable ASCII, with letters beyond it including one outside the basic plane.
-    static const QStringList nonAscii = {QStringLiteral("é"), QStringLiteral("ü"), QStringLiteral("ß"),
+    static const QStringList nonAscii = {QStringLiteral("é"),    QStringLiteral("ü"), QStringLiteral("ß"),
                                          QStringLiteral("日本"), QStringLiteral("Ω"), QStringLiteral("😀")};
     QString path = QStringLiteral("/");
     const int length = random.bounded(1, 60);
@@ -106,8 +106,8 @@ void LaunchAgentPlistTest::fixedPiecesAndLayout()
     const QString empty;
     QCOMPARE(legacyLaunchAgentPlistText(empty, empty, empty, empty).size(), 612);
 
-    const QString text = legacyLaunchAgentPlistText(QStringLiteral("label"), QStringLiteral("/x"),
-                                                    QStringLiteral("/o"), QStringLiteral("/e"));
+    const QString text = legacyLaunchAgentPlistText(QStringLiteral("label"), QStringLiteral("/x"), QStringLiteral("/o"),
+                                                    QStringLiteral("/e"));
     const QStringList lines = text.split(QLatin1Char('\n'));
     QCOMPARE(lines.size(), 25);
     QVERIFY(!text.contains(QLatin1Char('\t')));
@@ -123,8 +123,8 @@ void LaunchAgentPlistTest::fixedPiecesAndLayout()
 
 void LaunchAgentPlistTest::labelIsWrittenUnescaped()
 {
-    const QString text = legacyLaunchAgentPlistText(QStringLiteral("a&b"), QStringLiteral("/a&b"),
-                                                    QStringLiteral("/o"), QStringLiteral("/e"));
+    const QString text = legacyLaunchAgentPlistText(QStringLiteral("a&b"), QStringLiteral("/a&b"), QStringLiteral("/o"),
+                                                    QStringLiteral("/e"));
     QCOMPARE(text.split(QLatin1Char('\n')).at(5), QStringLiteral("  <string>a&b</string>"));
     QCOMPARE(text.split(QLatin1Char('\n')).at(8), QStringLiteral("    <string>/a&amp;b</string>"));
 }

@@ -2,9 +2,10 @@
 // the launch agent files, the menu item, switching on and off with every outcome of the service,
 // and the launch agent files with their launchctl runs (recorded by a stand-in launchctl).
 #include "app/AppDelegate.h"
-#include "startup/LegacyLaunchAgent.h"
 #include "menu/MenuItemCheckState.h"
+#include "startup/LegacyLaunchAgent.h"
 #include "support/FakePlatform.h"
+#include "support/Files.h"
 #include "support/TestEnvironment.h"
 
 #include <QAction>
@@ -28,26 +29,13 @@ const QString approvalRequired =
 const QByteArray obsoleteWithMarker = "<plist><dict><key>ProgramArguments</key><array><string>/Applications/Beta.app"
                                       "</string><string>--launched-at-login</string></array></dict></plist>";
 const QByteArray obsoleteMarkerInComment = "<plist><!-- started with --launched-at-login --><dict/></plist>";
-const QByteArray obsoleteWithoutMarker = "<plist><dict><key>Label</key><string>com.tallyhold.agent</string></dict></plist>";
+const QByteArray obsoleteWithoutMarker =
+    "<plist><dict><key>Label</key><string>com.tallyhold.agent</string></dict></plist>";
 const QByteArray obsoleteNotUtf8 = "<plist>\xff\xfe<string>--launched-at-login</string></plist>";
 
 QString uid()
 {
     return QString::number(getuid());
-}
-
-void writeFile(const QString &path, const QByteArray &contents)
-{
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    file.write(contents);
-}
-
-QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 LoginItemError serviceError(int code)
@@ -107,10 +95,14 @@ private slots:
 
 private:
     Configuration configuration() const;
-    QString plistPath() const { return env.home() + QStringLiteral("/Library/LaunchAgents/") + ownLabel + QStringLiteral(".plist"); }
+    QString plistPath() const
+    {
+        return env.home() + QStringLiteral("/Library/LaunchAgents/") + ownLabel + QStringLiteral(".plist");
+    }
     QString obsoletePath(int index) const
     {
-        return env.home() + QStringLiteral("/Library/LaunchAgents/") + obsoleteLabels.at(index) + QStringLiteral(".plist");
+        return env.home() + QStringLiteral("/Library/LaunchAgents/") + obsoleteLabels.at(index) +
+               QStringLiteral(".plist");
     }
     QString recordPath() const { return env.root() + QStringLiteral("/launchctl-calls.txt"); }
     QString bootstrapFailsFlag() const { return env.root() + QStringLiteral("/bootstrap-fails"); }
@@ -244,8 +236,9 @@ void RunAtStartupTest::resolvingCombinesServiceAndLaunchAgentFiles()
                       : expected == RunAtStartupState::needsApproval ? menuItemStateMixed
                                                                      : menuItemStateOff;
     QCOMPARE(menuItemCheckState(item), shown);
-    QCOMPARE(item->text(), expected == RunAtStartupState::needsApproval ? QStringLiteral("Run at Startup (Needs Approval)")
-                                                                       : QStringLiteral("Run at Startup"));
+    QCOMPARE(item->text(), expected == RunAtStartupState::needsApproval
+                               ? QStringLiteral("Run at Startup (Needs Approval)")
+                               : QStringLiteral("Run at Startup"));
     QVERIFY(!item->isEnabled());
     QVERIFY(h.loginItems().calls.isEmpty());
     QVERIFY(launchctlCalls().isEmpty());
@@ -268,22 +261,22 @@ void RunAtStartupTest::enablingFollowsEveryServiceOutcome_data()
     const QString installed = QStringLiteral("Enabled legacy run-at-startup plist at ") + plistPath();
     QTest::newRow("succeeds") << 0 << 1 << true << PlistAfter::removed << false
                               << QStringList{enabledWithService, removed};
-    QTest::newRow("succeeds, not found afterwards") << 0 << 3 << true << PlistAfter::removed << false
-                                                    << QStringList{enabledWithService, removed};
-    QTest::newRow("succeeds, needs approval") << 0 << 2 << true << PlistAfter::removed << true
-                                              << QStringList{enabledWithService, removed, requiresApproval};
+    QTest::newRow("succeeds, not found afterwards")
+        << 0 << 3 << true << PlistAfter::removed << false << QStringList{enabledWithService, removed};
+    QTest::newRow("succeeds, needs approval")
+        << 0 << 2 << true << PlistAfter::removed << true << QStringList{enabledWithService, removed, requiresApproval};
     QTest::newRow("already registered") << 12 << 2 << false << PlistAfter::removed << false
                                         << QStringList{registrationFailedLine(12), removed};
     QTest::newRow("denied by user") << 11 << 0 << false << PlistAfter::untouched << true
                                     << QStringList{registrationFailedLine(11), approvalRequired};
-    QTest::newRow("other code, needs approval") << 1 << 2 << true << PlistAfter::untouched << true
-                                                << QStringList{registrationFailedLine(1), approvalRequired};
-    QTest::newRow("other code, not registered") << 1 << 0 << true << PlistAfter::installed << false
-                                                << QStringList{registrationFailedLine(1), installed};
-    QTest::newRow("negative code, not found") << -67 << 3 << true << PlistAfter::installed << false
-                                              << QStringList{registrationFailedLine(-67), installed};
-    QTest::newRow("job not found while registering") << 6 << 1 << true << PlistAfter::installed << false
-                                                     << QStringList{registrationFailedLine(6), installed};
+    QTest::newRow("other code, needs approval")
+        << 1 << 2 << true << PlistAfter::untouched << true << QStringList{registrationFailedLine(1), approvalRequired};
+    QTest::newRow("other code, not registered")
+        << 1 << 0 << true << PlistAfter::installed << false << QStringList{registrationFailedLine(1), installed};
+    QTest::newRow("negative code, not found")
+        << -67 << 3 << true << PlistAfter::installed << false << QStringList{registrationFailedLine(-67), installed};
+    QTest::newRow("job not found while registering")
+        << 6 << 1 << true << PlistAfter::installed << false << QStringList{registrationFailedLine(6), installed};
 }
 
 void RunAtStartupTest::enablingFollowsEveryServiceOutcome()
@@ -320,7 +313,8 @@ void RunAtStartupTest::enablingFollowsEveryServiceOutcome()
     switch (plistAfter) {
     case PlistAfter::removed:
         QVERIFY(!QFile::exists(plistPath()));
-        QCOMPARE(launchctlCalls(), QStringList{QStringLiteral("[bootout]") + domain + QLatin1Char('[') + plistPath() + QLatin1Char(']')});
+        QCOMPARE(launchctlCalls(),
+                 QStringList{QStringLiteral("[bootout]") + domain + QLatin1Char('[') + plistPath() + QLatin1Char(']')});
         break;
     case PlistAfter::untouched:
         QCOMPARE(readFile(plistPath()), oldPlist);
@@ -346,8 +340,9 @@ void RunAtStartupTest::disablingAlwaysRemovesTheLaunchAgent_data()
                                   << QStringList{QStringLiteral("Disabled run-at-startup with SMAppService."), removed};
     QTest::newRow("job not found is quiet") << true << 6 << unregister << QStringList{removed};
     QTest::newRow("other failure") << true << 22 << unregister
-                                   << QStringList{QStringLiteral("SMAppService unregister failed: domain=SMAppServiceErrorDomain "
-                                                                 "code=22 message=Operation failed."),
+                                   << QStringList{QStringLiteral(
+                                                      "SMAppService unregister failed: domain=SMAppServiceErrorDomain "
+                                                      "code=22 message=Operation failed."),
                                                   removed};
     QTest::newRow("no service") << false << 0 << QStringList() << QStringList{removed};
 }
@@ -393,8 +388,8 @@ void RunAtStartupTest::togglingSwitchesFromEachState_data()
     QTest::newRow("leftover turns off") << true << 3 << Legacy::obsoleteMarker << unreg << false << false;
     QTest::newRow("no service, off turns on") << false << 0 << Legacy::none << QStringList() << true << true;
     QTest::newRow("no service, on turns off") << false << 0 << Legacy::ownEmpty << QStringList() << false << false;
-    QTest::newRow("no service, leftover turns off") << false << 0 << Legacy::obsoleteMarkerInComment << QStringList()
-                                                    << false << false;
+    QTest::newRow("no service, leftover turns off")
+        << false << 0 << Legacy::obsoleteMarkerInComment << QStringList() << false << false;
 }
 
 void RunAtStartupTest::togglingSwitchesFromEachState()
@@ -448,14 +443,16 @@ void RunAtStartupTest::installWritesThenCleansUpThenLoads()
     QVERIFY(!QFile::exists(obsoletePath(1)));
 
     const QString domain = QStringLiteral("[gui/") + uid() + QStringLiteral("]");
-    QCOMPARE(launchctlCalls(), QStringList({
-                                   QStringLiteral("[bootout]") + domain + QLatin1Char('[') + obsoletePath(1) + QLatin1Char(']'),
-                                   QStringLiteral("[bootout]") + domain + QLatin1Char('[') + plistPath() + QLatin1Char(']'),
-                                   QStringLiteral("[bootstrap]") + domain + QLatin1Char('[') + plistPath() + QLatin1Char(']'),
-                                   QStringLiteral("[kickstart][-k][gui/") + uid() + QLatin1Char('/') + ownLabel + QLatin1Char(']'),
-                               }));
-    QCOMPARE(ownLines(), QStringList({QStringLiteral("Removed obsolete beta run-at-startup plist at ") + obsoletePath(1),
-                                      QStringLiteral("Enabled legacy run-at-startup plist at ") + plistPath()}));
+    QCOMPARE(launchctlCalls(),
+             QStringList({
+                 QStringLiteral("[bootout]") + domain + QLatin1Char('[') + obsoletePath(1) + QLatin1Char(']'),
+                 QStringLiteral("[bootout]") + domain + QLatin1Char('[') + plistPath() + QLatin1Char(']'),
+                 QStringLiteral("[bootstrap]") + domain + QLatin1Char('[') + plistPath() + QLatin1Char(']'),
+                 QStringLiteral("[kickstart][-k][gui/") + uid() + QLatin1Char('/') + ownLabel + QLatin1Char(']'),
+             }));
+    QCOMPARE(ownLines(),
+             QStringList({QStringLiteral("Removed obsolete beta run-at-startup plist at ") + obsoletePath(1),
+                          QStringLiteral("Enabled legacy run-at-startup plist at ") + plistPath()}));
     // Each run goes through the process runner, which logs it.
     QCOMPARE(env.messagesSinceMark().filter(QStringLiteral("Launching process: ") + config.launchctlPath).size(), 4);
     QCOMPARE(h.delegate->resolveRunAtStartupState(), RunAtStartupState::enabled);
@@ -528,7 +525,8 @@ void RunAtStartupTest::installFailureIsShownOnTheStateLine()
     QCOMPARE(lines.size(), 2);
     const QString prefix = QStringLiteral("Failed writing legacy run-at-startup plist: ");
     QVERIFY2(lines.at(0).startsWith(prefix) && lines.at(0).size() > prefix.size(), qPrintable(lines.at(0)));
-    QCOMPARE(lines.at(1), QStringLiteral("State updated: Status: Could not save startup setting version=2.3.4 running=true"));
+    QCOMPARE(lines.at(1),
+             QStringLiteral("State updated: Status: Could not save startup setting version=2.3.4 running=true"));
     QCOMPARE(h.delegate->stateMenuItem->text(), QStringLiteral("Status: Could not save startup setting"));
     QCOMPARE(h.delegate->versionMenuItem->text(), QStringLiteral("Version: 2.3.4"));
     QVERIFY(h.delegate->agentIsRunning);
@@ -545,7 +543,8 @@ void RunAtStartupTest::installWithoutExecutableDoesNothing()
 
     h.delegate->installLegacyRunAtStartup();
 
-    QCOMPARE(ownLines(), QStringList{QStringLiteral("Could not resolve app executable path for legacy run-at-startup.")});
+    QCOMPARE(ownLines(),
+             QStringList{QStringLiteral("Could not resolve app executable path for legacy run-at-startup.")});
     QVERIFY(!QFile::exists(plistPath()));
     QVERIFY(QFile::exists(obsoletePath(0)));
     QVERIFY(launchctlCalls().isEmpty());
@@ -562,7 +561,8 @@ void RunAtStartupTest::removalUnloadsDeletesAndCleansUpLeftovers_data()
     QTest::newRow("nothing there") << false << QList<QByteArray>{none, none, none} << QList<int>{};
     QTest::newRow("own only") << true << QList<QByteArray>{none, none, none} << QList<int>{};
     QTest::newRow("two leftovers in label order")
-        << true << QList<QByteArray>{obsoleteWithMarker, obsoleteWithoutMarker, obsoleteMarkerInComment} << QList<int>{0, 2};
+        << true << QList<QByteArray>{obsoleteWithMarker, obsoleteWithoutMarker, obsoleteMarkerInComment}
+        << QList<int>{0, 2};
     QTest::newRow("leftover without own plist")
         << false << QList<QByteArray>{obsoleteNotUtf8, obsoleteWithMarker, none} << QList<int>{1};
     QTest::newRow("empty leftover stays") << false << QList<QByteArray>{QByteArray(""), none, none} << QList<int>{};

@@ -26,8 +26,8 @@ struct CannedResponse {
     int status = 200;
     QByteArray body;
     QByteArray contentType = "application/json";
-    bool hang = false;      // accept and read the request, never answer
-    int delayMs = 0;        // answer after this long
+    bool hang = false; // accept and read the request, never answer
+    int delayMs = 0;   // answer after this long
 };
 
 class FakeAgent : public QObject {

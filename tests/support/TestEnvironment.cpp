@@ -43,7 +43,8 @@ void TestEnvironment::writeInfoPlist(const QString &bundleVersion, const QString
     QString text = QStringLiteral("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n");
     auto add = [&text](const char *key, const QString &value) {
         if (!value.isNull())
-            text += QStringLiteral("  <key>%1</key>\n  <string>%2</string>\n").arg(QLatin1String(key), value.toHtmlEscaped());
+            text += QStringLiteral("  <key>%1</key>\n  <string>%2</string>\n")
+                        .arg(QLatin1String(key), value.toHtmlEscaped());
     };
     add("CFBundleIdentifier", identifier);
     add("CFBundleVersion", bundleVersion);

@@ -45,6 +45,7 @@ private slots:
     void duplicateInstanceLeavesWithoutTouchingTheAgent();
     void willTerminateStopsTheRefreshTimer();
     void quitSignalBeforeLaunchFinishedWaitsForTheLaunch();
+    void quitDuringTheLaunchProbeStartsNoAgent();
 
 private:
     void makeController(bool withRuntimeFolder = true)
@@ -82,7 +83,7 @@ private:
 void TerminationTest::init()
 {
     QFile::remove(scriptPath());
-    QFile::remove(env.configHome() + QStringLiteral("/com.tallyhold.agent().app.conf"));
+    QFile::remove(env.configHome() + QStringLiteral("/com.tallyhold.agent.app.conf"));
     agentHolder = std::make_unique<FakeAgent>();
     agent().setHealthy(QStringLiteral("1.4.2"));
     env.markLog();
@@ -325,12 +326,33 @@ void TerminationTest::quitSignalBeforeLaunchFinishedWaitsForTheLaunch()
     host->finishLaunching();
     QVERIFY(terminated->wait(5000));
 
-    // The duplicate check ran first, so this copy left without stopping the agent().
+    // The duplicate check ran first, so this copy left without stopping the agent.
     QCOMPARE(env.messagesSinceMark(),
              QStringList({QStringLiteral("Application did finish launching."),
                           QStringLiteral("Duplicate app instance detected. Terminating new instance."),
                           QStringLiteral("Termination requested with stop bypass enabled."), willTerminateLine}));
     QVERIFY(script.runs().isEmpty());
+}
+
+void TerminationTest::quitDuringTheLaunchProbeStartsNoAgent()
+{
+    FakeControlScript script(scriptPath());
+    script.write({}, {0, true, {}});
+    // The agent is down and slow to say so: the quit lands while the launch probe is out.
+    agent().setResponse("/healthz", {503, "{}", "application/json", false, 300});
+    makeController();
+    host->finishLaunching();
+    QVERIFY(env.waitForLogMessage(QStringLiteral("Launch flow starting. launchedAtLogin=false")));
+    delegate->quitApp();
+    QTRY_COMPARE(script.runs(), QList<QStringList>{{QStringLiteral("stop")}});
+
+    // Wait until the launch probe's answer has come and gone, then let the stop finish.
+    QTRY_VERIFY(agent().countFor("/healthz") >= 2);
+    QTest::qWait(400);
+    script.release(QStringLiteral("stop"));
+    QVERIFY(terminated->wait(10000));
+    QCOMPARE(script.runs(), QList<QStringList>{{QStringLiteral("stop")}});
+    QVERIFY(!env.messagesSinceMark().contains(QStringLiteral("Agent not healthy during launch. Starting agent.")));
 }
 
 QTEST_MAIN(TerminationTest)

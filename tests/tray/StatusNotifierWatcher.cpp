@@ -51,8 +51,8 @@ QStringList StatusNotifierWatcher::registeredStatusNotifierItems() const
 void StatusNotifierWatcher::RegisterStatusNotifierItem(const QString &service, const QDBusMessage &message)
 {
     // An item names either its bus name (object at the usual path) or only its object path.
-    Item item = service.startsWith(QLatin1Char('/')) ? Item{message.service(), service}
-                                                     : Item{service, defaultItemPath};
+    Item item =
+        service.startsWith(QLatin1Char('/')) ? Item{message.service(), service} : Item{service, defaultItemPath};
     ++registrations_;
     const QString name = item.service + item.path;
     if (!registeredStatusNotifierItems().contains(name))

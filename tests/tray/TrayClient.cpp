@@ -24,7 +24,6 @@ QDBusMessage callMethod(const QString &service, const QString &path, const QStri
     return QDBusConnection::sessionBus().call(message, QDBus::BlockWithGui, callTimeoutMs);
 }
 
-
 TrayMenuEntry readEntry(const QDBusArgument &argument, QList<TrayMenuEntry> *children)
 {
     TrayMenuEntry entry;
@@ -50,13 +49,41 @@ TrayMenuEntry readEntry(const QDBusArgument &argument, QList<TrayMenuEntry> *chi
     entry.visible = properties.value(QStringLiteral("visible"), true).toBool();
     entry.toggleType = properties.value(QStringLiteral("toggle-type")).toString();
     entry.toggleState = properties.value(QStringLiteral("toggle-state"), -1).toInt();
-    entry.hasIcon = properties.contains(QStringLiteral("icon-data")) || properties.contains(QStringLiteral("icon-name"));
+    entry.hasIcon =
+        properties.contains(QStringLiteral("icon-data")) || properties.contains(QStringLiteral("icon-name"));
     return entry;
+}
+
+// An a(iiay) list of pixmaps: network byte order ARGB, not premultiplied.
+QList<QImage> readPixmaps(const QDBusArgument &argument)
+{
+    QList<QImage> images;
+    argument.beginArray();
+    while (!argument.atEnd()) {
+        int width = 0;
+        int height = 0;
+        QByteArray data;
+        argument.beginStructure();
+        argument >> width >> height >> data;
+        argument.endStructure();
+        if (width <= 0 || height <= 0 || data.size() < qsizetype(width) * height * 4)
+            continue;
+        QImage image(width, height, QImage::Format_ARGB32);
+        const auto *pixels = reinterpret_cast<const uchar *>(data.constData());
+        for (int y = 0; y < height; ++y)
+            for (int x = 0; x < width; ++x)
+                image.setPixel(x, y, qFromBigEndian<quint32>(pixels + 4 * (y * width + x)));
+        images.append(image);
+    }
+    argument.endArray();
+    return images;
 }
 
 } // namespace
 
-TrayClient::TrayClient(QString service, QString itemPath) : service_(std::move(service)), itemPath_(std::move(itemPath)) {}
+TrayClient::TrayClient(QString service, QString itemPath) : service_(std::move(service)), itemPath_(std::move(itemPath))
+{
+}
 
 QVariant TrayClient::itemProperty(const QString &name) const
 {
@@ -94,8 +121,8 @@ QStringList TrayClient::labels() const
 TrayMenuEntry TrayClient::entry(const QString &label) const
 {
     const QList<TrayMenuEntry> entries = layout();
-    const auto found = std::find_if(entries.begin(), entries.end(),
-                                    [&](const TrayMenuEntry &entry) { return entry.label == label; });
+    const auto found =
+        std::find_if(entries.begin(), entries.end(), [&](const TrayMenuEntry &entry) { return entry.label == label; });
     return found == entries.end() ? TrayMenuEntry{-1, {}, false, false, {}, -1, false} : *found;
 }
 
@@ -121,27 +148,7 @@ QList<QImage> TrayClient::iconPixmaps() const
     const QVariant value = itemProperty(QStringLiteral("IconPixmap"));
     if (!value.isValid())
         return {};
-    const QDBusArgument argument = value.value<QDBusArgument>();
-    QList<QImage> images;
-    argument.beginArray();
-    while (!argument.atEnd()) {
-        int width = 0;
-        int height = 0;
-        QByteArray data;
-        argument.beginStructure();
-        argument >> width >> height >> data;
-        argument.endStructure();
-        if (width <= 0 || height <= 0 || data.size() < qsizetype(width) * height * 4)
-            continue;
-        // Network byte order ARGB, not premultiplied.
-        QImage image(width, height, QImage::Format_ARGB32);
-        const auto *pixels = reinterpret_cast<const uchar *>(data.constData());
-        for (int y = 0; y < height; ++y)
-            for (int x = 0; x < width; ++x)
-                image.setPixel(x, y, qFromBigEndian<quint32>(pixels + 4 * (y * width + x)));
-        images.append(image);
-    }
-    argument.endArray();
+    QList<QImage> images = readPixmaps(value.value<QDBusArgument>());
     std::sort(images.begin(), images.end(), [](const QImage &a, const QImage &b) { return a.width() < b.width(); });
     return images;
 }
@@ -157,16 +164,7 @@ QString TrayClient::toolTipTitle() const
     QString subTitle;
     argument.beginStructure();
     argument >> iconName;
-    argument.beginArray();
-    while (!argument.atEnd()) {
-        int width = 0;
-        int height = 0;
-        QByteArray data;
-        argument.beginStructure();
-        argument >> width >> height >> data;
-        argument.endStructure();
-    }
-    argument.endArray();
+    readPixmaps(argument);
     argument >> title >> subTitle;
     argument.endStructure();
     return title.isEmpty() ? subTitle : title;

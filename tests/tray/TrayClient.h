@@ -8,11 +8,11 @@
 
 struct TrayMenuEntry {
     int id = 0;
-    QString label;         // "-" for a separator
+    QString label; // "-" for a separator
     bool enabled = true;
     bool visible = true;
-    QString toggleType;    // empty unless the entry can be checked
-    int toggleState = -1;  // 0 off, 1 on; -1 when the entry carries none
+    QString toggleType;   // empty unless the entry can be checked
+    int toggleState = -1; // 0 off, 1 on; -1 when the entry carries none
     bool hasIcon = false;
 };
 

@@ -35,7 +35,8 @@ void TrayProgram::start(quint16 agentPort)
     QProcessEnvironment environment = copy_.environment(agentPort);
     // DISPLAY and the session bus stay those of the test, so the icon reaches its host.
     environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("xcb"));
-    environment.insert(QStringLiteral("PATH"), workDir_ + QStringLiteral("/bin:") + environment.value(QStringLiteral("PATH")));
+    environment.insert(QStringLiteral("PATH"),
+                       workDir_ + QStringLiteral("/bin:") + environment.value(QStringLiteral("PATH")));
     process_.setProcessEnvironment(environment);
     process_.setProgram(copy_.binary());
     process_.setProcessChannelMode(QProcess::ForwardedErrorChannel);

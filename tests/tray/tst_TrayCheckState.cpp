@@ -34,16 +34,19 @@ void TrayCheckStateTest::initTestCase()
 {
     QVERIFY2(QDBusConnection::sessionBus().isConnected(), "needs a session bus (run under dbus-run-session)");
     hostThread_.start();
-    watcher_ = new StatusNotifierWatcher(QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("tray-host")));
+    watcher_ = new StatusNotifierWatcher(
+        QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("tray-host")));
     watcher_->moveToThread(&hostThread_);
     bool started = false;
-    QMetaObject::invokeMethod(watcher_, [&] { started = watcher_->start(); }, Qt::BlockingQueuedConnection);
+    QMetaObject::invokeMethod(
+        watcher_, [&] { started = watcher_->start(); }, Qt::BlockingQueuedConnection);
     QVERIFY(started);
 }
 
 void TrayCheckStateTest::cleanupTestCase()
 {
-    QMetaObject::invokeMethod(watcher_, [this] { delete watcher_; }, Qt::BlockingQueuedConnection);
+    QMetaObject::invokeMethod(
+        watcher_, [this] { delete watcher_; }, Qt::BlockingQueuedConnection);
     hostThread_.quit();
     hostThread_.wait();
 }
@@ -51,7 +54,8 @@ void TrayCheckStateTest::cleanupTestCase()
 QList<StatusNotifierWatcher::Item> TrayCheckStateTest::registeredItems()
 {
     QList<StatusNotifierWatcher::Item> items;
-    QMetaObject::invokeMethod(watcher_, [&] { items = watcher_->items(); }, Qt::BlockingQueuedConnection);
+    QMetaObject::invokeMethod(
+        watcher_, [&] { items = watcher_->items(); }, Qt::BlockingQueuedConnection);
     return items;
 }
 

@@ -35,7 +35,8 @@ void TrayLateHostTest::initTestCase()
 {
     QVERIFY2(QDBusConnection::sessionBus().isConnected(), "needs a session bus (run under dbus-run-session)");
     QVERIFY2(QGuiApplication::platformName() == QLatin1String("xcb"), "needs an X display (run under xvfb-run)");
-    QVERIFY(!QDBusConnection::sessionBus().interface()->isServiceRegistered(QStringLiteral("org.kde.StatusNotifierWatcher")));
+    QVERIFY(!QDBusConnection::sessionBus().interface()->isServiceRegistered(
+        QStringLiteral("org.kde.StatusNotifierWatcher")));
     agent_.setHealthDown();
     program_.start(agent_.port());
     QVERIFY(program_.process().waitForStarted());
@@ -48,8 +49,9 @@ void TrayLateHostTest::worksWithoutTrayHost()
     QVERIFY(program_.logMessages().contains(QStringLiteral("Agent not healthy during launch. Starting agent.")));
     agent_.setHealthy();
     program_.finishControlCall(QStringLiteral("start"));
-    QTRY_VERIFY_WITH_TIMEOUT(program_.logMessages().contains(QStringLiteral("State updated: Status: Running version=1.4.2 running=true")),
-                             programTimeoutMs);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        program_.logMessages().contains(QStringLiteral("State updated: Status: Running version=1.4.2 running=true")),
+        programTimeoutMs);
     QCOMPARE(program_.process().state(), QProcess::Running);
 }
 

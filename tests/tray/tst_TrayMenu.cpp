@@ -126,8 +126,9 @@ void TrayMenuTest::waitForState(const QString &title)
 
 void TrayMenuTest::checkBadge(bool running, const QString &stateName)
 {
-    QTRY_COMPARE_WITH_TIMEOUT(tray_->toolTipTitle(), running ? QStringLiteral("Quillmere Agent is running")
-                                                              : QStringLiteral("Quillmere Agent is offline"),
+    QTRY_COMPARE_WITH_TIMEOUT(tray_->toolTipTitle(),
+                              running ? QStringLiteral("Quillmere Agent is running")
+                                      : QStringLiteral("Quillmere Agent is offline"),
                               programTimeoutMs);
     const QList<QImage> images = tray_->iconPixmaps();
     QVERIFY(!images.isEmpty());
@@ -138,8 +139,10 @@ void TrayMenuTest::checkBadge(bool running, const QString &stateName)
         const QColor mark = markColour(image);
         const QColor fill = fillColour(image);
         if (running) {
-            QVERIFY2(isCyan(mark, 60) && mark.red() > 100, qPrintable(size + QStringLiteral(" px mark ") + describe(mark)));
-            QVERIFY2(isCyan(fill, 40) && fill.value() < 140, qPrintable(size + QStringLiteral(" px fill ") + describe(fill)));
+            QVERIFY2(isCyan(mark, 60) && mark.red() > 100,
+                     qPrintable(size + QStringLiteral(" px mark ") + describe(mark)));
+            QVERIFY2(isCyan(fill, 40) && fill.value() < 140,
+                     qPrintable(size + QStringLiteral(" px fill ") + describe(fill)));
         } else {
             QVERIFY2(isGrey(mark) && mark.red() > 150, qPrintable(size + QStringLiteral(" px mark ") + describe(mark)));
             QVERIFY2(isGrey(fill) && fill.value() > 40 && fill.value() < 150,
@@ -161,13 +164,22 @@ void TrayMenuTest::menuListsItemsInOrderWithStatesAndToggles()
         enabled.append(entry.enabled);
         QVERIFY(entry.visible);
     }
-    const QStringList expectedLabels = {
-        QStringLiteral("Status: Running"),    QStringLiteral("Version: 1.4.2"),    QStringLiteral("-"),
-        QStringLiteral("Start Agent"),        QStringLiteral("Stop Agent"),        QStringLiteral("-"),
-        QStringLiteral("Open Cloud Admin"),   QStringLiteral("Check for Updates"), QStringLiteral("Open Local Admin"),
-        QStringLiteral("Open Getting Started"), QStringLiteral("Open Startup Status"), QStringLiteral("Open Logs"),
-        QStringLiteral("-"),                  QStringLiteral("Run at Startup"),    QStringLiteral("-"),
-        QStringLiteral("Quit")};
+    const QStringList expectedLabels = {QStringLiteral("Status: Running"),
+                                        QStringLiteral("Version: 1.4.2"),
+                                        QStringLiteral("-"),
+                                        QStringLiteral("Start Agent"),
+                                        QStringLiteral("Stop Agent"),
+                                        QStringLiteral("-"),
+                                        QStringLiteral("Open Cloud Admin"),
+                                        QStringLiteral("Check for Updates"),
+                                        QStringLiteral("Open Local Admin"),
+                                        QStringLiteral("Open Getting Started"),
+                                        QStringLiteral("Open Startup Status"),
+                                        QStringLiteral("Open Logs"),
+                                        QStringLiteral("-"),
+                                        QStringLiteral("Run at Startup"),
+                                        QStringLiteral("-"),
+                                        QStringLiteral("Quit")};
     QCOMPARE(labels, expectedLabels);
     const QList<bool> expectedEnabled = {false, false, true, false, true, true, true, true,
                                          true,  true,  true, true,  true, true, true, true};
@@ -198,9 +210,9 @@ void TrayMenuTest::stopAndStartRunTheControlScriptAndTheMenuFollows()
     waitForState(QStringLiteral("Status: Starting..."));
     QVERIFY(!tray_->entry(QStringLiteral("Start Agent")).enabled);
     // A start from the menu shows the startup status page.
-    QTRY_VERIFY_WITH_TIMEOUT(program_.openedLocations().contains(program_.copy().runtimeDir() +
-                                                                 QStringLiteral("/startup-status.html")),
-                             programTimeoutMs);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        program_.openedLocations().contains(program_.copy().runtimeDir() + QStringLiteral("/startup-status.html")),
+        programTimeoutMs);
     agent_.setHealthy(QStringLiteral("1.5.0"));
     program_.finishControlCall(QStringLiteral("start"));
     waitForState(QStringLiteral("Status: Running"));
@@ -290,7 +302,8 @@ void TrayMenuTest::quitStopsTheAgentAndExits()
     QVERIFY(program_.process().waitForFinished(programTimeoutMs));
     QCOMPARE(program_.process().exitStatus(), QProcess::NormalExit);
     QCOMPARE(program_.process().exitCode(), 0);
-    QCOMPARE(program_.logMessages().value(program_.logMessages().size() - 1), QStringLiteral("Application will terminate."));
+    QCOMPARE(program_.logMessages().value(program_.logMessages().size() - 1),
+             QStringLiteral("Application will terminate."));
 }
 
 QTEST_MAIN(TrayMenuTest)

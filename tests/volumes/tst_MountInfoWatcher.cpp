@@ -2,6 +2,7 @@
 // notifications, and the watcher that posts them when the kernel reports a change.
 #include "platform/WorkspaceNotificationCenter.h"
 #include "platform/linux/MountInfoWatcher.h"
+#include "support/Files.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -38,8 +39,7 @@ const QByteArray sampleTable =
     "not a mount line\n"
     "\n";
 
-MountRecord record(int id, const char *device, const char *source, const QString &mountPoint,
-                   const char *root = "/")
+MountRecord record(int id, const char *device, const char *source, const QString &mountPoint, const char *root = "/")
 {
     return MountRecord{id, QString::fromLatin1(device), QString::fromLatin1(root), QString::fromLatin1(source),
                        mountPoint};
@@ -51,13 +51,6 @@ QStringList mountPointsOf(const QList<MountRecord> &records)
     for (const MountRecord &r : records)
         points.append(r.mountPoint);
     return points;
-}
-
-void writeFile(const QString &path, const QByteArray &text)
-{
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    file.write(text);
 }
 
 // Records every volume notification posted on a centre.
@@ -94,12 +87,11 @@ void MountInfoWatcherTest::readsTheMountsOfTheFolder_data()
     const QStringList alex = {QStringLiteral("/media/alex/USB DISK"), QStringLiteral("/media/alex/Back\\slash"),
                               QStringLiteral("/media/alex/Stacked"), QStringLiteral("/media/alex/Bound"),
                               QStringLiteral(u"/media/alex/Caf\u00E9\tTab")};
-    QTest::newRow("entries only, not the folder, nested mounts or a longer sibling") << QStringLiteral("/media/alex")
-                                                                                   << alex;
+    QTest::newRow("entries only, not the folder, nested mounts or a longer sibling")
+        << QStringLiteral("/media/alex") << alex;
     QTest::newRow("trailing slash") << QStringLiteral("/media/alex/") << alex;
     QTest::newRow("folder spelled with ..") << QStringLiteral("/media/other/../alex") << alex;
-    QTest::newRow("parent folder") << QStringLiteral("/media")
-                                   << QStringList{QStringLiteral("/media/alex")};
+    QTest::newRow("parent folder") << QStringLiteral("/media") << QStringList{QStringLiteral("/media/alex")};
     QTest::newRow("folder without mounts") << QStringLiteral("/mnt") << QStringList();
     QTest::newRow("no folder") << QString() << QStringList();
 }
@@ -145,12 +137,12 @@ void MountInfoWatcherTest::changesBetweenTwoReadings_data()
                              << QStringList{a};
     QTest::newRow("unmounted") << QList<MountRecord>{diskA} << QList<MountRecord>() << QStringList{unmount}
                                << QStringList{a};
-    QTest::newRow("mount moved to a new name") << QList<MountRecord>{diskA}
-                                               << QList<MountRecord>{record(101, "8:17", "/dev/sdb1", b)}
-                                               << QStringList{rename} << QStringList{b};
+    QTest::newRow("mount moved to a new name")
+        << QList<MountRecord>{diskA} << QList<MountRecord>{record(101, "8:17", "/dev/sdb1", b)} << QStringList{rename}
+        << QStringList{b};
     QTest::newRow("same disk mounted again under a new name")
-        << QList<MountRecord>{diskA} << QList<MountRecord>{record(140, "8:17", "/dev/sdb1", b)}
-        << QStringList{rename} << QStringList{b};
+        << QList<MountRecord>{diskA} << QList<MountRecord>{record(140, "8:17", "/dev/sdb1", b)} << QStringList{rename}
+        << QStringList{b};
     QTest::newRow("one disk out, another in")
         << QList<MountRecord>{diskA} << QList<MountRecord>{record(141, "8:33", "/dev/sdc1", b)}
         << QStringList{unmount, mount} << QStringList{a, b};
@@ -237,8 +229,7 @@ void MountInfoWatcherTest::kernelChangeSignalReachesTheWatcher()
     QCOMPARE(::mount("quillmere-test", disk.constData(), "tmpfs", 0, "size=64k"), 0);
     QTRY_COMPARE(posted.names, QStringList{WorkspaceNotification::didMount});
     QCOMPARE(::mount(disk.constData(), renamed.constData(), nullptr, MS_MOVE, nullptr), 0);
-    QTRY_COMPARE(posted.names,
-                 QStringList({WorkspaceNotification::didMount, WorkspaceNotification::didRenameVolume}));
+    QTRY_COMPARE(posted.names, QStringList({WorkspaceNotification::didMount, WorkspaceNotification::didRenameVolume}));
     QCOMPARE(::umount2(renamed.constData(), 0), 0);
     QTRY_COMPARE(posted.names, QStringList({WorkspaceNotification::didMount, WorkspaceNotification::didRenameVolume,
                                             WorkspaceNotification::didUnmount}));

@@ -62,8 +62,12 @@ void VolumeSnapshotTest::snapshotFromListing_data()
 
     QTest::newRow("empty folder") << QStringList() << QStringList() << QStringList();
     QTest::newRow("hidden and blank entries are left out")
-        << QStringList{QStringLiteral(".DS_Store"), QStringLiteral("   "), QStringLiteral("\n\t"),
-                       QStringLiteral("Disk"), QStringLiteral(" .hidden-after-trim"), QString()}
+        << QStringList{QStringLiteral(".DS_Store"),
+                       QStringLiteral("   "),
+                       QStringLiteral("\n\t"),
+                       QStringLiteral("Disk"),
+                       QStringLiteral(" .hidden-after-trim"),
+                       QString()}
         << QStringList{QStringLiteral("Disk")} << QStringList{QStringLiteral("/Volumes/Disk")};
     QTest::newRow("white space and line breaks trimmed from both ends")
         << QStringList{QStringLiteral("  Backup \n"), QStringLiteral(u"\u00A0Photos\u2028"),
@@ -134,16 +138,15 @@ void VolumeSnapshotTest::signatureFollowsContentAndOrder_data()
     QTest::addColumn<bool>("same");
 
     const QList<VolumeEntry> base = entries({QStringLiteral("Alpha"), QStringLiteral("Beta")});
-    QTest::newRow("same snapshot built twice") << base << entries({QStringLiteral("Alpha"), QStringLiteral("Beta")})
-                                               << true;
+    QTest::newRow("same snapshot built twice")
+        << base << entries({QStringLiteral("Alpha"), QStringLiteral("Beta")}) << true;
     QList<VolumeEntry> renamed = base;
     renamed[1].name = QStringLiteral("beta");
     QTest::newRow("a name differs") << base << renamed << false;
     QList<VolumeEntry> moved = base;
     moved[1].path = QStringLiteral("/Volumes/Beta2");
     QTest::newRow("a path differs") << base << moved << false;
-    QTest::newRow("the order differs") << base << entries({QStringLiteral("Beta"), QStringLiteral("Alpha")})
-                                       << false;
+    QTest::newRow("the order differs") << base << entries({QStringLiteral("Beta"), QStringLiteral("Alpha")}) << false;
     QTest::newRow("an entry more") << base
                                    << entries({QStringLiteral("Alpha"), QStringLiteral("Beta"), QStringLiteral("C")})
                                    << false;
@@ -161,15 +164,18 @@ void VolumeSnapshotTest::signatureFollowsContentAndOrder()
 void VolumeSnapshotTest::signatureAndBodyAreCompactJson()
 {
     const QList<VolumeEntry> snapshot = entries({QStringLiteral(u"Caf\u00E9 \"One\"")});
-    const QByteArray entryJson = QStringLiteral(
-        u"{\"isMounted\":true,\"name\":\"Caf\u00E9 \\\"One\\\"\",\"path\":\"/Volumes/Caf\u00E9 \\\"One\\\"\"}").toUtf8();
+    const QByteArray entryJson =
+        QStringLiteral(
+            u"{\"isMounted\":true,\"name\":\"Caf\u00E9 \\\"One\\\"\",\"path\":\"/Volumes/Caf\u00E9 \\\"One\\\"\"}")
+            .toUtf8();
     QCOMPARE(volumeSnapshotSignature(snapshot), "[" + entryJson + "]");
     QCOMPARE(volumeSnapshotSignature({}), QByteArray("[]"));
 
     const QByteArray body = volumeSyncBody(snapshot, QStringLiteral("app-launch"));
     QCOMPARE(body, "{\"event\":\"app-launch\",\"source\":\"menu-app\",\"volumes\":[" + entryJson + "]}");
     const QJsonObject parsed = QJsonDocument::fromJson(body).object();
-    QCOMPARE(parsed.keys(), QStringList({QStringLiteral("event"), QStringLiteral("source"), QStringLiteral("volumes")}));
+    QCOMPARE(parsed.keys(),
+             QStringList({QStringLiteral("event"), QStringLiteral("source"), QStringLiteral("volumes")}));
     QCOMPARE(volumeSyncBody({}, QStringLiteral("coalesced")),
              QByteArray("{\"event\":\"coalesced\",\"source\":\"menu-app\",\"volumes\":[]}"));
 }

@@ -94,15 +94,15 @@ void VolumeSyncTest::requestCarriesTheSnapshotAsCompactJson()
     const RecordedRequest request = agent.requestsFor(syncPath).constFirst();
     QCOMPARE(request.method, QByteArray("POST"));
     QCOMPARE(request.header("Content-Type"), QByteArray("application/json"));
-    QCOMPARE(request.body,
-             QByteArray("{\"event\":\"app-launch\",\"source\":\"menu-app\",\"volumes\":["
-                        "{\"isMounted\":true,\"name\":\"alpha\",\"path\":\"/Volumes/alpha\"},"
-                        "{\"isMounted\":true,\"name\":\"Beta\",\"path\":\"/Volumes/Beta\"}]}"));
+    QCOMPARE(request.body, QByteArray("{\"event\":\"app-launch\",\"source\":\"menu-app\",\"volumes\":["
+                                      "{\"isMounted\":true,\"name\":\"alpha\",\"path\":\"/Volumes/alpha\"},"
+                                      "{\"isMounted\":true,\"name\":\"Beta\",\"path\":\"/Volumes/Beta\"}]}"));
 
     // Beyond Content-Type only what the HTTP stack itself sends: framing and negotiation (and
     // no-cache, should the stack ever spell out that local data is ignored).
-    const QSet<QByteArray> transportHeaders = {"host",          "content-length", "connection", "accept-encoding",
-                                               "accept-language", "user-agent",   "cache-control", "pragma"};
+    const QSet<QByteArray> transportHeaders = {
+        "host",       "content-length", "connection", "accept-encoding", "accept-language",
+        "user-agent", "cache-control",  "pragma"};
     for (const auto &[name, value] : request.headers) {
         if (name.toLower() != "content-type")
             QVERIFY2(transportHeaders.contains(name.toLower()), (name + ": " + value).constData());
@@ -111,20 +111,20 @@ void VolumeSyncTest::requestCarriesTheSnapshotAsCompactJson()
 
 void VolumeSyncTest::answerDecidesWhetherTheSnapshotCounts_data()
 {
-    QTest::addColumn<QString>("answer"); // an HTTP status, "refused" or "silent"
+    QTest::addColumn<QString>("answer");  // an HTTP status, "refused" or "silent"
     QTest::addColumn<QString>("logLine"); // empty: nothing logged
     QTest::addColumn<bool>("accepted");
 
     QTest::newRow("200") << QStringLiteral("200") << QString() << true;
     QTest::newRow("204 without body") << QStringLiteral("204") << QString() << true;
-    QTest::newRow("400") << QStringLiteral("400") << QStringLiteral("Mounted volume sync request failed with status 400.")
-                         << false;
-    QTest::newRow("404") << QStringLiteral("404") << QStringLiteral("Mounted volume sync request failed with status 404.")
-                         << false;
-    QTest::newRow("500") << QStringLiteral("500") << QStringLiteral("Mounted volume sync request failed with status 500.")
-                         << false;
-    QTest::newRow("503") << QStringLiteral("503") << QStringLiteral("Mounted volume sync request failed with status 503.")
-                         << false;
+    QTest::newRow("400") << QStringLiteral("400")
+                         << QStringLiteral("Mounted volume sync request failed with status 400.") << false;
+    QTest::newRow("404") << QStringLiteral("404")
+                         << QStringLiteral("Mounted volume sync request failed with status 404.") << false;
+    QTest::newRow("500") << QStringLiteral("500")
+                         << QStringLiteral("Mounted volume sync request failed with status 500.") << false;
+    QTest::newRow("503") << QStringLiteral("503")
+                         << QStringLiteral("Mounted volume sync request failed with status 503.") << false;
     QTest::newRow("agent not listening") << QStringLiteral("refused")
                                          << QStringLiteral("Mounted volume sync request failed: Connection refused")
                                          << false;
@@ -151,7 +151,8 @@ void VolumeSyncTest::answerDecidesWhetherTheSnapshotCounts()
     if (answer == QLatin1String("refused"))
         agent.close();
     addVolume(QStringLiteral("Disk"));
-    auto delegate = makeController(base, [](Configuration &config) { config.volumeSyncTimeout = std::chrono::milliseconds(300); });
+    auto delegate =
+        makeController(base, [](Configuration &config) { config.volumeSyncTimeout = std::chrono::milliseconds(300); });
 
     delegate->syncMountedVolumesCache(QStringLiteral("NSWorkspaceDidMountNotification"), false);
     QVERIFY(delegate->mountedVolumeSyncInFlight);

@@ -25,8 +25,8 @@ AppLogger &AppLogger::shared()
     // Deliberately never destroyed: background threads may still log while the process exits.
     // Queued lines are written by the flush registered with atexit.
     static AppLogger *instance = [] {
-        auto *logger = new AppLogger(logsDirectoryUnder(defaultApplicationSupportDirectory()) +
-                                     QStringLiteral("/menu-app.log"));
+        auto *logger =
+            new AppLogger(logsDirectoryUnder(defaultApplicationSupportDirectory()) + QStringLiteral("/menu-app.log"));
         std::atexit([] { AppLogger::shared().flush(); });
         return logger;
     }();

@@ -50,10 +50,8 @@ bool entryIsHidden(const QString &path)
 
 AutostartLoginItemService::AutostartLoginItemService(QString configDirectory, QString bundleIdentifier,
                                                      QString executablePath, LocationOpener *opener)
-    : configDirectory_(std::move(configDirectory)),
-      bundleIdentifier_(std::move(bundleIdentifier)),
-      executablePath_(std::move(executablePath)),
-      opener_(opener)
+    : configDirectory_(std::move(configDirectory)), bundleIdentifier_(std::move(bundleIdentifier)),
+      executablePath_(std::move(executablePath)), opener_(opener)
 {
 }
 
@@ -73,7 +71,8 @@ int AutostartLoginItemService::status() const
 std::optional<LoginItemError> AutostartLoginItemService::registerApp()
 {
     if (status() == statusEnabled)
-        return LoginItemError{errorDomain, errorAlreadyRegistered, QStringLiteral("The autostart entry already exists.")};
+        return LoginItemError{errorDomain, errorAlreadyRegistered,
+                              QStringLiteral("The autostart entry already exists.")};
     if (executablePath_.isEmpty())
         return writeError(QStringLiteral("The program's location is unknown."));
     std::error_code folderError;

@@ -16,8 +16,8 @@ PlatformServices PlatformServices::forThisSystem(const Configuration &configurat
         configuration.configDirectory, configuration.bundleIdentifier, configuration.executablePath.value_or(QString()),
         services.opener.get());
     services.workspaceNotifications = std::make_unique<WorkspaceNotificationCenter>();
-    services.volumeEventSource = std::make_unique<MountInfoWatcher>(configuration.volumeMountDirectory,
-                                                                    services.workspaceNotifications.get());
+    services.volumeEventSource =
+        std::make_unique<MountInfoWatcher>(configuration.volumeMountDirectory, services.workspaceNotifications.get());
     services.runningApplications = std::make_unique<LockFileRunningApplications>(configuration.runtimeStateDirectory);
     return services;
 }

@@ -12,7 +12,8 @@ int LockFileRunningApplications::runningApplicationCount(const QString &bundleId
     if (lock_)
         return 1;
     QDir().mkpath(lockDirectory_);
-    auto lock = std::make_unique<QLockFile>(lockDirectory_ + QLatin1Char('/') + bundleIdentifier + QStringLiteral(".lock"));
+    auto lock =
+        std::make_unique<QLockFile>(lockDirectory_ + QLatin1Char('/') + bundleIdentifier + QStringLiteral(".lock"));
     // A lock left by a process that no longer runs is taken over; only a live holder counts.
     lock->setStaleLockTime(0);
     if (lock->tryLock(0)) {

@@ -11,8 +11,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <optional>
 #include <fcntl.h>
+#include <optional>
 #include <unistd.h>
 
 namespace {

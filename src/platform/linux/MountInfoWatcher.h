@@ -13,9 +13,9 @@ class WorkspaceNotificationCenter;
 // One line of the mount table, reduced to what tells mounts apart.
 struct MountRecord {
     int mountId = -1;
-    QString device;     // major:minor of the mounted file system
-    QString root;       // the folder of that file system that is mounted
-    QString source;     // what was mounted, e.g. /dev/sdb1
+    QString device; // major:minor of the mounted file system
+    QString root;   // the folder of that file system that is mounted
+    QString source; // what was mounted, e.g. /dev/sdb1
     QString mountPoint;
 
     friend bool operator==(const MountRecord &, const MountRecord &) = default;
