@@ -4,7 +4,10 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusObjectPath>
+#include <QDBusPendingCallWatcher>
 #include <QDBusVariant>
+#include <QEventLoop>
+#include <QTimer>
 #include <QtEndian>
 #include <algorithm>
 
@@ -21,7 +24,19 @@ QDBusMessage callMethod(const QString &service, const QString &path, const QStri
 {
     QDBusMessage message = QDBusMessage::createMethodCall(service, path, interface, method);
     message.setArguments(arguments);
-    return QDBusConnection::sessionBus().call(message, QDBus::BlockWithGui, callTimeoutMs);
+    // Not QDBus::BlockWithGui: once, under load, such a call never returned and the suite sat
+    // until its time-out. A pending-call watcher reports a reply that came before it was made,
+    // and our own deadline bounds the wait whatever the bus does.
+    QDBusPendingCallWatcher watcher(QDBusConnection::sessionBus().asyncCall(message, callTimeoutMs));
+    if (!watcher.isFinished()) {
+        QEventLoop loop;
+        QObject::connect(&watcher, &QDBusPendingCallWatcher::finished, &loop, &QEventLoop::quit);
+        QTimer::singleShot(callTimeoutMs + 1000, &loop, &QEventLoop::quit);
+        loop.exec();
+    }
+    if (!watcher.isFinished())
+        return QDBusMessage::createError(QDBusError::Timeout, QStringLiteral("no reply"));
+    return watcher.reply();
 }
 
 TrayMenuEntry readEntry(const QDBusArgument &argument, QList<TrayMenuEntry> *children)
