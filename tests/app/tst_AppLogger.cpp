@@ -2,7 +2,7 @@
 // line lost when the process exits.
 #include "app/log/AppLogger.h"
 #include "support/FakeAgent.h"
-#include "support/ProgramCopy.h"
+#include "support/InstalledProgram.h"
 #include "support/TestEnvironment.h"
 
 #include <QFile>
@@ -145,16 +145,13 @@ void AppLoggerTest::queuedLinesAreWrittenBeforeNormalExit()
 {
     // The real program logs its last line and returns from main at once; every line must land.
     FakeAgent agent;
-    ProgramCopy copy;
-    QProcess program;
-    copy.start(program, agent.port());
-    QVERIFY(program.waitForStarted());
-    QTRY_VERIFY_WITH_TIMEOUT(copy.logMessages().contains(QStringLiteral("Launch flow starting. launchedAtLogin=false")),
-                             10000);
-    program.terminate();
-    QVERIFY(program.waitForFinished(10000));
-    QCOMPARE(program.exitStatus(), QProcess::NormalExit);
-    QCOMPARE(program.exitCode(), 0);
+    InstalledProgram copy;
+    QProcess *program = copy.start(agent.port());
+    QVERIFY(copy.waitForLogMessage(QStringLiteral("Launch flow starting. launchedAtLogin=false")));
+    program->terminate();
+    QVERIFY(InstalledProgram::waitForExit(program));
+    QCOMPARE(program->exitStatus(), QProcess::NormalExit);
+    QCOMPARE(program->exitCode(), 0);
     QCOMPARE(copy.logMessages().last(), QStringLiteral("Application will terminate."));
 }
 

@@ -1,59 +1,36 @@
 #include "TrayProgram.h"
 
-#include "support/TestEnvironment.h"
-
 #include <QDir>
 #include <QFile>
 #include <QSaveFile>
 
-TrayProgram::TrayProgram() : workDir_(copy_.root() + QStringLiteral("/test"))
+TrayProgram::TrayProgram() : workDir_(installed_.root() + QStringLiteral("/test"))
 {
-    QDir().mkpath(workDir_ + QStringLiteral("/bin"));
+    QDir().mkpath(workDir_);
     const QString calls = workDir_ + QStringLiteral("/control-calls");
     const QString gate = workDir_ + QStringLiteral("/gate-");
-    TestEnvironment::writeScript(copy_.runtimeDir() + QStringLiteral("/agentctl.sh"),
-                                 QStringLiteral("echo \"$1\" >> '%1'\n"
-                                                "while [ ! -e '%2'\"$1\" ]; do sleep 0.02; done\n"
-                                                "code=$(cat '%2'\"$1\")\n"
-                                                "rm -f '%2'\"$1\"\n"
-                                                "exit \"$code\"\n")
-                                     .arg(calls, gate));
-    TestEnvironment::writeScript(workDir_ + QStringLiteral("/bin/xdg-open"),
-                                 QStringLiteral("echo \"$1\" >> '%1'\n").arg(workDir_ + QStringLiteral("/opened")));
-}
-
-TrayProgram::~TrayProgram()
-{
-    if (process_.state() != QProcess::NotRunning) {
-        process_.kill();
-        process_.waitForFinished(5000);
-    }
+    InstalledProgram::writeExecutable(installed_.controlScript(),
+                                      QStringLiteral("echo \"$1\" >> '%1'\n"
+                                                     "while [ ! -e '%2'\"$1\" ]; do sleep 0.02; done\n"
+                                                     "code=$(cat '%2'\"$1\")\n"
+                                                     "rm -f '%2'\"$1\"\n"
+                                                     "exit \"$code\"\n")
+                                          .arg(calls, gate));
+    // The tray needs the test's display and session bus.
+    installed_.runOnDesktop(true);
 }
 
 void TrayProgram::start(quint16 agentPort)
 {
-    QProcessEnvironment environment = copy_.environment(agentPort);
-    // DISPLAY and the session bus stay those of the test, so the icon reaches its host.
-    environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("xcb"));
-    environment.insert(QStringLiteral("PATH"),
-                       workDir_ + QStringLiteral("/bin:") + environment.value(QStringLiteral("PATH")));
-    process_.setProcessEnvironment(environment);
-    process_.setProgram(copy_.binary());
-    process_.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    process_.start();
-}
-
-QStringList TrayProgram::readLines(const QString &path)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    return QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    process_ = installed_.start(agentPort, {}, user);
 }
 
 QStringList TrayProgram::controlCalls() const
 {
-    return readLines(workDir_ + QStringLiteral("/control-calls"));
+    QFile file(workDir_ + QStringLiteral("/control-calls"));
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    return QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
 }
 
 void TrayProgram::finishControlCall(const QString &argument, int exitCode) const
@@ -66,12 +43,7 @@ void TrayProgram::finishControlCall(const QString &argument, int exitCode) const
     }
 }
 
-QStringList TrayProgram::openedLocations() const
-{
-    return readLines(workDir_ + QStringLiteral("/opened"));
-}
-
 QString TrayProgram::autostartEntry() const
 {
-    return copy_.home() + QStringLiteral("/.config/autostart/com.tallyhold.agent.app.desktop");
+    return installed_.configHomeOf(user) + QStringLiteral("/autostart/com.tallyhold.agent.app.desktop");
 }

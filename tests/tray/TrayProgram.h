@@ -3,7 +3,7 @@
 // finish, and an xdg-open on PATH that records what the program opens.
 #pragma once
 
-#include "support/ProgramCopy.h"
+#include "support/InstalledProgram.h"
 
 #include <QProcess>
 #include <QStringList>
@@ -11,10 +11,10 @@
 class TrayProgram {
 public:
     TrayProgram();
-    ~TrayProgram();
 
-    const ProgramCopy &copy() const { return copy_; }
-    QProcess &process() { return process_; }
+    const InstalledProgram &installed() const { return installed_; }
+    // Valid once started.
+    QProcess &process() { return *process_; }
     void start(quint16 agentPort);
 
     // Arguments the control script was run with, in order ("start", "stop").
@@ -22,15 +22,16 @@ public:
     // Lets the waiting control script run with this argument exit with the given code.
     void finishControlCall(const QString &argument, int exitCode = 0) const;
     // Every location handed to xdg-open, in order.
-    QStringList openedLocations() const;
+    QStringList openedLocations() const { return installed_.openedLocations(); }
 
+    QString home() const { return installed_.homeOf(user); }
     QString autostartEntry() const;
-    QStringList logMessages() const { return copy_.logMessages(); }
+    QStringList logMessages() const { return installed_.logMessages(user); }
 
 private:
-    static QStringList readLines(const QString &path);
+    static inline const QString user = QStringLiteral("first");
 
-    ProgramCopy copy_;
-    QProcess process_;
+    InstalledProgram installed_;
+    QProcess *process_ = nullptr;
     QString workDir_;
 };

@@ -211,7 +211,7 @@ void TrayMenuTest::stopAndStartRunTheControlScriptAndTheMenuFollows()
     QVERIFY(!tray_->entry(QStringLiteral("Start Agent")).enabled);
     // A start from the menu shows the startup status page.
     QTRY_VERIFY_WITH_TIMEOUT(
-        program_.openedLocations().contains(program_.copy().runtimeDir() + QStringLiteral("/startup-status.html")),
+        program_.openedLocations().contains(program_.installed().runtimeDir() + QStringLiteral("/startup-status.html")),
         programTimeoutMs);
     agent_.setHealthy(QStringLiteral("1.5.0"));
     program_.finishControlCall(QStringLiteral("start"));
@@ -225,14 +225,14 @@ void TrayMenuTest::locationItemsOpenTheirLocations_data()
 {
     QTest::addColumn<QString>("label");
     QTest::addColumn<QString>("location");
-    const QString runtime = program_.copy().runtimeDir();
+    const QString runtime = program_.installed().runtimeDir();
     QTest::newRow("local admin") << "Open Local Admin" << QStringLiteral("http://127.0.0.1:%1/").arg(agent_.port());
     QTest::newRow("cloud admin") << "Open Cloud Admin" << QString();
     QTest::newRow("updates") << "Check for Updates" << QString();
     QTest::newRow("getting started") << "Open Getting Started" << runtime + QStringLiteral("/welcome.html");
     QTest::newRow("startup status") << "Open Startup Status" << runtime + QStringLiteral("/startup-status.html");
     QTest::newRow("logs") << "Open Logs"
-                          << program_.copy().home() + QStringLiteral("/.local/share/TallyholdAgent/runtime/logs");
+                          << program_.home() + QStringLiteral("/.local/share/TallyholdAgent/runtime/logs");
 }
 
 void TrayMenuTest::locationItemsOpenTheirLocations()
