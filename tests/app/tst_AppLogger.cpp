@@ -5,12 +5,15 @@
 #include "support/InstalledProgram.h"
 #include "support/TestEnvironment.h"
 
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 class AppLoggerTest : public QObject {
@@ -22,6 +25,8 @@ private slots:
     void messagesAreWrittenUnchanged();
     void concurrentCallersNeverInterleaveWithinALine();
     void unwritableFolderLosesLinesSilently();
+    void fileThatCannotBeAppendedToIsReplaced_data();
+    void fileThatCannotBeAppendedToIsReplaced();
     void queuedLinesAreWrittenBeforeNormalExit();
 
 private:
@@ -139,6 +144,50 @@ void AppLoggerTest::unwritableFolderLosesLinesSilently()
     logger.log(QStringLiteral("lost"));
     logger.flush(); // returns: the failed write still counts as handled
     QVERIFY(!QFile::exists(dir.path() + QStringLiteral("/not-a-folder/logs/menu-app.log")));
+}
+
+void AppLoggerTest::fileThatCannotBeAppendedToIsReplaced_data()
+{
+    QTest::addColumn<bool>("readOnlyFile"); // otherwise a link to a folder stands at the log's name
+    QTest::newRow("read-only file") << true;
+    QTest::newRow("link to a folder") << false;
+}
+
+void AppLoggerTest::fileThatCannotBeAppendedToIsReplaced()
+{
+    QFETCH(bool, readOnlyFile);
+    QTemporaryDir dir;
+    const QString path = dir.path() + QStringLiteral("/menu-app.log");
+    if (readOnlyFile) {
+        if (::geteuid() == 0)
+            QSKIP("root may write any file");
+        QFile old(path);
+        QVERIFY(old.open(QIODevice::WriteOnly));
+        old.write("old line\n");
+        old.close();
+        QVERIFY(old.setPermissions(QFileDevice::ReadOwner | QFileDevice::ReadGroup | QFileDevice::ReadOther));
+    } else {
+        QVERIFY(QDir(dir.path()).mkdir(QStringLiteral("elsewhere")));
+        QVERIFY(QFile::link(dir.path() + QStringLiteral("/elsewhere"), path));
+    }
+
+    AppLogger logger(path);
+    logger.log(QStringLiteral("replaces"));
+    logger.flush();
+    QVERIFY(QFileInfo(path).isFile());
+    QVERIFY(!QFileInfo(path).isSymLink());
+    const QList<QByteArray> first = readAll(path).split('\n');
+    QCOMPARE(first.size(), 2);
+    QVERIFY2(first[0].endsWith(" | replaces"), first[0].constData());
+
+    // The new file is an ordinary one again: later lines are appended to it.
+    logger.log(QStringLiteral("appended"));
+    logger.flush();
+    const QList<QByteArray> both = readAll(path).split('\n');
+    QCOMPARE(both.size(), 3);
+    QVERIFY(both[1].endsWith(" | appended"));
+    QCOMPARE(QDir(dir.path()).entryList(QDir::Files | QDir::NoDotAndDotDot),
+             QStringList{QStringLiteral("menu-app.log")});
 }
 
 void AppLoggerTest::queuedLinesAreWrittenBeforeNormalExit()

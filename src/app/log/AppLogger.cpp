@@ -4,7 +4,8 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QSaveFile>
+#include <QTemporaryFile>
+#include <cstdio>
 #include <cstdlib>
 
 namespace {
@@ -112,10 +113,19 @@ void AppLogger::writeBatch(std::deque<QString> &batch)
         file.close();
         return;
     }
-    // No file yet, or it cannot be opened for appending: the lines become the whole new content.
-    QSaveFile replacement(logURL_);
-    if (replacement.open(QIODevice::WriteOnly)) {
-        replacement.write(bytes);
-        replacement.commit();
-    }
+    // No file yet, or it cannot be opened for appending: the lines become the whole new content,
+    // written beside it and renamed over it. QSaveFile is no help here: it refuses to replace a
+    // file it could not write in place, and that is exactly the file this has to replace.
+    QTemporaryFile replacement(logURL_ + QStringLiteral(".XXXXXX"));
+    replacement.setAutoRemove(false);
+    if (!replacement.open())
+        return;
+    const bool written = replacement.write(bytes) == bytes.size() && replacement.flush();
+    // A fresh log reads like any other file the user owns, not like a private temporary one.
+    replacement.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadUser |
+                               QFileDevice::WriteUser | QFileDevice::ReadGroup | QFileDevice::ReadOther);
+    replacement.close();
+    if (!written ||
+        std::rename(QFile::encodeName(replacement.fileName()).constData(), QFile::encodeName(logURL_).constData()) != 0)
+        QFile::remove(replacement.fileName());
 }
