@@ -7,6 +7,18 @@
 #include <QAction>
 #include <QMenu>
 
+namespace {
+
+// A menu takes '&' as the mark of a keyboard accelerator and hides it; the state and version
+// lines show text from outside (the agent's version) exactly as given, so a literal '&' is
+// written twice.
+QString literalMenuTitle(QString title)
+{
+    return title.replace(QLatin1Char('&'), QStringLiteral("&&"));
+}
+
+} // namespace
+
 QAction *AppDelegate::makeMenuItem(QAction *&storage, const QString &title, void (AppDelegate::*action)())
 {
     if (!storage) {
@@ -99,8 +111,8 @@ void AppDelegate::updateStateMenu(const QString &title, const QString &version, 
 {
     agentIsRunning = running;
     lastKnownVersion = version.isEmpty() ? QStringLiteral("--") : version;
-    stateMenuItem->setText(title);
-    versionMenuItem->setText(QStringLiteral("Version: ") + lastKnownVersion);
+    stateMenuItem->setText(literalMenuTitle(title));
+    versionMenuItem->setText(literalMenuTitle(QStringLiteral("Version: ") + lastKnownVersion));
     configureStatusButton(running);
     updateMenuAvailability();
 

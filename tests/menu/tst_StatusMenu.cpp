@@ -24,6 +24,20 @@ QStringList entries(const QMenu &menu)
     return result;
 }
 
+// The text a menu shows for an item: "&&" is a literal ampersand, a single '&' marks the
+// accelerator letter and is not shown.
+QString shownText(const QAction *action)
+{
+    const QString text = action->text();
+    QString shown;
+    for (qsizetype i = 0; i < text.size(); ++i) {
+        if (text.at(i) == QLatin1Char('&') && ++i == text.size())
+            break;
+        shown += text.at(i);
+    }
+    return shown;
+}
+
 } // namespace
 
 class StatusMenuTest : public QObject {
@@ -198,6 +212,8 @@ void StatusMenuTest::updateShowsTitleVersionAndBadge_data()
     QTest::newRow("version kept as given") << QStringLiteral("Status: Starting...") << QStringLiteral(" 1.0 beta ")
                                            << false << QStringLiteral(" 1.0 beta ");
     QTest::newRow("empty title") << QString() << QStringLiteral("5") << true << QStringLiteral("5");
+    QTest::newRow("ampersands shown as given")
+        << QStringLiteral("Status: R&D && more") << QStringLiteral("2.0&beta") << true << QStringLiteral("2.0&beta");
 }
 
 void StatusMenuTest::updateShowsTitleVersionAndBadge()
@@ -218,8 +234,8 @@ void StatusMenuTest::updateShowsTitleVersionAndBadge()
 
     QCOMPARE(delegate.agentIsRunning, running);
     QCOMPARE(delegate.lastKnownVersion, knownVersion);
-    QCOMPARE(delegate.stateMenuItem->text(), title);
-    QCOMPARE(delegate.versionMenuItem->text(), QStringLiteral("Version: ") + knownVersion);
+    QCOMPARE(shownText(delegate.stateMenuItem), title);
+    QCOMPARE(shownText(delegate.versionMenuItem), QStringLiteral("Version: ") + knownVersion);
     QCOMPARE(button->imageGeneration(), generation + 1);
     QCOMPARE(button->toolTip(),
              running ? QStringLiteral("Quillmere Agent is running") : QStringLiteral("Quillmere Agent is offline"));
