@@ -23,7 +23,8 @@ bool isHttpStatusError(QNetworkReply::NetworkError error)
 void AppDelegate::queryHealth(HealthCompletion completion)
 {
     QNetworkRequest request(healthURL);
-    request.setAttribute(QNetworkRequest::CacheLoadControlAttribute, QNetworkRequest::AlwaysNetwork);
+    // The manager has no cache, so every request reaches the agent; AlwaysNetwork would only add
+    // no-cache headers nobody asked for. Saving stays off should a cache ever be installed.
     request.setAttribute(QNetworkRequest::CacheSaveControlAttribute, false);
     request.setTransferTimeout(int(configuration_.healthTimeout.count()));
 

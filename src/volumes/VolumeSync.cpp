@@ -50,7 +50,8 @@ void AppDelegate::syncMountedVolumesCache(const QString &reason, bool force)
 
     QNetworkRequest request(mountedVolumeSyncURL);
     request.setRawHeader("Content-Type", "application/json");
-    request.setAttribute(QNetworkRequest::CacheLoadControlAttribute, QNetworkRequest::AlwaysNetwork);
+    // The manager has no cache, so every request reaches the agent; AlwaysNetwork would only add
+    // no-cache headers nobody asked for. Saving stays off should a cache ever be installed.
     request.setAttribute(QNetworkRequest::CacheSaveControlAttribute, false);
     request.setTransferTimeout(int(configuration_.volumeSyncTimeout.count()));
 

@@ -208,6 +208,9 @@ void HealthProbeTest::everyProbeReachesTheAgent()
     for (const RecordedRequest &request : requests) {
         QCOMPARE(request.method, QByteArray("GET"));
         QVERIFY(request.body.isEmpty());
+        // Every probe goes to the agent without asking it for anything beyond the plain GET.
+        QVERIFY(request.header("Cache-Control").isEmpty());
+        QVERIFY(request.header("Pragma").isEmpty());
     }
 }
 
