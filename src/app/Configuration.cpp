@@ -10,10 +10,12 @@ namespace {
 
 constexpr int defaultAgentPort = 8787;
 
+// A folder from the environment, tidied ("/home/me/" logs as "/home/me"); a relative one is
+// ignored, as the XDG base directory rules ask.
 QString environmentPath(const char *name, const QString &fallback)
 {
     const QString value = qEnvironmentVariable(name);
-    return value.isEmpty() ? fallback : value;
+    return value.isEmpty() || QDir::isRelativePath(value) ? fallback : QDir::cleanPath(value);
 }
 
 QString removableMediaFolder()

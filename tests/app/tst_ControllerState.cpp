@@ -74,6 +74,17 @@ void ControllerStateTest::productionDefaultsUseTheDocumentedEndpoints()
     QCOMPARE(config.healthTimeout.count(), 2500);
     QCOMPARE(config.volumeSyncTimeout.count(), 3000);
     QCOMPARE(config.volumeSyncDebounce.count(), 1000);
+
+    // Folders from the environment are tidied, and a relative XDG folder is ignored.
+    const QByteArray home = qgetenv("HOME");
+    const QByteArray dataHome = qgetenv("XDG_DATA_HOME");
+    qputenv("HOME", home + "/");
+    qputenv("XDG_DATA_HOME", "relative/share");
+    const Configuration tidied = Configuration::fromEnvironment();
+    qputenv("HOME", home);
+    qputenv("XDG_DATA_HOME", dataHome);
+    QCOMPARE(tidied.homeDirectory, QString::fromLocal8Bit(home));
+    QCOMPARE(tidied.applicationSupportDirectory, QString::fromLocal8Bit(home) + QStringLiteral("/.local/share"));
 }
 
 QTEST_MAIN(ControllerStateTest)
