@@ -1,0 +1,229 @@
+// The application log, child processes, runtime locations and version, and the launch sequence.
+#include "app/AppDelegate.h"
+#include "app/log/AppLogger.h"
+#include "app/process/ProcessRunner.h"
+#include "support/FakeAgent.h"
+#include "support/FakePlatform.h"
+#include "support/TestEnvironment.h"
+#include <QElapsedTimer>
+#include <QMenu>
+#include <QRegularExpression>
+#include <QTest>
+#include <QThread>
+#include <QTimer>
+#include <thread>
+#include <unistd.h>
+
+static QByteArray readAll(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+class AppTest : public QObject {
+    Q_OBJECT
+    TestEnvironment env;
+    FakeAgent agent;
+    QString script(const QString &name, const QString &body)
+    {
+        TestEnvironment::writeScript(env.root() + QStringLiteral("/scripts/") + name, body);
+        return env.root() + QStringLiteral("/scripts/") + name;
+    }
+
+private slots:
+    void logLinesAreUtcStampedOrderedAndWhole()
+    {
+        const QByteArray savedTz = qgetenv("TZ");
+        qputenv("TZ", "Asia/Kolkata"); // a half-hour offset makes a local-time slip obvious
+        QTemporaryDir dir;
+        const QString path = dir.path() + QStringLiteral("/nested/logs/menu-app.log");
+        constexpr int threads = 4, perThread = 2000;
+        const QDateTime before = QDateTime::currentDateTimeUtc();
+        {
+            AppLogger logger(path);
+            std::vector<std::thread> workers;
+            for (int t = 0; t < threads; ++t)
+                workers.emplace_back([&logger, t] {
+                    for (int i = 0; i < perThread; ++i)
+                        logger.log(QStringLiteral("thread %1 line %2 Größe | %3").arg(t).arg(i).arg(QString(40, u'x')));
+                });
+            for (auto &worker : workers)
+                worker.join();
+        } // destruction drains the queue
+        const QDateTime after = QDateTime::currentDateTimeUtc();
+        qputenv("TZ", savedTz);
+
+        const QList<QByteArray> lines = readAll(path).split('\n');
+        QCOMPARE(lines.size(), threads * perThread + 1);
+        QVERIFY(lines.last().isEmpty());
+        static const QRegularExpression shape(
+            QStringLiteral(R"(^(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z) \| thread (\d) line (\d+) Größe \| x{40}$)"));
+        std::vector<int> next(threads, 0);
+        for (qsizetype i = 0; i + 1 < lines.size(); ++i) {
+            const auto match = shape.match(QString::fromUtf8(lines[i]));
+            QVERIFY2(match.hasMatch(), lines[i].constData());
+            const QDateTime stamped = QDateTime::fromString(match.captured(1), Qt::ISODateWithMs);
+            QVERIFY(stamped >= before.addMSecs(-1) && stamped <= after.addMSecs(1));
+            QCOMPARE(match.captured(3).toInt(), next[match.captured(2).toInt()]++); // call order per thread
+        }
+    }
+
+    void logFileThatCannotBeAppendedToIsReplaced_data()
+    {
+        QTest::addColumn<bool>("readOnlyFile"); // otherwise a link to a folder stands at the log's name
+        QTest::newRow("read-only file") << true;
+        QTest::newRow("link to a folder") << false;
+    }
+    void logFileThatCannotBeAppendedToIsReplaced()
+    {
+        QFETCH(bool, readOnlyFile);
+        if (readOnlyFile && ::geteuid() == 0)
+            QSKIP("root may write any file");
+        QTemporaryDir dir;
+        const QString path = dir.path() + QStringLiteral("/menu-app.log");
+        if (readOnlyFile) {
+            TestEnvironment::writeScript(path, QStringLiteral("old line"));
+            QVERIFY(QFile::setPermissions(path, QFileDevice::ReadOwner));
+        } else {
+            QVERIFY(QDir(dir.path()).mkdir(QStringLiteral("elsewhere")));
+            QVERIFY(QFile::link(dir.path() + QStringLiteral("/elsewhere"), path));
+        }
+        AppLogger logger(path);
+        logger.log(QStringLiteral("replaces"));
+        logger.log(QStringLiteral("appended")); // the new file is an ordinary one again
+        logger.flush();
+        QVERIFY(QFileInfo(path).isFile() && !QFileInfo(path).isSymLink());
+        const QList<QByteArray> lines = readAll(path).split('\n');
+        QCOMPARE(lines.size(), 3);
+        QVERIFY(lines[0].endsWith(" | replaces") && lines[1].endsWith(" | appended"));
+        QCOMPARE(QDir(dir.path()).entryList(QDir::Files), QStringList{QStringLiteral("menu-app.log")});
+    }
+
+    void processResultAndLogLines_data()
+    {
+        QTest::addColumn<QString>("body"); // null: no such file; "-": not executable
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QStringList>("outputs");     // standard output and error as returned
+        QTest::addColumn<QStringList>("expectedLog"); // after the launching line
+        const QStringList stop{QStringLiteral("stop")}, none{QString(), QString()};
+        QTest::newRow("missing") << QString() << stop << 1 << none << QStringList();
+        QTest::newRow("not-executable") << QStringLiteral("-") << stop << 1 << none << QStringList();
+        QTest::newRow("blank-stderr") << QStringLiteral("printf '  \\n\\t' >&2; exit 3") << stop << 3
+                                      << QStringList{QString(), QStringLiteral("  \n\t")}
+                                      << QStringList{QStringLiteral("Process exited with code 3")};
+        QTest::newRow("trimmed-in-log-only")
+            << QStringLiteral("printf ' started agent\\n'; printf 'warn\\n' >&2") << QStringList() << 0
+            << QStringList{QStringLiteral(" started agent\n"), QStringLiteral("warn\n")}
+            << QStringList{QStringLiteral("Process stdout: started agent"), QStringLiteral("Process stderr: warn"),
+                           QStringLiteral("Process exited with code 0")};
+        QTest::newRow("killed") << QStringLiteral("kill -9 $$") << QStringList() << 9 << none
+                                << QStringList{QStringLiteral("Process exited with code 9")};
+    }
+    void processResultAndLogLines()
+    {
+        QFETCH(QString, body);
+        QFETCH(QStringList, arguments);
+        QFETCH(int, exitCode);
+        QFETCH(QStringList, outputs);
+        QFETCH(QStringList, expectedLog);
+        const QString path = body.isNull() ? env.root() + QStringLiteral("/nowhere")
+                                           : script(QString::fromLatin1(QTest::currentDataTag()), body);
+        if (body == QStringLiteral("-"))
+            QVERIFY(QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::WriteOwner));
+        env.markLog();
+        const ProcessResult result = ProcessRunner::runSync(path, arguments);
+        QCOMPARE(result.exitCode, exitCode);
+        if (exitCode == 1) { // could not start: the reason is the error output and its log line
+            QVERIFY(result.stdOut.isEmpty() && !result.stdErr.isEmpty());
+            expectedLog = {QStringLiteral("Process launch failed: ") + result.stdErr};
+        } else {
+            QCOMPARE(QStringList({result.stdOut, result.stdErr}), outputs);
+        }
+        // With no arguments the launching line ends in the blank after the path.
+        const QString launching = QStringLiteral("Launching process: ") + path + u' ' + arguments.join(u' ');
+        QCOMPARE(env.messagesSinceMark(), QStringList{launching} + expectedLog);
+    }
+
+    void megabytesOnBothPipesDoNotDeadlock()
+    {
+        const QString flood = QStringLiteral("head -c 8388608 /dev/zero | tr '\\0' o; head -c 8388608 /dev/zero | "
+                                             "tr '\\0' e >&2");
+        const ProcessResult result = ProcessRunner::runSync(script(QStringLiteral("flood"), flood), {});
+        QCOMPARE(result.exitCode, 0);
+        QVERIFY(result.stdOut == QString(8 << 20, u'o') && result.stdErr == QString(8 << 20, u'e'));
+    }
+
+    void asyncRunCompletesOnceOffTheMainThread()
+    {
+        std::atomic<int> calls{0};
+        std::atomic<bool> offMainThread{false};
+        QString seen;
+        ProcessRunner::run(script(QStringLiteral("slow"), QStringLiteral("sleep 0.2; echo done; exit 4")), {},
+                           [&, main = QThread::currentThread()](int code, const QString &out, const QString &) {
+                               seen = QString::number(code) + out;
+                               offMainThread = QThread::currentThread() != main;
+                               ++calls;
+                           });
+        QTRY_COMPARE(calls.load(), 1);
+        QVERIFY(offMainThread);
+        QCOMPARE(seen, QStringLiteral("4done\n"));
+        QTest::qWait(100); // a second completion would have arrived by now
+        QCOMPARE(calls.load(), 1);
+    }
+
+    void runtimeLocationsAndVersionKeyOrder_data()
+    {
+        QTest::addColumn<QString>("build"); // null: key left out
+        QTest::addColumn<QString>("marketing");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("build wins") << QStringLiteral("42") << QStringLiteral("1.3") << QStringLiteral("42");
+        QTest::newRow("blank build") << QStringLiteral(" \n\t") << QStringLiteral("1.3") << QStringLiteral("1.3");
+        QTest::newRow("only marketing") << QString() << QStringLiteral("2.0") << QStringLiteral("2.0");
+        QTest::newRow("neither") << QString() << QString() << QStringLiteral("1");
+        QTest::newRow("both blank") << QStringLiteral(" ") << QString(u' ') << QStringLiteral("1");
+    }
+    void runtimeLocationsAndVersionKeyOrder()
+    {
+        QFETCH(QString, build);
+        QFETCH(QString, marketing);
+        QFETCH(QString, expected);
+        env.writeInfoPlist(build, marketing);
+        FakePlatform fakes;
+        Configuration config = env.configuration(agent.baseURL());
+        AppDelegate delegate(config, fakes.services(), nullptr);
+        QCOMPARE(delegate.currentBundleVersion(), expected);
+        QCOMPARE(delegate.runtimeDirectory(), std::optional<QString>(env.runtimeDir()));
+        QCOMPARE(delegate.logsDirectory(), env.logsDir());
+        config.resourceDirectory.reset();
+        QVERIFY(!AppDelegate(config, fakes.services(), nullptr).runtimeDirectory());
+        env.writeInfoPlist(QStringLiteral("1.0.0"));
+    }
+
+    void interactiveLaunchLogsInOrder()
+    {
+        agent.setHealthy(QStringLiteral("2.0.1"));
+        FakePlatform fakes;
+        ApplicationHost host;
+        AppDelegate delegate(env.configuration(agent.baseURL()), fakes.services(), &host);
+        host.setDelegate(&delegate);
+        env.markLog();
+        QElapsedTimer clock;
+        clock.start();
+        delegate.applicationDidFinishLaunching();
+        QCOMPARE(host.activationPolicy(), ApplicationHost::ActivationPolicyAccessory);
+        QVERIFY(delegate.refreshTimer && delegate.refreshTimer->isActive());
+        QVERIFY(env.waitForLogMessage(QStringLiteral("Launch flow starting. launchedAtLogin=false")));
+        QVERIFY2(clock.elapsed() >= 390, "the launch flow waits before it starts");
+        QVERIFY(env.waitForLogMessage(QStringLiteral("Agent already healthy during launch.")));
+        const QStringList log = env.messagesSinceMark();
+        QCOMPARE(log.mid(0, 2), QStringList({QStringLiteral("Application did finish launching."),
+                                             QStringLiteral("Configuring status menu.")}));
+        QVERIFY(log.indexOf(QStringLiteral("Launch flow starting. launchedAtLogin=false")) > 1);
+        QTRY_COMPARE(delegate.stateMenuItem->text(), QStringLiteral("Status: Running"));
+        QCOMPARE(delegate.versionMenuItem->text(), QStringLiteral("Version: 2.0.1"));
+    }
+};
+
+QTEST_MAIN(AppTest)
+#include "tst_App.moc"
