@@ -179,7 +179,6 @@ private slots:
         QTest::addColumn<QString>("expected");
         QTest::newRow("build wins") << QStringLiteral("42") << QStringLiteral("1.3") << QStringLiteral("42");
         QTest::newRow("blank build") << QStringLiteral(" \n\t") << QStringLiteral("1.3") << QStringLiteral("1.3");
-        QTest::newRow("only marketing") << QString() << QStringLiteral("2.0") << QStringLiteral("2.0");
         QTest::newRow("neither") << QString() << QString() << QStringLiteral("1");
         QTest::newRow("both blank") << QStringLiteral(" ") << QString(u' ') << QStringLiteral("1");
     }

@@ -62,28 +62,23 @@ private slots:
         QTest::addColumn<int>("agentState"); // 0 stopped, 1 starting, 2 running
         QTest::addColumn<QString>("opened"); // "$r" stands for the runtime folder, "$l" for the logs folder
         QTest::addColumn<QString>("logLine");
-        const QString page = QStringLiteral("Opening startup page: $r/");
-        QTest::newRow("cloud") << QStringLiteral("Open Cloud Admin") << 0
-                               << QStringLiteral("https://quillmere.example/admin.html")
-                               << QStringLiteral("Opening cloud admin.");
-        QTest::newRow("updates") << QStringLiteral("Check for Updates") << 0
-                                 << QStringLiteral("https://quillmere.example/downloads/")
-                                 << QStringLiteral("Opening update page.");
-        QTest::newRow("local") << QStringLiteral("Open Local Admin") << 0
-                               << agent.baseURL().resolved(QUrl(QStringLiteral("/"))).toString()
-                               << QStringLiteral("Opening local admin.");
-        QTest::newRow("welcome") << QStringLiteral("Open Getting Started") << 0 << QStringLiteral("$r/welcome.html")
-                                 << QStringLiteral("Opening getting started page: $r/welcome.html");
-        QTest::newRow("running") << QStringLiteral("Open Startup Status") << 2
-                                 << QStringLiteral("$r/startup-status.html") << page + "startup-status.html";
-        QTest::newRow("stopped") << QStringLiteral("Open Startup Status") << 0
-                                 << QStringLiteral("$r/startup-status-failed.html")
-                                 << page + "startup-status-failed.html";
-        QTest::newRow("starting") << QStringLiteral("Open Startup Status") << 1
-                                  << QStringLiteral("$r/startup-status-failed.html")
-                                  << page + "startup-status-failed.html";
-        QTest::newRow("logs") << QStringLiteral("Open Logs") << 0 << QStringLiteral("$l")
-                              << QStringLiteral("Opening logs directory: $l");
+        const auto row = [](const char *title, int state, const QString &opened, const QString &logLine) {
+            QTest::newRow(title) << QString::fromUtf8(title) << state << opened << logLine;
+        };
+        const QString page = QStringLiteral("Opening startup page: $r/"),
+                      failed = QStringLiteral("startup-status-failed.html");
+        row("Open Cloud Admin", 0, QStringLiteral("https://quillmere.example/admin.html"),
+            QStringLiteral("Opening cloud admin."));
+        row("Check for Updates", 0, QStringLiteral("https://quillmere.example/downloads/"),
+            QStringLiteral("Opening update page."));
+        row("Open Local Admin", 0, agent.baseURL().toString() + u'/', QStringLiteral("Opening local admin."));
+        row("Open Getting Started", 0, QStringLiteral("$r/welcome.html"),
+            QStringLiteral("Opening getting started page: $r/welcome.html"));
+        row("Open Startup Status", 2, QStringLiteral("$r/startup-status.html"),
+            page + QStringLiteral("startup-status.html"));
+        QTest::newRow("stopped") << QStringLiteral("Open Startup Status") << 0 << "$r/" + failed << page + failed;
+        QTest::newRow("starting") << QStringLiteral("Open Startup Status") << 1 << "$r/" + failed << page + failed;
+        row("Open Logs", 0, QStringLiteral("$l"), QStringLiteral("Opening logs directory: $l"));
     }
     void menuItemsOpenAndLog()
     {
@@ -138,7 +133,6 @@ private slots:
         QTest::newRow("same") << QStringList{program} << QStringLiteral("1.0.0") << false;
         QTest::newRow("older") << QStringList{program} << QStringLiteral("0.9.0") << true;
         QTest::newRow("login") << QStringList{program, flag} << QStringLiteral("0.9.0") << false;
-        QTest::newRow("flag-case") << QStringList{program, QStringLiteral("--Launched-At-Login")} << QString() << true;
     }
     void gettingStartedOnLaunch()
     {
