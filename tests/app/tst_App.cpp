@@ -199,6 +199,19 @@ private slots:
         env.writeInfoPlist(QStringLiteral("1.0.0"));
     }
 
+    void environmentFoldersAreTidied()
+    {
+        // "/home/me/" must not log as "/home/me//..."; a relative XDG folder is ignored.
+        const QByteArray home = qgetenv("HOME");
+        const QByteArray dataHome = qgetenv("XDG_DATA_HOME");
+        qputenv("HOME", home + "/");
+        qputenv("XDG_DATA_HOME", "relative/share");
+        const Configuration config = Configuration::fromEnvironment();
+        qputenv("HOME", home);
+        qputenv("XDG_DATA_HOME", dataHome);
+        QCOMPARE(config.applicationSupportDirectory, QString::fromLocal8Bit(home) + QStringLiteral("/.local/share"));
+    }
+
     void interactiveLaunchLogsInOrder()
     {
         agent.setHealthy(QStringLiteral("2.0.1"));
