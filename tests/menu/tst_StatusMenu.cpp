@@ -8,7 +8,6 @@
 #include "support/TestEnvironment.h"
 
 #include <QAction>
-#include <QDir>
 #include <QMenu>
 #include <QTest>
 
@@ -16,7 +15,6 @@ namespace {
 
 const QString runningTip = QStringLiteral("Quillmere Agent is running");
 const QString offlineTip = QStringLiteral("Quillmere Agent is offline");
-const QString noButton = QStringLiteral("Status item button was unavailable.");
 
 // A controller on fake platform services, its menu assembled.
 struct Harness {
@@ -25,7 +23,6 @@ struct Harness {
     {
         delegate.assembleStatusMenu();
     }
-    StatusButton *button() { return fakes.statusItem->button(); }
     FakePlatform fakes;
     ApplicationHost host;
     AppDelegate delegate;
@@ -66,236 +63,194 @@ Q_DECLARE_METATYPE(UpdateRow)
 
 class StatusMenuTest : public QObject {
     Q_OBJECT
-private slots:
-    void assemblyBuildsTheMenuInOrder();
-    void availabilityFollowsTheState_data();
-    void availabilityFollowsTheState();
-    void updateShowsAndLogsOnlyANewTitle_data();
-    void updateShowsAndLogsOnlyANewTitle();
-    void checkStateHasThreeWays_data();
-    void checkStateHasThreeWays();
-    void missingButtonIsLoggedAndTheMenuStillWorks();
-    void badgeColoursAtKnownPixels_data();
-    void badgeColoursAtKnownPixels();
-    void writesBadgeRenderings();
-
-private:
     Configuration configuration() const { return env.configuration(QUrl(QStringLiteral("http://127.0.0.1:1"))); }
     TestEnvironment env;
+
+private slots:
+    void assemblyBuildsTheMenuInOrder()
+    {
+        env.markLog();
+        Harness h(configuration());
+        QStringList entries;
+        for (const QAction *action : h.delegate.menu->actions()) {
+            entries.append(action->isSeparator() ? QStringLiteral("---") : action->text());
+            QVERIFY2(action->shortcuts().isEmpty(), qPrintable(action->text()));
+        }
+        QCOMPARE(entries,
+                 QStringList({"Status: Launching...", "Version: --", "---", "Start Agent", "Stop Agent", "---",
+                              "Open Cloud Admin", "Check for Updates", "Open Local Admin", "Open Getting Started",
+                              "Open Startup Status", "Open Logs", "---", "Run at Startup", "---", "Quit"}));
+        QCOMPARE(h.delegate.menu->actions().at(13), h.delegate.runAtStartupMenuItem());
+        QCOMPARE(h.fakes.statusItem->menu(), h.delegate.menu.get());
+        // The offline badge until the first state update; assembling logs nothing.
+        QCOMPARE(h.fakes.statusItem->button()->toolTip(), offlineTip);
+        QCOMPARE(look(h.fakes.statusItem->button()->image()), look(makeBrandStatusImage(false)));
+        QVERIFY(env.messagesSinceMark().isEmpty());
+    }
+
+    void availabilityFollowsTheState_data()
+    {
+        QTest::addColumn<MenuRow>("row");
+        //                                               update running startIF stopIF runtime  start,stop,pages
+        QTest::newRow("as assembled") << MenuRow{false, false, false, false, true, "101"};
+        QTest::newRow("stopped") << MenuRow{true, false, false, false, true, "101"};
+        QTest::newRow("running") << MenuRow{true, true, false, false, true, "011"};
+        QTest::newRow("running, stopping") << MenuRow{true, true, false, true, true, "001"};
+        QTest::newRow("stopped, stopping") << MenuRow{true, false, false, true, true, "101"};
+        QTest::newRow("starting") << MenuRow{true, false, true, false, true, "001"};
+        QTest::newRow("running, starting") << MenuRow{true, true, true, false, true, "011"};
+        QTest::newRow("no runtime folder") << MenuRow{false, false, false, false, false, "100"};
+        QTest::newRow("no runtime, running") << MenuRow{true, true, false, false, false, "010"};
+    }
+
+    void availabilityFollowsTheState()
+    {
+        QFETCH(MenuRow, row);
+        Configuration config = configuration();
+        if (!row.runtimeFolder)
+            config.resourceDirectory.reset();
+        Harness h(config);
+        AppDelegate &d = h.delegate;
+        if (row.update) {
+            d.startInFlight = row.startInFlight;
+            d.stopInFlight = row.stopInFlight;
+            d.updateStateMenu(QStringLiteral("Status: Running"), QStringLiteral("1.0"), row.running);
+        }
+        QString shown;
+        for (QAction *item : {d.startMenuItem(), d.stopMenuItem(), d.openGettingStartedMenuItem()})
+            shown += QString::number(item->isEnabled());
+        QCOMPARE(shown, QString::fromLatin1(row.enabled));
+        QCOMPARE(d.openStartupPageMenuItem()->isEnabled(), d.openGettingStartedMenuItem()->isEnabled());
+        for (QAction *always : {d.openCloudAdminMenuItem(), d.checkForUpdatesMenuItem(), d.openLocalAdminMenuItem(),
+                                d.openLogsMenuItem(), d.runAtStartupMenuItem(), d.quitMenuItem()})
+            QVERIFY2(always->isEnabled(), qPrintable(always->text()));
+        QVERIFY(!d.stateMenuItem->isEnabled() && !d.versionMenuItem->isEnabled());
+    }
+
+    void updateShowsAndLogsOnlyANewTitle_data()
+    {
+        QTest::addColumn<UpdateRow>("row");
+        const char *run = "Status: Running";
+        // clang-format off
+        QTest::newRow("first title") << UpdateRow{nullptr, run, "2.4.1", true, "2.4.1",
+            "State updated: Status: Running version=2.4.1 running=true"};
+        QTest::newRow("empty version") << UpdateRow{run, "Status: Stopped", "", false, "--",
+            "State updated: Status: Stopped version=-- running=false"};
+        QTest::newRow("same title, new version") << UpdateRow{run, run, "1.1", false, "1.1", nullptr};
+        QTest::newRow("empty title at first") << UpdateRow{nullptr, "", "5", true, "5", nullptr};
+        QTest::newRow("version as given") << UpdateRow{run, "Status: Starting...", " 1.0 beta ", false, " 1.0 beta ",
+            "State updated: Status: Starting... version= 1.0 beta  running=false"};
+        QTest::newRow("ampersands") << UpdateRow{run, "Status: R&D && more", "2.0&beta", true, "2.0&beta",
+            "State updated: Status: R&D && more version=2.0&beta running=true"};
+        // clang-format on
+    }
+
+    void updateShowsAndLogsOnlyANewTitle()
+    {
+        QFETCH(UpdateRow, row);
+        Harness h(configuration());
+        StatusButton *button = h.fakes.statusItem->button();
+        if (row.before)
+            h.delegate.updateStateMenu(QString::fromUtf8(row.before), QStringLiteral("0.9"), !row.running);
+        // Whatever the button showed gives way to the plain image-only badge.
+        button->setTitle(QStringLiteral("stale"));
+        button->setAppearsDisabled(true);
+        const int generation = button->imageGeneration();
+        const qint64 previous = button->image().cacheKey();
+        env.markLog();
+
+        h.delegate.updateStateMenu(QString::fromUtf8(row.title), QString::fromUtf8(row.version), row.running);
+
+        QCOMPARE(env.messagesSinceMark(), row.logged ? QStringList{QString::fromUtf8(row.logged)} : QStringList());
+        QCOMPARE(shownText(h.delegate.stateMenuItem), QString::fromUtf8(row.title));
+        QCOMPARE(shownText(h.delegate.versionMenuItem), "Version: " + QString::fromUtf8(row.shownVersion));
+        QCOMPARE(h.delegate.startMenuItem()->isEnabled(), !row.running);
+        // A new badge image for every update, logged or not.
+        QVERIFY(button->imageGeneration() == generation + 1 && button->image().cacheKey() != previous);
+        QCOMPARE(button->toolTip(), row.running ? runningTip : offlineTip);
+        QVERIFY(button->title().isEmpty() && !button->appearsDisabled() && !button->image().isMask());
+        QCOMPARE(button->imagePosition(), StatusButton::ImagePosition::ImageOnly);
+        QCOMPARE(look(button->image()), look(makeBrandStatusImage(row.running)));
+    }
+
+    void checkStateHasThreeWays()
+    {
+        // Set state, state read back; set from each starting state so that leftovers would show.
+        for (const auto &[state, readBack] : {std::pair{0, 0}, {1, 1}, {-1, -1}, {2, 1}, {-7, -1}}) {
+            for (int previous : {menuItemStateOff, menuItemStateOn, menuItemStateMixed}) {
+                QAction item(QStringLiteral("Run at Startup"));
+                item.setEnabled(false);
+                setMenuItemCheckState(&item, previous);
+                setMenuItemCheckState(&item, state);
+                QCOMPARE(menuItemCheckState(&item), readBack);
+                QVERIFY(item.isCheckable() && !item.isEnabled());
+                QCOMPARE(item.isChecked(), readBack == menuItemStateOn);
+                QCOMPARE(item.icon().isNull(), readBack != menuItemStateMixed);
+            }
+        }
+        // The mixed mark is a dash across the middle, also at the 16 pixels a D-Bus menu gets.
+        QAction item;
+        setMenuItemCheckState(&item, menuItemStateMixed);
+        const QImage dash = item.icon().pixmap(QSize(16, 16), 1.0).toImage();
+        QVERIFY(qAlpha(dash.pixel(8, 8)) > 200);
+        QVERIFY(qAlpha(dash.pixel(8, 2)) == 0 && qAlpha(dash.pixel(8, 13)) == 0 && qAlpha(dash.pixel(1, 8)) == 0);
+    }
+
+    void missingButtonIsLoggedAndTheMenuStillWorks()
+    {
+        env.markLog();
+        Harness h(configuration(), /*button=*/false);
+        QCOMPARE(h.fakes.statusItem->menu(), h.delegate.menu.get());
+        h.delegate.updateStateMenu(QStringLiteral("Status: Running"), QStringLiteral("2.0"), true);
+        QVERIFY(h.delegate.stopMenuItem()->isEnabled());
+        const QString noButton = QStringLiteral("Status item button was unavailable.");
+        QCOMPARE(env.messagesSinceMark(),
+                 QStringList({noButton, noButton, "State updated: Status: Running version=2.0 running=true"}));
+    }
+
+    void badgeColoursAtKnownPixels()
+    {
+        // Premultiplied ARGB of pixels wholly inside one part of the badge, running then offline:
+        // the cut corner, the wash (lighter to the lower right), a drawn and the open upper-left
+        // side of the mark, and (once pixels are small enough) the outline just outside the edge.
+        struct Spot {
+            const char *name;
+            QPointF at; // in points from the upper left
+            QList<int> running, offline, scales;
+        };
+        const QList<Spot> spots{{"corner", {0.5, 0.5}, {0, 0, 0, 0}, {0, 0, 0, 0}, {1, 2}},
+                                {"lower right", {13.5, 13.5}, {251, 14, 62, 73}, {235, 77, 79, 81}, {1, 2}},
+                                {"upper left", {4.5, 4.5}, {251, 15, 38, 43}, {233, 69, 70, 71}, {1, 2}},
+                                {"mark", {10.5, 7.5}, {255, 150, 235, 251}, {253, 207, 211, 215}, {1, 2}},
+                                {"open side", {7.5, 7.5}, {251, 14, 45, 52}, {234, 71, 73, 74}, {1, 2}},
+                                {"outline", {0.95, 9.05}, {209, 63, 136, 160}, {179, 120, 125, 130}, {8}}};
+        const QString folder = qEnvironmentVariable("QUILLMERE_TEST_OUTPUT");
+        for (bool running : {true, false}) {
+            for (int scale : {1, 2, 8}) {
+                const QImage image = look(makeBrandStatusImage(running), scale);
+                QCOMPARE(image.size(), QSize(18, 18) * scale);
+                const QString name =
+                    QStringLiteral("brand-badge-%1@%2x.png").arg(running ? "running" : "offline").arg(scale);
+                if (!folder.isEmpty())
+                    QVERIFY2(image.save(folder + '/' + name), qPrintable(name));
+                for (const Spot &spot : spots) {
+                    if (!spot.scales.contains(scale))
+                        continue;
+                    const QRgb p = image.pixel(int(spot.at.x() * scale), int(spot.at.y() * scale));
+                    const QList<int> actual{qAlpha(p), qRed(p), qGreen(p), qBlue(p)};
+                    const QList<int> &expected = running ? spot.running : spot.offline;
+                    for (int i = 0; i < 4; ++i)
+                        QVERIFY2(std::abs(actual.at(i) - expected.at(i)) <= 3,
+                                 qPrintable(QStringLiteral("%1, %2: channel %3 is %4, expected %5")
+                                                .arg(name, QLatin1String(spot.name))
+                                                .arg(i)
+                                                .arg(actual.at(i))
+                                                .arg(expected.at(i))));
+                }
+            }
+        }
+    }
 };
-
-void StatusMenuTest::assemblyBuildsTheMenuInOrder()
-{
-    env.markLog();
-    Harness h(configuration());
-    QStringList entries;
-    for (const QAction *action : h.delegate.menu->actions()) {
-        entries.append(action->isSeparator() ? QStringLiteral("---") : action->text());
-        QVERIFY2(action->shortcuts().isEmpty(), qPrintable(action->text()));
-    }
-    QCOMPARE(entries, QStringList({"Status: Launching...", "Version: --", "---", "Start Agent", "Stop Agent", "---",
-                                   "Open Cloud Admin", "Check for Updates", "Open Local Admin", "Open Getting Started",
-                                   "Open Startup Status", "Open Logs", "---", "Run at Startup", "---", "Quit"}));
-    QCOMPARE(h.delegate.menu->actions().at(13), h.delegate.runAtStartupMenuItem());
-    QCOMPARE(h.fakes.statusItem->menu(), h.delegate.menu.get());
-    // The offline badge until the first state update; assembling logs nothing.
-    QCOMPARE(h.button()->toolTip(), offlineTip);
-    QCOMPARE(look(h.button()->image()), look(makeBrandStatusImage(false)));
-    QVERIFY(env.messagesSinceMark().isEmpty());
-}
-
-void StatusMenuTest::availabilityFollowsTheState_data()
-{
-    QTest::addColumn<MenuRow>("row");
-    //                                           update running startIF stopIF runtime  start,stop,pages
-    QTest::newRow("as assembled") << MenuRow{false, false, false, false, true, "101"};
-    QTest::newRow("stopped") << MenuRow{true, false, false, false, true, "101"};
-    QTest::newRow("running") << MenuRow{true, true, false, false, true, "011"};
-    QTest::newRow("running, stopping") << MenuRow{true, true, false, true, true, "001"};
-    QTest::newRow("stopped, stopping") << MenuRow{true, false, false, true, true, "101"};
-    QTest::newRow("starting") << MenuRow{true, false, true, false, true, "001"};
-    QTest::newRow("running, starting") << MenuRow{true, true, true, false, true, "011"};
-    QTest::newRow("no runtime folder") << MenuRow{false, false, false, false, false, "100"};
-    QTest::newRow("no runtime, running") << MenuRow{true, true, false, false, false, "010"};
-}
-
-void StatusMenuTest::availabilityFollowsTheState()
-{
-    QFETCH(MenuRow, row);
-    Configuration config = configuration();
-    if (!row.runtimeFolder)
-        config.resourceDirectory.reset();
-    Harness h(config);
-    AppDelegate &d = h.delegate;
-    if (row.update) {
-        d.startInFlight = row.startInFlight;
-        d.stopInFlight = row.stopInFlight;
-        d.updateStateMenu(QStringLiteral("Status: Running"), QStringLiteral("1.0"), row.running);
-    }
-    QString shown;
-    for (QAction *item : {d.startMenuItem(), d.stopMenuItem(), d.openGettingStartedMenuItem()})
-        shown += QString::number(item->isEnabled());
-    QCOMPARE(shown, QString::fromLatin1(row.enabled));
-    QCOMPARE(d.openStartupPageMenuItem()->isEnabled(), d.openGettingStartedMenuItem()->isEnabled());
-    for (QAction *always : {d.openCloudAdminMenuItem(), d.checkForUpdatesMenuItem(), d.openLocalAdminMenuItem(),
-                            d.openLogsMenuItem(), d.runAtStartupMenuItem(), d.quitMenuItem()})
-        QVERIFY2(always->isEnabled(), qPrintable(always->text()));
-    QVERIFY(!d.stateMenuItem->isEnabled() && !d.versionMenuItem->isEnabled());
-}
-
-void StatusMenuTest::updateShowsAndLogsOnlyANewTitle_data()
-{
-    QTest::addColumn<UpdateRow>("row");
-    const char *run = "Status: Running";
-    // clang-format off
-    QTest::newRow("first title") << UpdateRow{nullptr, run, "2.4.1", true, "2.4.1",
-        "State updated: Status: Running version=2.4.1 running=true"};
-    QTest::newRow("empty version") << UpdateRow{run, "Status: Stopped", "", false, "--",
-        "State updated: Status: Stopped version=-- running=false"};
-    QTest::newRow("same title, new version") << UpdateRow{run, run, "1.1", false, "1.1", nullptr};
-    QTest::newRow("empty title at first") << UpdateRow{nullptr, "", "5", true, "5", nullptr};
-    QTest::newRow("version as given") << UpdateRow{run, "Status: Starting...", " 1.0 beta ", false, " 1.0 beta ",
-        "State updated: Status: Starting... version= 1.0 beta  running=false"};
-    QTest::newRow("ampersands") << UpdateRow{run, "Status: R&D && more", "2.0&beta", true, "2.0&beta",
-        "State updated: Status: R&D && more version=2.0&beta running=true"};
-    // clang-format on
-}
-
-void StatusMenuTest::updateShowsAndLogsOnlyANewTitle()
-{
-    QFETCH(UpdateRow, row);
-    Harness h(configuration());
-    StatusButton *button = h.button();
-    if (row.before)
-        h.delegate.updateStateMenu(QString::fromUtf8(row.before), QStringLiteral("0.9"), !row.running);
-    // Whatever the button showed gives way to the plain image-only badge.
-    button->setTitle(QStringLiteral("stale"));
-    button->setAppearsDisabled(true);
-    const int generation = button->imageGeneration();
-    const qint64 previous = button->image().cacheKey();
-    env.markLog();
-
-    h.delegate.updateStateMenu(QString::fromUtf8(row.title), QString::fromUtf8(row.version), row.running);
-
-    QCOMPARE(env.messagesSinceMark(), row.logged ? QStringList{QString::fromUtf8(row.logged)} : QStringList());
-    QCOMPARE(shownText(h.delegate.stateMenuItem), QString::fromUtf8(row.title));
-    QCOMPARE(shownText(h.delegate.versionMenuItem), QStringLiteral("Version: ") + QString::fromUtf8(row.shownVersion));
-    QCOMPARE(h.delegate.startMenuItem()->isEnabled(), !row.running);
-    // A new badge image for every update, logged or not.
-    QCOMPARE(button->imageGeneration(), generation + 1);
-    QVERIFY(button->image().cacheKey() != previous);
-    QCOMPARE(button->toolTip(), row.running ? runningTip : offlineTip);
-    QVERIFY(button->title().isEmpty() && !button->appearsDisabled() && !button->image().isMask());
-    QCOMPARE(button->imagePosition(), StatusButton::ImagePosition::ImageOnly);
-    QCOMPARE(look(button->image()), look(makeBrandStatusImage(row.running)));
-}
-
-void StatusMenuTest::checkStateHasThreeWays_data()
-{
-    QTest::addColumn<int>("state");
-    QTest::addColumn<int>("readBack");
-    QTest::addColumn<bool>("checked");
-    QTest::newRow("off") << 0 << 0 << false;
-    QTest::newRow("on") << 1 << 1 << true;
-    QTest::newRow("mixed") << -1 << -1 << false;
-    QTest::newRow("other positive is on") << 2 << 1 << true;
-    QTest::newRow("other negative is mixed") << -7 << -1 << false;
-}
-
-void StatusMenuTest::checkStateHasThreeWays()
-{
-    QFETCH(int, state);
-    QFETCH(int, readBack);
-    QFETCH(bool, checked);
-    // From each starting state, so that leftovers of the previous one would show.
-    for (int previous : {menuItemStateOff, menuItemStateOn, menuItemStateMixed}) {
-        QAction item(QStringLiteral("Run at Startup"));
-        item.setEnabled(false);
-        setMenuItemCheckState(&item, previous);
-        setMenuItemCheckState(&item, state);
-        QCOMPARE(menuItemCheckState(&item), readBack);
-        QVERIFY(item.isCheckable() && !item.isEnabled());
-        QCOMPARE(item.isChecked(), checked);
-        QCOMPARE(item.icon().isNull(), readBack != menuItemStateMixed);
-        if (readBack == menuItemStateMixed) {
-            // The mixed mark is a dash across the middle, also at the 16 pixels a D-Bus menu gets.
-            const QImage dash = item.icon().pixmap(QSize(16, 16), 1.0).toImage();
-            QVERIFY(qAlpha(dash.pixel(8, 8)) > 200);
-            QVERIFY(qAlpha(dash.pixel(8, 2)) == 0 && qAlpha(dash.pixel(8, 13)) == 0 && qAlpha(dash.pixel(1, 8)) == 0);
-        }
-    }
-}
-
-void StatusMenuTest::missingButtonIsLoggedAndTheMenuStillWorks()
-{
-    env.markLog();
-    Harness h(configuration(), /*button=*/false);
-    QCOMPARE(h.fakes.statusItem->menu(), h.delegate.menu.get());
-    h.delegate.updateStateMenu(QStringLiteral("Status: Running"), QStringLiteral("2.0"), true);
-    QVERIFY(h.delegate.stopMenuItem()->isEnabled());
-    QCOMPARE(
-        env.messagesSinceMark(),
-        QStringList({noButton, noButton, QStringLiteral("State updated: Status: Running version=2.0 running=true")}));
-}
-
-void StatusMenuTest::badgeColoursAtKnownPixels_data()
-{
-    // Premultiplied ARGB of pixels wholly inside one part of the badge: the cut corner, the wash
-    // (lighter to the lower right), a drawn side of the mark and the open upper-left side.
-    QTest::addColumn<bool>("running");
-    QTest::addColumn<int>("scale");
-    QTest::addColumn<QPoint>("pixel");
-    QTest::addColumn<QList<int>>("argb");
-    struct Spot {
-        const char *name;
-        QPoint at;
-        QList<int> running, offline;
-    };
-    const QList<Spot> spots{{"corner", {0, 0}, {0, 0, 0, 0}, {0, 0, 0, 0}},
-                            {"lower right", {13, 13}, {251, 14, 62, 73}, {235, 77, 79, 81}},
-                            {"upper left", {4, 4}, {251, 15, 38, 43}, {233, 69, 70, 71}},
-                            {"mark", {10, 7}, {255, 150, 235, 251}, {253, 207, 211, 215}},
-                            {"open side", {7, 7}, {251, 14, 45, 52}, {234, 71, 73, 74}}};
-    for (int scale : {1, 2})
-        for (const Spot &s : spots)
-            for (bool running : {true, false})
-                QTest::addRow("%s %s @%dx", running ? "running" : "offline", s.name, scale)
-                    << running << scale << s.at * scale + QPoint(scale / 2, scale / 2)
-                    << (running ? s.running : s.offline);
-    // Just outside the badge's edge, where only the outline is drawn (pixels small enough to tell).
-    QTest::newRow("running outline @8x") << true << 8 << QPoint(7, 72) << QList<int>{209, 63, 136, 160};
-    QTest::newRow("offline outline @8x") << false << 8 << QPoint(7, 72) << QList<int>{179, 120, 125, 130};
-}
-
-void StatusMenuTest::badgeColoursAtKnownPixels()
-{
-    QFETCH(bool, running);
-    QFETCH(int, scale);
-    QFETCH(QPoint, pixel);
-    QFETCH(QList<int>, argb);
-    const QImage image = look(makeBrandStatusImage(running), scale);
-    QCOMPARE(image.size(), QSize(18, 18) * scale);
-    const QRgb p = image.pixel(pixel);
-    const QList<int> actual{qAlpha(p), qRed(p), qGreen(p), qBlue(p)};
-    for (int i = 0; i < 4; ++i)
-        QVERIFY2(std::abs(actual.at(i) - argb.at(i)) <= 3,
-                 qPrintable(QStringLiteral("channel %1 is %2, expected %3").arg(i).arg(actual.at(i)).arg(argb.at(i))));
-}
-
-void StatusMenuTest::writesBadgeRenderings()
-{
-    const QString folder = qEnvironmentVariable("QUILLMERE_TEST_OUTPUT");
-    if (folder.isEmpty())
-        QSKIP("QUILLMERE_TEST_OUTPUT is not set");
-    QDir().mkpath(folder);
-    for (bool running : {true, false})
-        for (int scale : {1, 2, 8}) {
-            const QString path = QStringLiteral("%1/brand-badge-%2@%3x.png")
-                                     .arg(folder, QLatin1String(running ? "running" : "offline"))
-                                     .arg(scale);
-            QVERIFY2(look(makeBrandStatusImage(running), scale).save(path), qPrintable(path));
-        }
-}
 
 QTEST_MAIN(StatusMenuTest)
 #include "tst_StatusMenu.moc"

@@ -26,6 +26,8 @@ const QByteArray markedInComment = "<plist><!-- started with --launched-at-login
 const QByteArray unmarked = "<plist><key>Label</key><string>com.tallyhold.agent</string></plist>";
 const QByteArray notUtf8 = "<plist>\xff\xfe<string>--launched-at-login</string></plist>";
 
+QByteArray goldenPlist(); // after the test class, where its raw text cannot upset moc
+
 struct Harness {
     explicit Harness(const Configuration &configuration) : delegate(configuration, fakes.services(), &host)
     {
@@ -43,22 +45,6 @@ Q_DECLARE_METATYPE(RunAtStartupState)
 
 class RunAtStartupTest : public QObject {
     Q_OBJECT
-private slots:
-    void init();
-    void resolvesShowsAndSwitches_data();
-    void resolvesShowsAndSwitches();
-    void serviceOutcomes_data();
-    void serviceOutcomes();
-    void installWritesCleansUpThenLoads_data();
-    void installWritesCleansUpThenLoads();
-    void removalBootsOutOwnThenMarkedLeftovers();
-    void propertyListIsExact();
-    void randomExecutablePathsSurviveAnXmlReading();
-    void autostartEntryEndToEnd();
-    void autostartExecLineQuotesTheProgram_data();
-    void autostartExecLineQuotesTheProgram();
-
-private:
     Configuration configuration() const { return env.configuration(QUrl(QStringLiteral("http://127.0.0.1:1"))); }
     QString plistPath() const { return env.home() + "/Library/LaunchAgents/" + ownLabel + ".plist"; }
     QString obsoletePath(int i) const
@@ -84,261 +70,344 @@ private:
     }
 
     TestEnvironment env;
+
+private slots:
+    void init()
+    {
+        QDir(env.home() + QStringLiteral("/Library")).removeRecursively();
+        QDir(env.configHome() + QStringLiteral("/autostart")).removeRecursively();
+        QDir(env.root() + QStringLiteral("/support")).removeRecursively();
+        QFile::remove(recordPath());
+        QFile::remove(env.root() + QStringLiteral("/bootstrap-fails"));
+        // A launchctl that records each run as one line of bracketed arguments.
+        TestEnvironment::writeScript(
+            configuration().launchctlPath,
+            QStringLiteral("line=''\nfor a in \"$@\"; do line=\"$line[$a]\"; done\n"
+                           "printf '%s\\n' \"$line\" >> '%1'\n"
+                           "if [ \"$1\" = bootstrap ] && [ -e '%2/bootstrap-fails' ]; then exit 5; fi\n")
+                .arg(recordPath(), env.root()));
+        env.markLog();
+    }
+
+    void resolvesShowsAndSwitches_data()
+    {
+        QTest::addColumn<bool>("available");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<bool>("ownPlist");
+        QTest::addColumn<QByteArray>("leftover"); // under the first obsolete label; null: none
+        QTest::addColumn<RunAtStartupState>("expected");
+        const auto off = RunAtStartupState::disabled, on = RunAtStartupState::enabled;
+        const auto approval = RunAtStartupState::needsApproval;
+        const QByteArray none;
+        QTest::newRow("no service, nothing") << false << 1 << false << none << off;
+        QTest::newRow("no service, own plist") << false << 0 << true << none << on;
+        QTest::newRow("no service, leftover") << false << 0 << false << markedInComment << on;
+        QTest::newRow("not registered") << true << 0 << false << none << off;
+        QTest::newRow("enabled") << true << 1 << false << none << on;
+        QTest::newRow("requires approval") << true << 2 << false << none << approval;
+        QTest::newRow("requires approval, own plist") << true << 2 << true << none << on;
+        QTest::newRow("not found, leftover") << true << 3 << false << marked << on;
+        QTest::newRow("unknown status") << true << 7 << false << none << off;
+        QTest::newRow("leftover without marker") << true << 0 << false << unmarked << off;
+        QTest::newRow("leftover not UTF-8") << true << 0 << false << notUtf8 << off;
+        QTest::newRow("leftover not UTF-8, approval") << true << 2 << false << notUtf8 << approval;
+    }
+
+    void resolvesShowsAndSwitches()
+    {
+        QFETCH(bool, available);
+        QFETCH(int, status);
+        QFETCH(bool, ownPlist);
+        QFETCH(QByteArray, leftover);
+        QFETCH(RunAtStartupState, expected);
+        if (ownPlist)
+            writeFile(plistPath(), QByteArray());
+        if (!leftover.isNull())
+            writeFile(obsoletePath(0), leftover);
+        Harness h(configuration());
+        h.service().available = available;
+        h.service().currentStatus = status;
+
+        // The item shows the state (check mark, mixed mark, title); resolving changes nothing else.
+        QAction *item = h.delegate.runAtStartupMenuItem();
+        setMenuItemCheckState(item, menuItemStateMixed);
+        h.delegate.refreshRunAtStartupState();
+        QCOMPARE(h.delegate.resolveRunAtStartupState(), expected);
+        QCOMPARE(menuItemCheckState(item), expected == RunAtStartupState::enabled         ? menuItemStateOn
+                                           : expected == RunAtStartupState::needsApproval ? menuItemStateMixed
+                                                                                          : menuItemStateOff);
+        QCOMPARE(item->text(),
+                 expected == RunAtStartupState::needsApproval ? "Run at Startup (Needs Approval)" : "Run at Startup");
+        QVERIFY(h.service().calls.isEmpty() && launchctlCalls().isEmpty() && env.messagesSinceMark().isEmpty());
+
+        // Choosing the item turns on only what was off; needing approval counts as on.
+        item->trigger();
+        const bool turnedOn = expected == RunAtStartupState::disabled;
+        QCOMPARE(h.service().calls, available ? QStringList{turnedOn ? "register" : "unregister"} : QStringList());
+        QCOMPARE(item->isChecked(), turnedOn);
+        QCOMPARE(item->text(), QStringLiteral("Run at Startup"));
+        QCOMPARE(QFile::exists(plistPath()), turnedOn && !available);
+        // Either way marked leftovers are cleaned up, and only those.
+        QCOMPARE(QFile::exists(obsoletePath(0)), leftover == unmarked || leftover == notUtf8);
+    }
+
+    void serviceOutcomes_data()
+    {
+        QTest::addColumn<bool>("enable");
+        QTest::addColumn<int>("code"); // of a failed register or unregister; 0: it succeeds
+        QTest::addColumn<int>("statusAfter");
+        QTest::addColumn<QStringList>("lines");
+        const QString removed = "Removed legacy run-at-startup plist at " + plistPath();
+        const QString installed = "Enabled legacy run-at-startup plist at " + plistPath();
+        const QString enabled = QStringLiteral("Enabled run-at-startup with SMAppService.");
+        const QString requiresApproval = "SMAppService registration requires approval. Opening Login Items settings.";
+        const QString approvalRequired =
+            "User approval is required for login-item registration. Opening Login Items settings.";
+        const auto failed = [](const char *what, int code) {
+            return QStringLiteral(
+                       "SMAppService %1 failed: domain=SMAppServiceErrorDomain code=%2 message=Operation failed.")
+                .arg(what)
+                .arg(code);
+        };
+        // clang-format off
+        QTest::newRow("enable") << true << 0 << 1 << QStringList{enabled, removed};
+        QTest::newRow("enable, needs approval") << true << 0 << 2 << QStringList{enabled, removed, requiresApproval};
+        QTest::newRow("already registered") << true << 12 << 2 << QStringList{failed("registration", 12), removed};
+        QTest::newRow("denied by user") << true << 11 << 0 << QStringList{failed("registration", 11), approvalRequired};
+        QTest::newRow("other, needs approval") << true << 1 << 2 << QStringList{failed("registration", 1), approvalRequired};
+        QTest::newRow("other, not registered") << true << 1 << 0 << QStringList{failed("registration", 1), installed};
+        QTest::newRow("negative, not found") << true << -67 << 3 << QStringList{failed("registration", -67), installed};
+        QTest::newRow("job not found") << true << 6 << 1 << QStringList{failed("registration", 6), installed};
+        QTest::newRow("disable") << false << 0 << 0 << QStringList{"Disabled run-at-startup with SMAppService.", removed};
+        QTest::newRow("disable, job not found is quiet") << false << 6 << 0 << QStringList{removed};
+        QTest::newRow("disable, other failure") << false << 22 << 0 << QStringList{failed("unregister", 22), removed};
+        // clang-format on
+    }
+
+    void serviceOutcomes()
+    {
+        QFETCH(bool, enable);
+        QFETCH(int, code);
+        QFETCH(int, statusAfter);
+        QFETCH(QStringList, lines);
+        writeFile(plistPath(), "an earlier install");
+        Harness h(configuration());
+        if (code != 0)
+            (enable ? h.service().registerResult : h.service().unregisterResult) =
+                LoginItemError{"SMAppServiceErrorDomain", code, "Operation failed."};
+        h.service().statusAfterRegister = h.service().currentStatus = statusAfter;
+
+        enable ? h.delegate.enableRunAtStartup() : h.delegate.disableRunAtStartup();
+
+        QCOMPARE(ownLines(), lines);
+        const bool settings = lines.last().endsWith("Opening Login Items settings.");
+        QCOMPARE(h.service().calls, QStringList{enable ? "register" : "unregister"} +
+                                        (settings ? QStringList{"openSettings"} : QStringList()));
+        QVERIFY(h.delegate.stopAgentOnTerminate); // a quit while unloading our own job must not stick
+        if (lines.contains("Removed legacy run-at-startup plist at " + plistPath()))
+            QVERIFY(!QFile::exists(plistPath()) && launchctlCalls() == QStringList{run("bootout", plistPath())});
+        else if (lines.last().startsWith("Enabled legacy"))
+            QVERIFY(readFile(plistPath()).contains("<string>--launched-at-login</string>") &&
+                    launchctlCalls().size() == 3);
+        else
+            QVERIFY(readFile(plistPath()) == "an earlier install" && launchctlCalls().isEmpty());
+    }
+
+    void installWritesCleansUpThenLoads_data()
+    {
+        QTest::addColumn<QString>("fault");
+        QTest::addColumn<QStringList>("lines"); // a line may be given by its start
+        QTest::addColumn<bool>("launchctlRuns");
+        const QString cleaned = "Removed obsolete beta run-at-startup plist at " + obsoletePath(0);
+        const QString enabled = "Enabled legacy run-at-startup plist at " + plistPath();
+        const QStringList writeFailed{
+            "Failed writing legacy run-at-startup plist: ",
+            "State updated: Status: Could not save startup setting version=2.3.4 running=true"};
+        QTest::newRow("written and loaded") << "" << QStringList{cleaned, enabled} << true;
+        QTest::newRow("bootstrap fails") << "bootstrap"
+                                         << QStringList{cleaned, "Legacy bootstrap failed for " + plistPath(), enabled}
+                                         << true;
+        QTest::newRow("launchctl cannot start")
+            << "launchctl" << QStringList{cleaned, "Legacy bootstrap failed for " + plistPath(), enabled} << false;
+        QTest::newRow("logs folder blocked") << "logs" << writeFailed << false;
+        QTest::newRow("plist path is a folder") << "plist" << writeFailed << false;
+        QTest::newRow("no executable")
+            << "executable" << QStringList{"Could not resolve app executable path for legacy run-at-startup."} << false;
+    }
+
+    void installWritesCleansUpThenLoads()
+    {
+        QFETCH(QString, fault);
+        QFETCH(QStringList, lines);
+        QFETCH(bool, launchctlRuns);
+        Configuration config = configuration();
+        config.applicationSupportDirectory = env.root() + QStringLiteral("/support"); // logs folder made on the way
+        writeFile(obsoletePath(0), marked);
+        // A file where a folder is needed stops the write even for root.
+        if (fault == QLatin1String("bootstrap"))
+            writeFile(env.root() + QStringLiteral("/bootstrap-fails"), QByteArray());
+        else if (fault == QLatin1String("launchctl"))
+            QFile::remove(config.launchctlPath);
+        else if (fault == QLatin1String("logs"))
+            writeFile(config.applicationSupportDirectory + QStringLiteral("/TallyholdAgent"), "not a folder");
+        else if (fault == QLatin1String("plist"))
+            QVERIFY(QDir().mkpath(plistPath() + QStringLiteral("/inside")));
+        else if (fault == QLatin1String("executable"))
+            config.executablePath.reset();
+        Harness h(config);
+        h.delegate.updateStateMenu(QStringLiteral("Status: Running"), QStringLiteral("2.3.4"), true);
+        env.markLog();
+
+        h.delegate.installLegacyRunAtStartup();
+
+        const QStringList actual = ownLines();
+        QCOMPARE(actual.size(), lines.size());
+        for (qsizetype i = 0; i < lines.size(); ++i)
+            QVERIFY2(actual.at(i).startsWith(lines.at(i)), qPrintable(actual.at(i)));
+        // Leftovers go only once the new file is written, before it is loaded.
+        const bool written = lines.last().startsWith("Enabled");
+        QCOMPARE(QFile::exists(obsoletePath(0)), !written);
+        if (written) {
+            const QString logs = config.applicationSupportDirectory + QStringLiteral("/TallyholdAgent/runtime/logs/");
+            QCOMPARE(readFile(plistPath()),
+                     legacyLaunchAgentPlistText(ownLabel, *config.executablePath, logs + "menu-app.out.log",
+                                                logs + "menu-app.err.log")
+                         .toUtf8());
+            QCOMPARE(h.delegate.resolveRunAtStartupState(), RunAtStartupState::enabled);
+        }
+        QStringList calls;
+        if (launchctlRuns)
+            calls << run("bootout", obsoletePath(0)) << run("bootout", plistPath()) << run("bootstrap", plistPath())
+                  << QStringLiteral("[kickstart][-k][gui/%1/%2]").arg(getuid()).arg(ownLabel);
+        QCOMPARE(launchctlCalls(), calls);
+    }
+
+    void removalBootsOutOwnThenMarkedLeftovers()
+    {
+        writeFile(plistPath(), "installed earlier");
+        for (int i = 0; i < 3; ++i)
+            writeFile(obsoletePath(i), QList<QByteArray>{unmarked, marked, markedInComment}.at(i));
+        Harness h(configuration());
+
+        h.delegate.removeLegacyRunAtStartup();
+        QCOMPARE(launchctlCalls(), QStringList({run("bootout", plistPath()), run("bootout", obsoletePath(1)),
+                                                run("bootout", obsoletePath(2))}));
+        const QString removed = "Removed legacy run-at-startup plist at " + plistPath();
+        QCOMPARE(ownLines(), QStringList({removed, "Removed obsolete beta run-at-startup plist at " + obsoletePath(1),
+                                          "Removed obsolete beta run-at-startup plist at " + obsoletePath(2)}));
+        QVERIFY(!QFile::exists(plistPath()) && QFile::exists(obsoletePath(0)));
+
+        // With nothing there the removal is still logged, and nothing is run.
+        QFile::remove(recordPath());
+        env.markLog();
+        h.delegate.removeLegacyRunAtStartup();
+        QVERIFY(launchctlCalls().isEmpty());
+        QCOMPARE(ownLines(), QStringList{removed});
+    }
+
+    void propertyListIsExact()
+    {
+        // Every byte counts; the paths are escaped (ampersand first), the label is not.
+        const QString logs = QStringLiteral("/Users/zoë/Library/Application Support/TallyholdAgent/runtime/logs/");
+        const QString text = legacyLaunchAgentPlistText(
+            QStringLiteral("com.tallyhold.agent.app&x"),
+            QStringLiteral("/Applications/Quillmere & Co.app/Contents/MacOS/Quillmere <Agent> \"&apos;'"),
+            logs + "menu-app.out.log", logs + "menu-app.err.log");
+        QCOMPARE(text.toUtf8(), goldenPlist());
+        QCOMPARE(xmlEscaped(QStringLiteral("'\"><&lt;")), QStringLiteral("&apos;&quot;&gt;&lt;&amp;lt;"));
+    }
+
+    void randomExecutablePathsSurviveAnXmlReading()
+    {
+        // Mostly printable ASCII, with letters beyond it including one outside the basic plane.
+        const QStringList nonAscii{QStringLiteral("é"), QStringLiteral("日本"), QStringLiteral("Ω"),
+                                   QStringLiteral("😀")};
+        QRandomGenerator random(20240611);
+        for (int n = 0; n < 10'000; ++n) {
+            QString path = QStringLiteral("/");
+            for (int i = random.bounded(1, 60); i > 0; --i)
+                path += random.bounded(10) == 0 ? nonAscii.at(random.bounded(int(nonAscii.size())))
+                                                : QString(QChar(char16_t(random.bounded(0x20, 0x7f))));
+            QXmlStreamReader reader(legacyLaunchAgentPlistText(ownLabel, path, "/o.log", "/e.log"));
+            QString key, readBack;
+            while (!reader.atEnd()) {
+                if (reader.readNext() != QXmlStreamReader::StartElement)
+                    continue;
+                if (reader.name() == QLatin1String("key"))
+                    key = reader.readElementText();
+                else if (reader.name() == QLatin1String("string") && key == QLatin1String("ProgramArguments"))
+                    readBack = readBack.isNull() ? reader.readElementText() : readBack;
+            }
+            QVERIFY2(!reader.hasError() && readBack == path, qPrintable(path + " read as " + readBack));
+        }
+    }
+
+    void autostartEntryEndToEnd()
+    {
+        FakePlatform fakes;
+        ApplicationHost host;
+        PlatformServices services = fakes.services();
+        const Configuration config = configuration();
+        auto *entries =
+            new AutostartLoginItemService(config.configDirectory, ownLabel, *config.executablePath, fakes.opener);
+        services.loginItems.reset(entries);
+        AppDelegate delegate(config, std::move(services), &host);
+        host.setDelegate(&delegate);
+        const QString folder = env.configHome() + QStringLiteral("/autostart");
+        const QString entry = folder + '/' + ownLabel + ".desktop";
+        QCOMPARE(entries->entryPath(), entry);
+
+        // Switched on and off from the menu.
+        delegate.refreshRunAtStartupState();
+        QAction *item = delegate.runAtStartupMenuItem();
+        QVERIFY(!item->isChecked());
+        item->trigger();
+        QVERIFY(item->isChecked());
+        QCOMPARE(readFile(entry), "[Desktop Entry]\nType=Application\nName=Quillmere Agent\nExec=\"" +
+                                      QFile::encodeName(*config.executablePath) +
+                                      "\" --launched-at-login\nX-GNOME-Autostart-enabled=true\nNoDisplay=true\n");
+        const LoginItemError again = entries->registerApp().value_or(LoginItemError{});
+        QVERIFY(again.code == LoginItemService::errorAlreadyRegistered && !again.message.isEmpty());
+        QCOMPARE(again.domain, QStringLiteral("QuillmereAutostartErrorDomain"));
+        item->trigger();
+        QVERIFY(!item->isChecked() && !QFile::exists(entry));
+        QCOMPARE(entries->unregisterApp().value_or(LoginItemError{}).code, LoginItemService::errorJobNotFound);
+        const QString removed = "Removed legacy run-at-startup plist at " + plistPath();
+        QCOMPARE(ownLines(), QStringList({"Enabled run-at-startup with SMAppService.", removed,
+                                          "Disabled run-at-startup with SMAppService.", removed}));
+
+        // A switched-off entry counts as not registered and is replaced; a key in another group does not count.
+        for (const char *rest :
+             {"Hidden = true\n", "X-GNOME-Autostart-enabled=false\n", "Exec=x\n[Action a]\nHidden=true\n"}) {
+            writeFile(entry, QByteArray("[Desktop Entry]\n") + rest);
+            const bool off = !QByteArray(rest).contains("[Action");
+            QCOMPARE(entries->status(), off ? LoginItemService::statusNotRegistered : LoginItemService::statusEnabled);
+            QCOMPARE(bool(entries->registerApp()), !off);
+            QCOMPARE(entries->status(), LoginItemService::statusEnabled);
+        }
+
+        entries->openSystemSettingsLoginItems();
+        QVERIFY(QFileInfo(folder).isDir());
+        QCOMPARE(fakes.opener->opened, QList<QUrl>{QUrl::fromLocalFile(folder)});
+    }
+
+    void autostartExecLineQuotesTheProgram()
+    {
+        // The program is quoted, with the escapes of a desktop entry's strings and arguments.
+        const QList<std::pair<QString, QString>> cases{
+            {"/a b/c", "\"/a b/c\""},     {"/a\"b", "\"/a\\\\\"b\""},  {"/$HOME/`x`", "\"/\\\\$HOME/\\\\`x\\\\`\""},
+            {"/a\\b", "\"/a\\\\\\\\b\""}, {"/100%/u", "\"/100%%/u\""}, {"/a\nb\tc", "\"/a\\nb\\tc\""}};
+        for (const auto &[path, exec] : cases)
+            QCOMPARE(AutostartLoginItemService::execLine(path), exec + " --launched-at-login");
+    }
 };
 
-void RunAtStartupTest::init()
+namespace {
+
+// The property list for a typical installation, byte for byte.
+QByteArray goldenPlist()
 {
-    QDir(env.home() + QStringLiteral("/Library")).removeRecursively();
-    QDir(env.configHome() + QStringLiteral("/autostart")).removeRecursively();
-    QDir(env.root() + QStringLiteral("/support")).removeRecursively();
-    QFile::remove(recordPath());
-    QFile::remove(env.root() + QStringLiteral("/bootstrap-fails"));
-    // A launchctl that records each run as one line of bracketed arguments.
-    TestEnvironment::writeScript(
-        configuration().launchctlPath,
-        QStringLiteral("line=''\nfor a in \"$@\"; do line=\"$line[$a]\"; done\n"
-                       "printf '%s\\n' \"$line\" >> '%1'\n"
-                       "if [ \"$1\" = bootstrap ] && [ -e '%2/bootstrap-fails' ]; then exit 5; fi\n")
-            .arg(recordPath(), env.root()));
-    env.markLog();
-}
-
-void RunAtStartupTest::resolvesShowsAndSwitches_data()
-{
-    QTest::addColumn<bool>("available");
-    QTest::addColumn<int>("status");
-    QTest::addColumn<bool>("ownPlist");
-    QTest::addColumn<QByteArray>("leftover"); // under the first obsolete label; null: none
-    QTest::addColumn<RunAtStartupState>("expected");
-    const auto off = RunAtStartupState::disabled, on = RunAtStartupState::enabled;
-    const auto approval = RunAtStartupState::needsApproval;
-    const QByteArray none;
-    QTest::newRow("no service, nothing") << false << 1 << false << none << off;
-    QTest::newRow("no service, own plist") << false << 0 << true << none << on;
-    QTest::newRow("no service, leftover") << false << 0 << false << markedInComment << on;
-    QTest::newRow("not registered") << true << 0 << false << none << off;
-    QTest::newRow("enabled") << true << 1 << false << none << on;
-    QTest::newRow("requires approval") << true << 2 << false << none << approval;
-    QTest::newRow("requires approval, own plist") << true << 2 << true << none << on;
-    QTest::newRow("not found, leftover") << true << 3 << false << marked << on;
-    QTest::newRow("unknown status") << true << 7 << false << none << off;
-    QTest::newRow("leftover without marker") << true << 0 << false << unmarked << off;
-    QTest::newRow("leftover not UTF-8") << true << 0 << false << notUtf8 << off;
-    QTest::newRow("leftover not UTF-8, approval") << true << 2 << false << notUtf8 << approval;
-}
-
-void RunAtStartupTest::resolvesShowsAndSwitches()
-{
-    QFETCH(bool, available);
-    QFETCH(int, status);
-    QFETCH(bool, ownPlist);
-    QFETCH(QByteArray, leftover);
-    QFETCH(RunAtStartupState, expected);
-    if (ownPlist)
-        writeFile(plistPath(), QByteArray());
-    if (!leftover.isNull())
-        writeFile(obsoletePath(0), leftover);
-    Harness h(configuration());
-    h.service().available = available;
-    h.service().currentStatus = status;
-
-    // The item shows the state (check mark, mixed mark, title); resolving changes nothing else.
-    QAction *item = h.delegate.runAtStartupMenuItem();
-    setMenuItemCheckState(item, menuItemStateMixed);
-    h.delegate.refreshRunAtStartupState();
-    QCOMPARE(h.delegate.resolveRunAtStartupState(), expected);
-    QCOMPARE(menuItemCheckState(item), expected == RunAtStartupState::enabled         ? menuItemStateOn
-                                       : expected == RunAtStartupState::needsApproval ? menuItemStateMixed
-                                                                                      : menuItemStateOff);
-    QCOMPARE(item->text(),
-             expected == RunAtStartupState::needsApproval ? "Run at Startup (Needs Approval)" : "Run at Startup");
-    QVERIFY(h.service().calls.isEmpty() && launchctlCalls().isEmpty() && env.messagesSinceMark().isEmpty());
-
-    // Choosing the item turns on only what was off; needing approval counts as on.
-    item->trigger();
-    const bool turnedOn = expected == RunAtStartupState::disabled;
-    QCOMPARE(h.service().calls, available ? QStringList{turnedOn ? "register" : "unregister"} : QStringList());
-    QCOMPARE(item->isChecked(), turnedOn);
-    QCOMPARE(item->text(), QStringLiteral("Run at Startup"));
-    QCOMPARE(QFile::exists(plistPath()), turnedOn && !available);
-    // Either way marked leftovers are cleaned up, and only those.
-    QCOMPARE(QFile::exists(obsoletePath(0)), leftover == unmarked || leftover == notUtf8);
-}
-
-void RunAtStartupTest::serviceOutcomes_data()
-{
-    QTest::addColumn<bool>("enable");
-    QTest::addColumn<int>("code"); // of a failed register or unregister; 0: it succeeds
-    QTest::addColumn<int>("statusAfter");
-    QTest::addColumn<QString>("plistAfter"); // "removed", "kept" or "installed"
-    QTest::addColumn<QStringList>("calls");
-    QTest::addColumn<QStringList>("lines");
-    const QString removed = "Removed legacy run-at-startup plist at " + plistPath();
-    const QString installed = "Enabled legacy run-at-startup plist at " + plistPath();
-    const QString enabled = QStringLiteral("Enabled run-at-startup with SMAppService.");
-    const QString requiresApproval = "SMAppService registration requires approval. Opening Login Items settings.";
-    const QString approvalRequired =
-        "User approval is required for login-item registration. Opening Login Items settings.";
-    const auto failed = [](const char *what, int code) {
-        return QStringLiteral(
-                   "SMAppService %1 failed: domain=SMAppServiceErrorDomain code=%2 message=Operation failed.")
-            .arg(what)
-            .arg(code);
-    };
-    const QStringList reg{"register"}, regAndSettings{"register", "openSettings"}, unreg{"unregister"};
-    // clang-format off
-    QTest::newRow("enable") << true << 0 << 1 << "removed" << reg << QStringList{enabled, removed};
-    QTest::newRow("enable, not found after") << true << 0 << 3 << "removed" << reg << QStringList{enabled, removed};
-    QTest::newRow("enable, needs approval") << true << 0 << 2 << "removed" << regAndSettings
-                                            << QStringList{enabled, removed, requiresApproval};
-    QTest::newRow("already registered") << true << 12 << 2 << "removed" << reg
-                                        << QStringList{failed("registration", 12), removed};
-    QTest::newRow("denied by user") << true << 11 << 0 << "kept" << regAndSettings
-                                    << QStringList{failed("registration", 11), approvalRequired};
-    QTest::newRow("other, needs approval") << true << 1 << 2 << "kept" << regAndSettings
-                                           << QStringList{failed("registration", 1), approvalRequired};
-    QTest::newRow("other, not registered") << true << 1 << 0 << "installed" << reg
-                                           << QStringList{failed("registration", 1), installed};
-    QTest::newRow("negative, not found") << true << -67 << 3 << "installed" << reg
-                                         << QStringList{failed("registration", -67), installed};
-    QTest::newRow("job not found") << true << 6 << 1 << "installed" << reg
-                                   << QStringList{failed("registration", 6), installed};
-    QTest::newRow("disable") << false << 0 << 0 << "removed" << unreg
-                             << QStringList{"Disabled run-at-startup with SMAppService.", removed};
-    QTest::newRow("disable, job not found is quiet") << false << 6 << 0 << "removed" << unreg << QStringList{removed};
-    QTest::newRow("disable, other failure") << false << 22 << 0 << "removed" << unreg
-                                            << QStringList{failed("unregister", 22), removed};
-    // clang-format on
-}
-
-void RunAtStartupTest::serviceOutcomes()
-{
-    QFETCH(bool, enable);
-    QFETCH(int, code);
-    QFETCH(int, statusAfter);
-    QFETCH(QString, plistAfter);
-    QFETCH(QStringList, calls);
-    QFETCH(QStringList, lines);
-    writeFile(plistPath(), "an earlier install");
-    Harness h(configuration());
-    if (code != 0)
-        (enable ? h.service().registerResult : h.service().unregisterResult) =
-            LoginItemError{"SMAppServiceErrorDomain", code, "Operation failed."};
-    h.service().statusAfterRegister = h.service().currentStatus = statusAfter;
-
-    enable ? h.delegate.enableRunAtStartup() : h.delegate.disableRunAtStartup();
-
-    QCOMPARE(ownLines(), lines);
-    QCOMPARE(h.service().calls, calls);
-    QVERIFY(h.delegate.stopAgentOnTerminate); // a quit while unloading our own job must not stick
-    if (plistAfter == QLatin1String("removed"))
-        QVERIFY(!QFile::exists(plistPath()) && launchctlCalls() == QStringList{run("bootout", plistPath())});
-    else if (plistAfter == QLatin1String("kept"))
-        QVERIFY(readFile(plistPath()) == "an earlier install" && launchctlCalls().isEmpty());
-    else
-        QVERIFY(readFile(plistPath()).contains("<string>--launched-at-login</string>") && launchctlCalls().size() == 3);
-}
-
-void RunAtStartupTest::installWritesCleansUpThenLoads_data()
-{
-    QTest::addColumn<QString>("fault");
-    QTest::addColumn<QStringList>("lines"); // a line may be given by its start
-    QTest::addColumn<bool>("launchctlRuns");
-    const QString cleaned = "Removed obsolete beta run-at-startup plist at " + obsoletePath(0);
-    const QString enabled = "Enabled legacy run-at-startup plist at " + plistPath();
-    const QStringList writeFailed{"Failed writing legacy run-at-startup plist: ",
-                                  "State updated: Status: Could not save startup setting version=2.3.4 running=true"};
-    QTest::newRow("written and loaded") << "" << QStringList{cleaned, enabled} << true;
-    QTest::newRow("bootstrap fails") << "bootstrap"
-                                     << QStringList{cleaned, "Legacy bootstrap failed for " + plistPath(), enabled}
-                                     << true;
-    QTest::newRow("launchctl cannot start")
-        << "launchctl" << QStringList{cleaned, "Legacy bootstrap failed for " + plistPath(), enabled} << false;
-    QTest::newRow("logs folder blocked") << "logs" << writeFailed << false;
-    QTest::newRow("plist path is a folder") << "plist" << writeFailed << false;
-    QTest::newRow("no executable") << "executable"
-                                   << QStringList{"Could not resolve app executable path for legacy run-at-startup."}
-                                   << false;
-}
-
-void RunAtStartupTest::installWritesCleansUpThenLoads()
-{
-    QFETCH(QString, fault);
-    QFETCH(QStringList, lines);
-    QFETCH(bool, launchctlRuns);
-    Configuration config = configuration();
-    config.applicationSupportDirectory = env.root() + QStringLiteral("/support"); // logs folder made on the way
-    writeFile(obsoletePath(0), marked);
-    // A file where a folder is needed stops the write even for root.
-    if (fault == QLatin1String("bootstrap"))
-        writeFile(env.root() + QStringLiteral("/bootstrap-fails"), QByteArray());
-    else if (fault == QLatin1String("launchctl"))
-        QFile::remove(config.launchctlPath);
-    else if (fault == QLatin1String("logs"))
-        writeFile(config.applicationSupportDirectory + QStringLiteral("/TallyholdAgent"), "not a folder");
-    else if (fault == QLatin1String("plist"))
-        QVERIFY(QDir().mkpath(plistPath() + QStringLiteral("/inside")));
-    else if (fault == QLatin1String("executable"))
-        config.executablePath.reset();
-    Harness h(config);
-    h.delegate.updateStateMenu(QStringLiteral("Status: Running"), QStringLiteral("2.3.4"), true);
-    env.markLog();
-
-    h.delegate.installLegacyRunAtStartup();
-
-    const QStringList actual = ownLines();
-    QCOMPARE(actual.size(), lines.size());
-    for (qsizetype i = 0; i < lines.size(); ++i)
-        QVERIFY2(actual.at(i).startsWith(lines.at(i)), qPrintable(actual.at(i)));
-    // Leftovers go only once the new file is written, before it is loaded.
-    const bool written = lines.last().startsWith("Enabled");
-    QCOMPARE(QFile::exists(obsoletePath(0)), !written);
-    if (written) {
-        const QString logs = config.applicationSupportDirectory + QStringLiteral("/TallyholdAgent/runtime/logs/");
-        QCOMPARE(readFile(plistPath()), legacyLaunchAgentPlistText(ownLabel, *config.executablePath,
-                                                                   logs + "menu-app.out.log", logs + "menu-app.err.log")
-                                            .toUtf8());
-        QCOMPARE(h.delegate.resolveRunAtStartupState(), RunAtStartupState::enabled);
-    }
-    QStringList calls;
-    if (launchctlRuns)
-        calls << run("bootout", obsoletePath(0)) << run("bootout", plistPath()) << run("bootstrap", plistPath())
-              << QStringLiteral("[kickstart][-k][gui/%1/%2]").arg(getuid()).arg(ownLabel);
-    QCOMPARE(launchctlCalls(), calls);
-}
-
-void RunAtStartupTest::removalBootsOutOwnThenMarkedLeftovers()
-{
-    writeFile(plistPath(), "installed earlier");
-    for (int i = 0; i < 3; ++i)
-        writeFile(obsoletePath(i), QList<QByteArray>{unmarked, marked, markedInComment}.at(i));
-    Harness h(configuration());
-
-    h.delegate.removeLegacyRunAtStartup();
-    QCOMPARE(launchctlCalls(), QStringList({run("bootout", plistPath()), run("bootout", obsoletePath(1)),
-                                            run("bootout", obsoletePath(2))}));
-    const QString removed = "Removed legacy run-at-startup plist at " + plistPath();
-    QCOMPARE(ownLines(), QStringList({removed, "Removed obsolete beta run-at-startup plist at " + obsoletePath(1),
-                                      "Removed obsolete beta run-at-startup plist at " + obsoletePath(2)}));
-    QVERIFY(!QFile::exists(plistPath()) && QFile::exists(obsoletePath(0)));
-
-    // With nothing there the removal is still logged, and nothing is run.
-    QFile::remove(recordPath());
-    env.markLog();
-    h.delegate.removeLegacyRunAtStartup();
-    QVERIFY(launchctlCalls().isEmpty());
-    QCOMPARE(ownLines(), QStringList{removed});
-}
-
-void RunAtStartupTest::propertyListIsExact()
-{
-    // Every byte counts; the paths are escaped (ampersand first), the label is not.
-    const QString logs = QStringLiteral("/Users/zoë/Library/Application Support/TallyholdAgent/runtime/logs/");
-    const QString text = legacyLaunchAgentPlistText(
-        QStringLiteral("com.tallyhold.agent.app&x"),
-        QStringLiteral("/Applications/Quillmere & Co.app/Contents/MacOS/Quillmere <Agent> \"&apos;'"),
-        logs + "menu-app.out.log", logs + "menu-app.err.log");
-    QCOMPARE(text.toUtf8(), QByteArray(R"plist(<?xml version="1.0" encoding="UTF-8"?>
+    return R"plist(<?xml version="1.0" encoding="UTF-8"?>
 <!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
 <plist version="1.0">
 <dict>
@@ -362,114 +431,10 @@ void RunAtStartupTest::propertyListIsExact()
   <key>StandardErrorPath</key>
   <string>/Users/zoë/Library/Application Support/TallyholdAgent/runtime/logs/menu-app.err.log</string>
 </dict>
-</plist>)plist"));
-    QCOMPARE(xmlEscaped(QStringLiteral("'\"><&lt;")), QStringLiteral("&apos;&quot;&gt;&lt;&amp;lt;"));
+</plist>)plist";
 }
 
-void RunAtStartupTest::randomExecutablePathsSurviveAnXmlReading()
-{
-    // Mostly printable ASCII, with letters beyond it including one outside the basic plane.
-    const QStringList nonAscii{QStringLiteral("é"), QStringLiteral("日本"), QStringLiteral("Ω"), QStringLiteral("😀")};
-    QRandomGenerator random(20240611);
-    for (int n = 0; n < 10'000; ++n) {
-        QString path = QStringLiteral("/");
-        for (int i = random.bounded(1, 60); i > 0; --i)
-            path += random.bounded(10) == 0 ? nonAscii.at(random.bounded(int(nonAscii.size())))
-                                            : QString(QChar(char16_t(random.bounded(0x20, 0x7f))));
-        QXmlStreamReader reader(legacyLaunchAgentPlistText(ownLabel, path, "/o.log", "/e.log"));
-        QString key, readBack;
-        while (!reader.atEnd()) {
-            if (reader.readNext() != QXmlStreamReader::StartElement)
-                continue;
-            if (reader.name() == QLatin1String("key"))
-                key = reader.readElementText();
-            else if (reader.name() == QLatin1String("string") && key == QLatin1String("ProgramArguments"))
-                readBack = readBack.isNull() ? reader.readElementText() : readBack;
-        }
-        QVERIFY2(!reader.hasError() && readBack == path, qPrintable(path + " read as " + readBack));
-    }
-}
-
-void RunAtStartupTest::autostartEntryEndToEnd()
-{
-    FakePlatform fakes;
-    ApplicationHost host;
-    PlatformServices services = fakes.services();
-    const Configuration config = configuration();
-    auto *entries =
-        new AutostartLoginItemService(config.configDirectory, ownLabel, *config.executablePath, fakes.opener);
-    services.loginItems.reset(entries);
-    AppDelegate delegate(config, std::move(services), &host);
-    host.setDelegate(&delegate);
-    const QString folder = env.configHome() + QStringLiteral("/autostart");
-    const QString entry = folder + '/' + ownLabel + ".desktop";
-    QCOMPARE(entries->entryPath(), entry);
-
-    // Switched on and off from the menu.
-    delegate.refreshRunAtStartupState();
-    QAction *item = delegate.runAtStartupMenuItem();
-    QVERIFY(!item->isChecked());
-    item->trigger();
-    QVERIFY(item->isChecked());
-    QCOMPARE(readFile(entry), "[Desktop Entry]\nType=Application\nName=Quillmere Agent\nExec=\"" +
-                                  QFile::encodeName(*config.executablePath) +
-                                  "\" --launched-at-login\nX-GNOME-Autostart-enabled=true\nNoDisplay=true\n");
-    QCOMPARE(entries->registerApp().value_or(LoginItemError{}).code, LoginItemService::errorAlreadyRegistered);
-    item->trigger();
-    QVERIFY(!item->isChecked() && !QFile::exists(entry));
-    QCOMPARE(entries->unregisterApp().value_or(LoginItemError{}).code, LoginItemService::errorJobNotFound);
-    const QString removed = "Removed legacy run-at-startup plist at " + plistPath();
-    QCOMPARE(ownLines(), QStringList({"Enabled run-at-startup with SMAppService.", removed,
-                                      "Disabled run-at-startup with SMAppService.", removed}));
-
-    // A switched-off entry counts as not registered and is replaced; a key in another group does not count.
-    for (const char *rest :
-         {"Hidden = true\n", "X-GNOME-Autostart-enabled=false\n", "Exec=x\n[Action a]\nHidden=true\n"}) {
-        writeFile(entry, QByteArray("[Desktop Entry]\n") + rest);
-        const bool off = !QByteArray(rest).contains("[Action");
-        QCOMPARE(entries->status(), off ? LoginItemService::statusNotRegistered : LoginItemService::statusEnabled);
-        QCOMPARE(bool(entries->registerApp()), !off);
-        QCOMPARE(entries->status(), LoginItemService::statusEnabled);
-    }
-
-    // A file where the folder should be: the system's message comes back.
-    QDir(folder).removeRecursively();
-    writeFile(folder, "not a folder");
-    const std::optional<LoginItemError> failed = entries->registerApp();
-    QVERIFY(failed && failed->code == AutostartLoginItemService::errorWriteFailed && !failed->message.isEmpty());
-    QCOMPARE(failed->domain, QStringLiteral("QuillmereAutostartErrorDomain"));
-    QFile::remove(folder);
-    entries->openSystemSettingsLoginItems();
-    QVERIFY(QFileInfo(folder).isDir());
-    QCOMPARE(fakes.opener->opened, QList<QUrl>{QUrl::fromLocalFile(folder)});
-}
-
-void RunAtStartupTest::autostartExecLineQuotesTheProgram_data()
-{
-    QTest::addColumn<QString>("path");
-    QTest::addColumn<QString>("exec"); // before " --launched-at-login"
-    QTest::newRow("blank") << "/a b/c"
-                           << "\"/a b/c\"";
-    QTest::newRow("double quote") << "/a\"b"
-                                  << "\"/a\\\\\"b\"";
-    QTest::newRow("dollar and backtick") << "/$HOME/`x`"
-                                         << "\"/\\\\$HOME/\\\\`x\\\\`\"";
-    QTest::newRow("backslash") << "/a\\b"
-                               << "\"/a\\\\\\\\b\"";
-    QTest::newRow("percent") << "/100%/u"
-                             << "\"/100%%/u\"";
-    QTest::newRow("line feed and tab") << "/a\nb\tc"
-                                       << "\"/a\\nb\\tc\"";
-}
-
-void RunAtStartupTest::autostartExecLineQuotesTheProgram()
-{
-    QFETCH(QString, path);
-    QFETCH(QString, exec);
-    QCOMPARE(AutostartLoginItemService::execLine(path), exec + QStringLiteral(" --launched-at-login"));
-    // One key per line whatever the path holds.
-    QCOMPARE(AutostartLoginItemService::entryText(path).count('\n'), 6);
-}
+} // namespace
 
 QTEST_MAIN(RunAtStartupTest)
 #include "tst_RunAtStartup.moc"
