@@ -1,6 +1,6 @@
-// The status menu: its entries and their order, the information lines, which items can be
-// chosen in each state, what a state update shows and when it is logged, and the three-way
-// check state of a menu item.
+// The status menu and its badge: entries in order, which items can be chosen in each state, what a
+// state update shows and logs, the three-way check mark, the status button, and the badge's colours
+// at known pixels (the renderings are also written out for the README pictures).
 #include "app/AppDelegate.h"
 #include "menu/BrandImage.h"
 #include "menu/MenuItemCheckState.h"
@@ -13,333 +13,244 @@
 
 namespace {
 
-const QUrl unusedAgent(QStringLiteral("http://127.0.0.1:1"));
-const QString separator = QStringLiteral("---");
+const QString runningTip = QStringLiteral("Quillmere Agent is running");
+const QString offlineTip = QStringLiteral("Quillmere Agent is offline");
 
-QStringList entries(const QMenu &menu)
-{
-    QStringList result;
-    for (const QAction *action : menu.actions())
-        result.append(action->isSeparator() ? separator : action->text());
-    return result;
-}
+// A controller on fake platform services, its menu assembled.
+struct Harness {
+    explicit Harness(const Configuration &configuration, bool button = true)
+        : delegate(configuration, fakes.services(button), &host)
+    {
+        delegate.assembleStatusMenu();
+    }
+    FakePlatform fakes;
+    ApplicationHost host;
+    AppDelegate delegate;
+};
 
-// The text a menu shows for an item: "&&" is a literal ampersand, a single '&' marks the
-// accelerator letter and is not shown.
+// What a menu shows for a title: "&&" is a literal ampersand, a lone '&' marks an accelerator.
 QString shownText(const QAction *action)
 {
-    const QString text = action->text();
     QString shown;
-    for (qsizetype i = 0; i < text.size(); ++i) {
-        if (text.at(i) == QLatin1Char('&') && ++i == text.size())
-            break;
-        shown += text.at(i);
-    }
+    const QString text = action->text();
+    for (qsizetype i = 0; i < text.size(); ++i)
+        if (text.at(i) != QLatin1Char('&') || ++i < text.size())
+            shown += text.at(i);
     return shown;
 }
 
+QImage look(const QIcon &icon, qreal scale = 2)
+{
+    return icon.pixmap(QSize(18, 18), scale).toImage().convertToFormat(QImage::Format_ARGB32_Premultiplied);
+}
+
+struct MenuRow {
+    bool update, running, startInFlight, stopInFlight, runtimeFolder;
+    const char *enabled; // start, stop, pages as 0 or 1
+};
+
+struct UpdateRow {
+    const char *before; // title of an earlier update, if any
+    const char *title, *version;
+    bool running;
+    const char *shownVersion, *logged; // no line logged if null
+};
+
 } // namespace
+
+Q_DECLARE_METATYPE(MenuRow)
+Q_DECLARE_METATYPE(UpdateRow)
 
 class StatusMenuTest : public QObject {
     Q_OBJECT
-private slots:
-    void assemblyBuildsTheMenuInOrder();
-    void noItemHasAShortcut();
-    void itemsAreCreatedOnceAndKept();
-    void availabilityFollowsTheState_data();
-    void availabilityFollowsTheState();
-    void informationLinesStayDisabled();
-    void updateShowsTitleVersionAndBadge_data();
-    void updateShowsTitleVersionAndBadge();
-    void onlyAChangeOfTitleIsLogged();
-    void checkStateRoundTrips_data();
-    void checkStateRoundTrips();
-    void mixedCheckStateIsVisibleAndClearedAgain();
-
-private:
+    Configuration configuration() const { return env.configuration(QUrl(QStringLiteral("http://127.0.0.1:1"))); }
     TestEnvironment env;
+
+private slots:
+    void assemblyBuildsTheMenuInOrder()
+    {
+        env.markLog();
+        Harness h(configuration());
+        QStringList entries;
+        for (const QAction *action : h.delegate.menu->actions()) {
+            entries.append(action->isSeparator() ? QStringLiteral("---") : action->text());
+            QVERIFY2(action->shortcuts().isEmpty(), qPrintable(action->text()));
+        }
+        QCOMPARE(entries,
+                 QStringList({"Status: Launching...", "Version: --", "---", "Start Agent", "Stop Agent", "---",
+                              "Open Cloud Admin", "Check for Updates", "Open Local Admin", "Open Getting Started",
+                              "Open Startup Status", "Open Logs", "---", "Run at Startup", "---", "Quit"}));
+        QCOMPARE(h.delegate.menu->actions().at(13), h.delegate.runAtStartupMenuItem());
+        QCOMPARE(h.fakes.statusItem->menu(), h.delegate.menu.get());
+        // The offline badge until the first state update; assembling logs nothing.
+        QCOMPARE(h.fakes.statusItem->button()->toolTip(), offlineTip);
+        QCOMPARE(look(h.fakes.statusItem->button()->image()), look(makeBrandStatusImage(false)));
+        QVERIFY(env.messagesSinceMark().isEmpty());
+    }
+
+    void availabilityFollowsTheState_data()
+    {
+        QTest::addColumn<MenuRow>("row");
+        //                                               update running startIF stopIF runtime  start,stop,pages
+        QTest::newRow("as assembled") << MenuRow{false, false, false, false, true, "101"};
+        QTest::newRow("stopped") << MenuRow{true, false, false, false, true, "101"};
+        QTest::newRow("running") << MenuRow{true, true, false, false, true, "011"};
+        QTest::newRow("running, stopping") << MenuRow{true, true, false, true, true, "001"};
+        QTest::newRow("stopped, stopping") << MenuRow{true, false, false, true, true, "101"};
+        QTest::newRow("starting") << MenuRow{true, false, true, false, true, "001"};
+        QTest::newRow("running, starting") << MenuRow{true, true, true, false, true, "011"};
+        QTest::newRow("no runtime folder") << MenuRow{false, false, false, false, false, "100"};
+        QTest::newRow("no runtime, running") << MenuRow{true, true, false, false, false, "010"};
+    }
+
+    void availabilityFollowsTheState()
+    {
+        QFETCH(MenuRow, row);
+        Configuration config = configuration();
+        if (!row.runtimeFolder)
+            config.resourceDirectory.reset();
+        Harness h(config);
+        AppDelegate &d = h.delegate;
+        if (row.update) {
+            d.startInFlight = row.startInFlight;
+            d.stopInFlight = row.stopInFlight;
+            d.updateStateMenu(QStringLiteral("Status: Running"), QStringLiteral("1.0"), row.running);
+        }
+        QString shown;
+        for (QAction *item : {d.startMenuItem(), d.stopMenuItem(), d.openGettingStartedMenuItem()})
+            shown += QString::number(item->isEnabled());
+        QCOMPARE(shown, QString::fromLatin1(row.enabled));
+        QCOMPARE(d.openStartupPageMenuItem()->isEnabled(), d.openGettingStartedMenuItem()->isEnabled());
+        for (QAction *always : {d.openCloudAdminMenuItem(), d.checkForUpdatesMenuItem(), d.openLocalAdminMenuItem(),
+                                d.openLogsMenuItem(), d.runAtStartupMenuItem(), d.quitMenuItem()})
+            QVERIFY2(always->isEnabled(), qPrintable(always->text()));
+        QVERIFY(!d.stateMenuItem->isEnabled() && !d.versionMenuItem->isEnabled());
+    }
+
+    void updateShowsAndLogsOnlyANewTitle_data()
+    {
+        QTest::addColumn<UpdateRow>("row");
+        const char *run = "Status: Running";
+        // clang-format off
+        QTest::newRow("first title") << UpdateRow{nullptr, run, "2.4.1", true, "2.4.1",
+            "State updated: Status: Running version=2.4.1 running=true"};
+        QTest::newRow("empty version") << UpdateRow{run, "Status: Stopped", "", false, "--",
+            "State updated: Status: Stopped version=-- running=false"};
+        QTest::newRow("same title, new version") << UpdateRow{run, run, "1.1", false, "1.1", nullptr};
+        QTest::newRow("empty title at first") << UpdateRow{nullptr, "", "5", true, "5", nullptr};
+        QTest::newRow("version as given") << UpdateRow{run, "Status: Starting...", " 1.0 beta ", false, " 1.0 beta ",
+            "State updated: Status: Starting... version= 1.0 beta  running=false"};
+        QTest::newRow("ampersands") << UpdateRow{run, "Status: R&D && more", "2.0&beta", true, "2.0&beta",
+            "State updated: Status: R&D && more version=2.0&beta running=true"};
+        // clang-format on
+    }
+
+    void updateShowsAndLogsOnlyANewTitle()
+    {
+        QFETCH(UpdateRow, row);
+        Harness h(configuration());
+        StatusButton *button = h.fakes.statusItem->button();
+        if (row.before)
+            h.delegate.updateStateMenu(QString::fromUtf8(row.before), QStringLiteral("0.9"), !row.running);
+        // Whatever the button showed gives way to the plain image-only badge.
+        button->setTitle(QStringLiteral("stale"));
+        button->setAppearsDisabled(true);
+        const int generation = button->imageGeneration();
+        const qint64 previous = button->image().cacheKey();
+        env.markLog();
+
+        h.delegate.updateStateMenu(QString::fromUtf8(row.title), QString::fromUtf8(row.version), row.running);
+
+        QCOMPARE(env.messagesSinceMark(), row.logged ? QStringList{QString::fromUtf8(row.logged)} : QStringList());
+        QCOMPARE(shownText(h.delegate.stateMenuItem), QString::fromUtf8(row.title));
+        QCOMPARE(shownText(h.delegate.versionMenuItem), "Version: " + QString::fromUtf8(row.shownVersion));
+        QCOMPARE(h.delegate.startMenuItem()->isEnabled(), !row.running);
+        // A new badge image for every update, logged or not.
+        QVERIFY(button->imageGeneration() == generation + 1 && button->image().cacheKey() != previous);
+        QCOMPARE(button->toolTip(), row.running ? runningTip : offlineTip);
+        QVERIFY(button->title().isEmpty() && !button->appearsDisabled() && !button->image().isMask());
+        QCOMPARE(button->imagePosition(), StatusButton::ImagePosition::ImageOnly);
+        QCOMPARE(look(button->image()), look(makeBrandStatusImage(row.running)));
+    }
+
+    void checkStateHasThreeWays()
+    {
+        // Set state, state read back; set from each starting state so that leftovers would show.
+        for (const auto &[state, readBack] : {std::pair{0, 0}, {1, 1}, {-1, -1}, {2, 1}, {-7, -1}}) {
+            for (int previous : {menuItemStateOff, menuItemStateOn, menuItemStateMixed}) {
+                QAction item(QStringLiteral("Run at Startup"));
+                item.setEnabled(false);
+                setMenuItemCheckState(&item, previous);
+                setMenuItemCheckState(&item, state);
+                QCOMPARE(menuItemCheckState(&item), readBack);
+                QVERIFY(item.isCheckable() && !item.isEnabled());
+                QCOMPARE(item.isChecked(), readBack == menuItemStateOn);
+                QCOMPARE(item.icon().isNull(), readBack != menuItemStateMixed);
+            }
+        }
+        // The mixed mark is a dash across the middle, also at the 16 pixels a D-Bus menu gets.
+        QAction item;
+        setMenuItemCheckState(&item, menuItemStateMixed);
+        const QImage dash = item.icon().pixmap(QSize(16, 16), 1.0).toImage();
+        QVERIFY(qAlpha(dash.pixel(8, 8)) > 200);
+        QVERIFY(qAlpha(dash.pixel(8, 2)) == 0 && qAlpha(dash.pixel(8, 13)) == 0 && qAlpha(dash.pixel(1, 8)) == 0);
+    }
+
+    void missingButtonIsLoggedAndTheMenuStillWorks()
+    {
+        env.markLog();
+        Harness h(configuration(), /*button=*/false);
+        QCOMPARE(h.fakes.statusItem->menu(), h.delegate.menu.get());
+        h.delegate.updateStateMenu(QStringLiteral("Status: Running"), QStringLiteral("2.0"), true);
+        QVERIFY(h.delegate.stopMenuItem()->isEnabled());
+        const QString noButton = QStringLiteral("Status item button was unavailable.");
+        QCOMPARE(env.messagesSinceMark(),
+                 QStringList({noButton, noButton, "State updated: Status: Running version=2.0 running=true"}));
+    }
+
+    void badgeColoursAtKnownPixels()
+    {
+        // Premultiplied ARGB of pixels wholly inside one part of the badge, running then offline:
+        // the cut corner, the wash (lighter to the lower right), a drawn and the open upper-left
+        // side of the mark, and (once pixels are small enough) the outline just outside the edge.
+        struct Spot {
+            const char *name;
+            QPointF at; // in points from the upper left
+            QList<int> running, offline, scales;
+        };
+        const QList<Spot> spots{{"corner", {0.5, 0.5}, {0, 0, 0, 0}, {0, 0, 0, 0}, {1, 2}},
+                                {"lower right", {13.5, 13.5}, {251, 14, 62, 73}, {235, 77, 79, 81}, {1, 2}},
+                                {"upper left", {4.5, 4.5}, {251, 15, 38, 43}, {233, 69, 70, 71}, {1, 2}},
+                                {"mark", {10.5, 7.5}, {255, 150, 235, 251}, {253, 207, 211, 215}, {1, 2}},
+                                {"open side", {7.5, 7.5}, {251, 14, 45, 52}, {234, 71, 73, 74}, {1, 2}},
+                                {"outline", {0.95, 9.05}, {209, 63, 136, 160}, {179, 120, 125, 130}, {8}}};
+        const QString folder = qEnvironmentVariable("QUILLMERE_TEST_OUTPUT");
+        for (bool running : {true, false}) {
+            for (int scale : {1, 2, 8}) {
+                const QImage image = look(makeBrandStatusImage(running), scale);
+                QCOMPARE(image.size(), QSize(18, 18) * scale);
+                const QString name =
+                    QStringLiteral("brand-badge-%1@%2x.png").arg(running ? "running" : "offline").arg(scale);
+                if (!folder.isEmpty())
+                    QVERIFY2(image.save(folder + '/' + name), qPrintable(name));
+                for (const Spot &spot : spots) {
+                    if (!spot.scales.contains(scale))
+                        continue;
+                    const QRgb p = image.pixel(int(spot.at.x() * scale), int(spot.at.y() * scale));
+                    const QList<int> actual{qAlpha(p), qRed(p), qGreen(p), qBlue(p)};
+                    const QList<int> &expected = running ? spot.running : spot.offline;
+                    for (int i = 0; i < 4; ++i)
+                        QVERIFY2(std::abs(actual.at(i) - expected.at(i)) <= 3,
+                                 qPrintable(QStringLiteral("%1, %2: channel %3 is %4, expected %5")
+                                                .arg(name, QLatin1String(spot.name))
+                                                .arg(i)
+                                                .arg(actual.at(i))
+                                                .arg(expected.at(i))));
+                }
+            }
+        }
+    }
 };
-
-void StatusMenuTest::assemblyBuildsTheMenuInOrder()
-{
-    FakePlatform fakes;
-    ApplicationHost host;
-    AppDelegate delegate(env.configuration(unusedAgent), fakes.services(), &host);
-    env.markLog();
-    delegate.assembleStatusMenu();
-
-    QCOMPARE(entries(*delegate.menu),
-             QStringList({QStringLiteral("Status: Launching..."), QStringLiteral("Version: --"), separator,
-                          QStringLiteral("Start Agent"), QStringLiteral("Stop Agent"), separator,
-                          QStringLiteral("Open Cloud Admin"), QStringLiteral("Check for Updates"),
-                          QStringLiteral("Open Local Admin"), QStringLiteral("Open Getting Started"),
-                          QStringLiteral("Open Startup Status"), QStringLiteral("Open Logs"), separator,
-                          QStringLiteral("Run at Startup"), separator, QStringLiteral("Quit")}));
-    const QList<QAction *> actions = delegate.menu->actions();
-    QCOMPARE(actions.at(0), delegate.stateMenuItem);
-    QCOMPARE(actions.at(1), delegate.versionMenuItem);
-    QCOMPARE(actions.at(13), delegate.runAtStartupMenuItem());
-    QCOMPARE(actions.at(15), delegate.quitMenuItem());
-
-    // Attached to the status item, which shows the offline badge until the first state update.
-    QCOMPARE(fakes.statusItem->menu(), delegate.menu.get());
-    StatusButton *button = fakes.statusItem->button();
-    QCOMPARE(button->toolTip(), QStringLiteral("Quillmere Agent is offline"));
-    QCOMPARE(button->image().pixmap(18).toImage(), makeBrandStatusImage(false).pixmap(18).toImage());
-    // Assembly itself logs nothing (the launch sequence logs before it).
-    QVERIFY(env.messagesSinceMark().isEmpty());
-}
-
-void StatusMenuTest::noItemHasAShortcut()
-{
-    FakePlatform fakes;
-    ApplicationHost host;
-    AppDelegate delegate(env.configuration(unusedAgent), fakes.services(), &host);
-    delegate.assembleStatusMenu();
-    for (const QAction *action : delegate.menu->actions()) {
-        QVERIFY2(action->shortcuts().isEmpty(), qPrintable(action->text()));
-        // No mnemonic either: a '&' would turn the next letter into a keyboard accelerator.
-        QVERIFY2(!action->text().contains(QLatin1Char('&')), qPrintable(action->text()));
-    }
-}
-
-void StatusMenuTest::itemsAreCreatedOnceAndKept()
-{
-    FakePlatform fakes;
-    ApplicationHost host;
-    AppDelegate delegate(env.configuration(unusedAgent), fakes.services(), &host);
-    QAction *runAtStartup = delegate.runAtStartupMenuItem(); // first use before assembly, as at startup refresh
-    QCOMPARE(delegate.runAtStartupMenuItem_, runAtStartup);
-    delegate.assembleStatusMenu();
-    QCOMPARE(delegate.runAtStartupMenuItem(), runAtStartup);
-    QCOMPARE(delegate.menu->actions().count(runAtStartup), 1);
-    for (QAction *item : {delegate.startMenuItem_, delegate.stopMenuItem_, delegate.openCloudAdminMenuItem_,
-                          delegate.checkForUpdatesMenuItem_, delegate.openLocalAdminMenuItem_,
-                          delegate.openGettingStartedMenuItem_, delegate.openStartupPageMenuItem_,
-                          delegate.runAtStartupMenuItem_, delegate.openLogsMenuItem_, delegate.quitMenuItem_}) {
-        QVERIFY(item);
-        QCOMPARE(item->parent(), &delegate);
-        QCOMPARE(delegate.menu->actions().count(item), 1);
-    }
-}
-
-void StatusMenuTest::availabilityFollowsTheState_data()
-{
-    QTest::addColumn<bool>("update"); // false: as assembled, before any state update
-    QTest::addColumn<bool>("running");
-    QTest::addColumn<bool>("startInFlight");
-    QTest::addColumn<bool>("stopInFlight");
-    QTest::addColumn<bool>("runtimeFolder");
-    QTest::addColumn<bool>("start");
-    QTest::addColumn<bool>("stop");
-    QTest::addColumn<bool>("pages");
-
-    //                                      update running startIF stopIF runtime | start  stop   pages
-    QTest::newRow("as assembled") << false << false << false << false << true << true << false << true;
-    QTest::newRow("stopped") << true << false << false << false << true << true << false << true;
-    QTest::newRow("running") << true << true << false << false << true << false << true << true;
-    QTest::newRow("running, stopping") << true << true << false << true << true << false << false << true;
-    QTest::newRow("stopped, stopping") << true << false << false << true << true << true << false << true;
-    QTest::newRow("starting") << true << false << true << false << true << false << false << true;
-    QTest::newRow("running, starting") << true << true << true << false << true << false << true << true;
-    QTest::newRow("both in flight") << true << true << true << true << true << false << false << true;
-    QTest::newRow("no runtime folder") << true << false << false << false << false << true << false << false;
-    QTest::newRow("no runtime, assembled") << false << false << false << false << false << true << false << false;
-    QTest::newRow("no runtime, running") << true << true << false << false << false << false << true << false;
-}
-
-void StatusMenuTest::availabilityFollowsTheState()
-{
-    QFETCH(bool, update);
-    QFETCH(bool, running);
-    QFETCH(bool, startInFlight);
-    QFETCH(bool, stopInFlight);
-    QFETCH(bool, runtimeFolder);
-    QFETCH(bool, start);
-    QFETCH(bool, stop);
-    QFETCH(bool, pages);
-
-    Configuration configuration = env.configuration(unusedAgent);
-    if (!runtimeFolder)
-        configuration.resourceDirectory.reset();
-    FakePlatform fakes;
-    ApplicationHost host;
-    AppDelegate delegate(configuration, fakes.services(), &host);
-    delegate.assembleStatusMenu();
-    if (update) {
-        delegate.startInFlight = startInFlight;
-        delegate.stopInFlight = stopInFlight;
-        delegate.updateStateMenu(QStringLiteral("Status: Running"), QStringLiteral("1.0"), running);
-    }
-
-    QCOMPARE(delegate.startMenuItem()->isEnabled(), start);
-    QCOMPARE(delegate.stopMenuItem()->isEnabled(), stop);
-    QCOMPARE(delegate.openGettingStartedMenuItem()->isEnabled(), pages);
-    QCOMPARE(delegate.openStartupPageMenuItem()->isEnabled(), pages);
-    for (QAction *always :
-         {delegate.openCloudAdminMenuItem(), delegate.checkForUpdatesMenuItem(), delegate.openLocalAdminMenuItem(),
-          delegate.openLogsMenuItem(), delegate.runAtStartupMenuItem(), delegate.quitMenuItem()})
-        QVERIFY2(always->isEnabled(), qPrintable(always->text()));
-    QVERIFY(!delegate.stateMenuItem->isEnabled());
-    QVERIFY(!delegate.versionMenuItem->isEnabled());
-}
-
-void StatusMenuTest::informationLinesStayDisabled()
-{
-    FakePlatform fakes;
-    ApplicationHost host;
-    AppDelegate delegate(env.configuration(unusedAgent), fakes.services(), &host);
-    delegate.assembleStatusMenu();
-    for (bool running : {true, false, true}) {
-        delegate.updateStateMenu(running ? QStringLiteral("Status: Running") : QStringLiteral("Status: Stopped"),
-                                 QStringLiteral("3.1"), running);
-        delegate.updateMenuAvailability();
-        QVERIFY(!delegate.stateMenuItem->isEnabled());
-        QVERIFY(!delegate.versionMenuItem->isEnabled());
-    }
-}
-
-void StatusMenuTest::updateShowsTitleVersionAndBadge_data()
-{
-    QTest::addColumn<QString>("title");
-    QTest::addColumn<QString>("version");
-    QTest::addColumn<bool>("running");
-    QTest::addColumn<QString>("knownVersion");
-
-    QTest::newRow("running") << QStringLiteral("Status: Running") << QStringLiteral("2.4.1") << true
-                             << QStringLiteral("2.4.1");
-    QTest::newRow("empty version") << QStringLiteral("Status: Stopped") << QString() << false << QStringLiteral("--");
-    QTest::newRow("version kept as given") << QStringLiteral("Status: Starting...") << QStringLiteral(" 1.0 beta ")
-                                           << false << QStringLiteral(" 1.0 beta ");
-    QTest::newRow("empty title") << QString() << QStringLiteral("5") << true << QStringLiteral("5");
-    QTest::newRow("ampersands shown as given")
-        << QStringLiteral("Status: R&D && more") << QStringLiteral("2.0&beta") << true << QStringLiteral("2.0&beta");
-}
-
-void StatusMenuTest::updateShowsTitleVersionAndBadge()
-{
-    QFETCH(QString, title);
-    QFETCH(QString, version);
-    QFETCH(bool, running);
-    QFETCH(QString, knownVersion);
-    FakePlatform fakes;
-    ApplicationHost host;
-    AppDelegate delegate(env.configuration(unusedAgent), fakes.services(), &host);
-    delegate.assembleStatusMenu();
-    delegate.lastKnownVersion = QStringLiteral("0.9"); // a version shown earlier is not kept for an empty one
-    StatusButton *button = fakes.statusItem->button();
-    const int generation = button->imageGeneration();
-
-    delegate.updateStateMenu(title, version, running);
-
-    QCOMPARE(delegate.agentIsRunning, running);
-    QCOMPARE(delegate.lastKnownVersion, knownVersion);
-    QCOMPARE(shownText(delegate.stateMenuItem), title);
-    QCOMPARE(shownText(delegate.versionMenuItem), QStringLiteral("Version: ") + knownVersion);
-    QCOMPARE(button->imageGeneration(), generation + 1);
-    QCOMPARE(button->toolTip(),
-             running ? QStringLiteral("Quillmere Agent is running") : QStringLiteral("Quillmere Agent is offline"));
-    QCOMPARE(button->image().pixmap(18).toImage(), makeBrandStatusImage(running).pixmap(18).toImage());
-}
-
-void StatusMenuTest::onlyAChangeOfTitleIsLogged()
-{
-    FakePlatform fakes;
-    ApplicationHost host;
-    AppDelegate delegate(env.configuration(unusedAgent), fakes.services(), &host);
-    delegate.assembleStatusMenu();
-    StatusButton *button = fakes.statusItem->button();
-    env.markLog();
-
-    // An empty title equals the initial last title: shown, not logged.
-    delegate.updateStateMenu(QString(), QStringLiteral("1.0"), false);
-    QVERIFY(delegate.lastStateTitle.isEmpty());
-
-    delegate.updateStateMenu(QStringLiteral("Status: Running"), QStringLiteral("1.0"), true);
-    QCOMPARE(delegate.lastStateTitle, QStringLiteral("Status: Running"));
-
-    // Same title, new version and running flag: shown (badge included), not logged.
-    const int generation = button->imageGeneration();
-    delegate.updateStateMenu(QStringLiteral("Status: Running"), QStringLiteral("1.1"), false);
-    QCOMPARE(delegate.versionMenuItem->text(), QStringLiteral("Version: 1.1"));
-    QCOMPARE(button->imageGeneration(), generation + 1);
-    QCOMPARE(button->toolTip(), QStringLiteral("Quillmere Agent is offline"));
-    QVERIFY(delegate.startMenuItem()->isEnabled());
-
-    delegate.updateStateMenu(QStringLiteral("Status: Stopped"), QString(), false);
-    delegate.updateStateMenu(QStringLiteral("Status: Stopped"), QString(), false);
-    delegate.updateStateMenu(QStringLiteral("Status: Running"), QStringLiteral("1.1"), true);
-
-    QCOMPARE(env.messagesSinceMark(),
-             QStringList({QStringLiteral("State updated: Status: Running version=1.0 running=true"),
-                          QStringLiteral("State updated: Status: Stopped version=-- running=false"),
-                          QStringLiteral("State updated: Status: Running version=1.1 running=true")}));
-}
-
-void StatusMenuTest::checkStateRoundTrips_data()
-{
-    QTest::addColumn<int>("state");
-    QTest::addColumn<int>("readBack");
-    QTest::addColumn<bool>("checked");
-    QTest::addColumn<int>("property");
-    QTest::addColumn<bool>("hasIcon");
-
-    QTest::newRow("off") << 0 << 0 << false << int(Qt::Unchecked) << false;
-    QTest::newRow("on") << 1 << 1 << true << int(Qt::Checked) << false;
-    QTest::newRow("mixed") << -1 << -1 << false << int(Qt::PartiallyChecked) << true;
-    QTest::newRow("other positive is on") << 2 << 1 << true << int(Qt::Checked) << false;
-    QTest::newRow("other negative is mixed") << -7 << -1 << false << int(Qt::PartiallyChecked) << true;
-}
-
-void StatusMenuTest::checkStateRoundTrips()
-{
-    QFETCH(int, state);
-    QFETCH(int, readBack);
-    QFETCH(bool, checked);
-    QFETCH(int, property);
-    QFETCH(bool, hasIcon);
-
-    // From each starting state, so that leftovers of the previous state would show.
-    for (int previous : {menuItemStateOff, menuItemStateOn, menuItemStateMixed}) {
-        QAction item(QStringLiteral("Run at Startup"));
-        setMenuItemCheckState(&item, previous);
-        setMenuItemCheckState(&item, state);
-        QCOMPARE(menuItemCheckState(&item), readBack);
-        QVERIFY(item.isCheckable());
-        QCOMPARE(item.isChecked(), checked);
-        QCOMPARE(item.property(menuItemCheckStateProperty).toInt(), property);
-        QCOMPARE(!item.icon().isNull(), hasIcon);
-        QCOMPARE(item.text(), QStringLiteral("Run at Startup"));
-    }
-}
-
-void StatusMenuTest::mixedCheckStateIsVisibleAndClearedAgain()
-{
-    QAction untouched(QStringLiteral("Run at Startup"));
-    QCOMPARE(menuItemCheckState(&untouched), menuItemStateOff);
-    QCOMPARE(menuItemCheckState(nullptr), menuItemStateOff);
-    setMenuItemCheckState(nullptr, menuItemStateMixed); // ignored
-
-    QAction item(QStringLiteral("Run at Startup (Needs Approval)"));
-    item.setEnabled(false);
-    setMenuItemCheckState(&item, menuItemStateMixed);
-    QVERIFY(!item.isEnabled()); // the enabled flag is not the helper's business
-    QVERIFY(item.isIconVisibleInMenu());
-
-    // The mixed mark is a dash across the middle that a menu (or a D-Bus menu, which is sent a
-    // 16 pixel rendering) can show.
-    const QImage dash = item.icon().pixmap(QSize(16, 16), 1.0).toImage();
-    QCOMPARE(dash.size(), QSize(16, 16));
-    QVERIFY(qAlpha(dash.pixel(8, 8)) > 200);
-    QCOMPARE(qAlpha(dash.pixel(8, 2)), 0);
-    QCOMPARE(qAlpha(dash.pixel(8, 13)), 0);
-    QCOMPARE(qAlpha(dash.pixel(1, 8)), 0);
-    QCOMPARE(item.icon().pixmap(QSize(16, 16), 2.0).size(), QSize(32, 32));
-
-    setMenuItemCheckState(&item, menuItemStateOn);
-    QVERIFY(item.icon().isNull());
-    QCOMPARE(menuItemCheckState(&item), menuItemStateOn);
-}
 
 QTEST_MAIN(StatusMenuTest)
 #include "tst_StatusMenu.moc"

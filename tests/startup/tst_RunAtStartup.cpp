@@ -1,604 +1,440 @@
-// Run at startup as the controller does it: the state resolved from the login-item service and
-// the launch agent files, the menu item, switching on and off with every outcome of the service,
-// and the launch agent files with their launchctl runs (recorded by a stand-in launchctl).
+// Run at startup: the state resolved from the login-item service and the launch agent files, the
+// menu item switching it, every outcome of the service, the launch agent files with their
+// launchctl runs (recorded by a stand-in launchctl), the exact property list text, and the Linux
+// autostart entry end to end.
 #include "app/AppDelegate.h"
 #include "menu/MenuItemCheckState.h"
+#include "platform/linux/AutostartLoginItemService.h"
 #include "startup/LegacyLaunchAgent.h"
 #include "support/FakePlatform.h"
 #include "support/Files.h"
 #include "support/TestEnvironment.h"
 
 #include <QAction>
-#include <QDir>
-#include <QFile>
-#include <QTest>
+#include <QRandomGenerator>
+#include <QXmlStreamReader>
 #include <unistd.h>
 
 namespace {
 
 const QString ownLabel = QStringLiteral("com.tallyhold.agent.app");
-const QStringList obsoleteLabels = {QStringLiteral("com.tallyhold.agent.menubarbeta.app"),
-                                    QStringLiteral("com.tallyhold.agent.nativebeta.app"),
-                                    QStringLiteral("com.tallyhold.agent")};
-const QString enabledWithService = QStringLiteral("Enabled run-at-startup with SMAppService.");
-const QString requiresApproval =
-    QStringLiteral("SMAppService registration requires approval. Opening Login Items settings.");
-const QString approvalRequired =
-    QStringLiteral("User approval is required for login-item registration. Opening Login Items settings.");
+const QStringList obsoleteLabels{"com.tallyhold.agent.menubarbeta.app", "com.tallyhold.agent.nativebeta.app",
+                                 "com.tallyhold.agent"};
+// Files an earlier edition may have left: only valid UTF-8 carrying the login marker counts.
+const QByteArray marked = "<plist><string>/Beta.app</string><string>--launched-at-login</string></plist>";
+const QByteArray markedInComment = "<plist><!-- started with --launched-at-login --><dict/></plist>";
+const QByteArray unmarked = "<plist><key>Label</key><string>com.tallyhold.agent</string></plist>";
+const QByteArray notUtf8 = "<plist>\xff\xfe<string>--launched-at-login</string></plist>";
 
-const QByteArray obsoleteWithMarker = "<plist><dict><key>ProgramArguments</key><array><string>/Applications/Beta.app"
-                                      "</string><string>--launched-at-login</string></array></dict></plist>";
-const QByteArray obsoleteMarkerInComment = "<plist><!-- started with --launched-at-login --><dict/></plist>";
-const QByteArray obsoleteWithoutMarker =
-    "<plist><dict><key>Label</key><string>com.tallyhold.agent</string></dict></plist>";
-const QByteArray obsoleteNotUtf8 = "<plist>\xff\xfe<string>--launched-at-login</string></plist>";
+QByteArray goldenPlist(); // after the test class, where its raw text cannot upset moc
 
-QString uid()
-{
-    return QString::number(getuid());
-}
-
-LoginItemError serviceError(int code)
-{
-    return LoginItemError{QStringLiteral("SMAppServiceErrorDomain"), code, QStringLiteral("Operation failed.")};
-}
-
-QString registrationFailedLine(int code)
-{
-    return QStringLiteral("SMAppService registration failed: domain=SMAppServiceErrorDomain code=") +
-           QString::number(code) + QStringLiteral(" message=Operation failed.");
-}
-
-// One controller with fake platform services; the fakes stay reachable through `fakes`.
 struct Harness {
-    explicit Harness(const Configuration &configuration)
+    explicit Harness(const Configuration &configuration) : delegate(configuration, fakes.services(), &host)
     {
-        delegate = std::make_unique<AppDelegate>(configuration, fakes.services(), &host);
-        host.setDelegate(delegate.get());
+        host.setDelegate(&delegate);
     }
-    FakeLoginItemService &loginItems() { return *fakes.loginItems; }
-
+    FakeLoginItemService &service() { return *fakes.loginItems; }
     FakePlatform fakes;
     ApplicationHost host;
-    std::unique_ptr<AppDelegate> delegate;
+    AppDelegate delegate;
 };
-
-enum class Legacy { none, ownEmpty, obsoleteMarker, obsoleteMarkerInComment, obsoleteWithoutMarker, obsoleteNotUtf8 };
 
 } // namespace
 
-Q_DECLARE_METATYPE(Legacy)
 Q_DECLARE_METATYPE(RunAtStartupState)
 
 class RunAtStartupTest : public QObject {
     Q_OBJECT
-private slots:
-    void init();
-
-    void resolvingCombinesServiceAndLaunchAgentFiles_data();
-    void resolvingCombinesServiceAndLaunchAgentFiles();
-    void enablingFollowsEveryServiceOutcome_data();
-    void enablingFollowsEveryServiceOutcome();
-    void disablingAlwaysRemovesTheLaunchAgent_data();
-    void disablingAlwaysRemovesTheLaunchAgent();
-    void togglingSwitchesFromEachState_data();
-    void togglingSwitchesFromEachState();
-
-    void installWritesThenCleansUpThenLoads();
-    void failedBootstrapIsLoggedAndKeepsTheFile_data();
-    void failedBootstrapIsLoggedAndKeepsTheFile();
-    void installFailureIsShownOnTheStateLine_data();
-    void installFailureIsShownOnTheStateLine();
-    void installWithoutExecutableDoesNothing();
-    void removalUnloadsDeletesAndCleansUpLeftovers_data();
-    void removalUnloadsDeletesAndCleansUpLeftovers();
-
-private:
-    Configuration configuration() const;
-    QString plistPath() const
+    Configuration configuration() const { return env.configuration(QUrl(QStringLiteral("http://127.0.0.1:1"))); }
+    QString plistPath() const { return env.home() + "/Library/LaunchAgents/" + ownLabel + ".plist"; }
+    QString obsoletePath(int i) const
     {
-        return env.home() + QStringLiteral("/Library/LaunchAgents/") + ownLabel + QStringLiteral(".plist");
-    }
-    QString obsoletePath(int index) const
-    {
-        return env.home() + QStringLiteral("/Library/LaunchAgents/") + obsoleteLabels.at(index) +
-               QStringLiteral(".plist");
+        return env.home() + "/Library/LaunchAgents/" + obsoleteLabels.at(i) + ".plist";
     }
     QString recordPath() const { return env.root() + QStringLiteral("/launchctl-calls.txt"); }
-    QString bootstrapFailsFlag() const { return env.root() + QStringLiteral("/bootstrap-fails"); }
-    // A launchctl that records each run as one line of bracketed arguments.
-    void installRecordingLaunchctl() const;
-    QStringList launchctlCalls() const;
-    // The log lines since the mark, without the process runner's own lines.
-    QStringList ownLines() const;
-    void placeLegacy(Legacy legacy) const;
+    QString run(const QString &verb, const QString &path) const
+    {
+        return QStringLiteral("[%1][gui/%2][%3]").arg(verb).arg(getuid()).arg(path);
+    }
+    QStringList launchctlCalls() const
+    {
+        return QString::fromUtf8(readFile(recordPath())).split('\n', Qt::SkipEmptyParts);
+    }
+    // The log lines since the mark, without the process runner's own.
+    QStringList ownLines() const
+    {
+        QStringList lines = env.messagesSinceMark();
+        lines.removeIf(
+            [](const QString &l) { return l.startsWith("Launching process: ") || l.startsWith("Process "); });
+        return lines;
+    }
 
     TestEnvironment env;
+
+private slots:
+    void init()
+    {
+        QDir(env.home() + QStringLiteral("/Library")).removeRecursively();
+        QDir(env.configHome() + QStringLiteral("/autostart")).removeRecursively();
+        QDir(env.root() + QStringLiteral("/support")).removeRecursively();
+        QFile::remove(recordPath());
+        QFile::remove(env.root() + QStringLiteral("/bootstrap-fails"));
+        // A launchctl that records each run as one line of bracketed arguments.
+        TestEnvironment::writeScript(
+            configuration().launchctlPath,
+            QStringLiteral("line=''\nfor a in \"$@\"; do line=\"$line[$a]\"; done\n"
+                           "printf '%s\\n' \"$line\" >> '%1'\n"
+                           "if [ \"$1\" = bootstrap ] && [ -e '%2/bootstrap-fails' ]; then exit 5; fi\n")
+                .arg(recordPath(), env.root()));
+        env.markLog();
+    }
+
+    void resolvesShowsAndSwitches_data()
+    {
+        QTest::addColumn<bool>("available");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<bool>("ownPlist");
+        QTest::addColumn<QByteArray>("leftover"); // under the first obsolete label; null: none
+        QTest::addColumn<RunAtStartupState>("expected");
+        const auto off = RunAtStartupState::disabled, on = RunAtStartupState::enabled;
+        const auto approval = RunAtStartupState::needsApproval;
+        const QByteArray none;
+        QTest::newRow("no service, nothing") << false << 1 << false << none << off;
+        QTest::newRow("no service, own plist") << false << 0 << true << none << on;
+        QTest::newRow("no service, leftover") << false << 0 << false << markedInComment << on;
+        QTest::newRow("not registered") << true << 0 << false << none << off;
+        QTest::newRow("enabled") << true << 1 << false << none << on;
+        QTest::newRow("requires approval") << true << 2 << false << none << approval;
+        QTest::newRow("requires approval, own plist") << true << 2 << true << none << on;
+        QTest::newRow("not found, leftover") << true << 3 << false << marked << on;
+        QTest::newRow("unknown status") << true << 7 << false << none << off;
+        QTest::newRow("leftover without marker") << true << 0 << false << unmarked << off;
+        QTest::newRow("leftover not UTF-8") << true << 0 << false << notUtf8 << off;
+        QTest::newRow("leftover not UTF-8, approval") << true << 2 << false << notUtf8 << approval;
+    }
+
+    void resolvesShowsAndSwitches()
+    {
+        QFETCH(bool, available);
+        QFETCH(int, status);
+        QFETCH(bool, ownPlist);
+        QFETCH(QByteArray, leftover);
+        QFETCH(RunAtStartupState, expected);
+        if (ownPlist)
+            writeFile(plistPath(), QByteArray());
+        if (!leftover.isNull())
+            writeFile(obsoletePath(0), leftover);
+        Harness h(configuration());
+        h.service().available = available;
+        h.service().currentStatus = status;
+
+        // The item shows the state (check mark, mixed mark, title); resolving changes nothing else.
+        QAction *item = h.delegate.runAtStartupMenuItem();
+        setMenuItemCheckState(item, menuItemStateMixed);
+        h.delegate.refreshRunAtStartupState();
+        QCOMPARE(h.delegate.resolveRunAtStartupState(), expected);
+        QCOMPARE(menuItemCheckState(item), expected == RunAtStartupState::enabled         ? menuItemStateOn
+                                           : expected == RunAtStartupState::needsApproval ? menuItemStateMixed
+                                                                                          : menuItemStateOff);
+        QCOMPARE(item->text(),
+                 expected == RunAtStartupState::needsApproval ? "Run at Startup (Needs Approval)" : "Run at Startup");
+        QVERIFY(h.service().calls.isEmpty() && launchctlCalls().isEmpty() && env.messagesSinceMark().isEmpty());
+
+        // Choosing the item turns on only what was off; needing approval counts as on.
+        item->trigger();
+        const bool turnedOn = expected == RunAtStartupState::disabled;
+        QCOMPARE(h.service().calls, available ? QStringList{turnedOn ? "register" : "unregister"} : QStringList());
+        QCOMPARE(item->isChecked(), turnedOn);
+        QCOMPARE(item->text(), QStringLiteral("Run at Startup"));
+        QCOMPARE(QFile::exists(plistPath()), turnedOn && !available);
+        // Either way marked leftovers are cleaned up, and only those.
+        QCOMPARE(QFile::exists(obsoletePath(0)), leftover == unmarked || leftover == notUtf8);
+    }
+
+    void serviceOutcomes_data()
+    {
+        QTest::addColumn<bool>("enable");
+        QTest::addColumn<int>("code"); // of a failed register or unregister; 0: it succeeds
+        QTest::addColumn<int>("statusAfter");
+        QTest::addColumn<QStringList>("lines");
+        const QString removed = "Removed legacy run-at-startup plist at " + plistPath();
+        const QString installed = "Enabled legacy run-at-startup plist at " + plistPath();
+        const QString enabled = QStringLiteral("Enabled run-at-startup with SMAppService.");
+        const QString requiresApproval = "SMAppService registration requires approval. Opening Login Items settings.";
+        const QString approvalRequired =
+            "User approval is required for login-item registration. Opening Login Items settings.";
+        const auto failed = [](const char *what, int code) {
+            return QStringLiteral(
+                       "SMAppService %1 failed: domain=SMAppServiceErrorDomain code=%2 message=Operation failed.")
+                .arg(what)
+                .arg(code);
+        };
+        // clang-format off
+        QTest::newRow("enable") << true << 0 << 1 << QStringList{enabled, removed};
+        QTest::newRow("enable, needs approval") << true << 0 << 2 << QStringList{enabled, removed, requiresApproval};
+        QTest::newRow("already registered") << true << 12 << 2 << QStringList{failed("registration", 12), removed};
+        QTest::newRow("denied by user") << true << 11 << 0 << QStringList{failed("registration", 11), approvalRequired};
+        QTest::newRow("other, needs approval") << true << 1 << 2 << QStringList{failed("registration", 1), approvalRequired};
+        QTest::newRow("other, not registered") << true << 1 << 0 << QStringList{failed("registration", 1), installed};
+        QTest::newRow("negative, not found") << true << -67 << 3 << QStringList{failed("registration", -67), installed};
+        QTest::newRow("job not found") << true << 6 << 1 << QStringList{failed("registration", 6), installed};
+        QTest::newRow("disable") << false << 0 << 0 << QStringList{"Disabled run-at-startup with SMAppService.", removed};
+        QTest::newRow("disable, job not found is quiet") << false << 6 << 0 << QStringList{removed};
+        QTest::newRow("disable, other failure") << false << 22 << 0 << QStringList{failed("unregister", 22), removed};
+        // clang-format on
+    }
+
+    void serviceOutcomes()
+    {
+        QFETCH(bool, enable);
+        QFETCH(int, code);
+        QFETCH(int, statusAfter);
+        QFETCH(QStringList, lines);
+        writeFile(plistPath(), "an earlier install");
+        Harness h(configuration());
+        if (code != 0)
+            (enable ? h.service().registerResult : h.service().unregisterResult) =
+                LoginItemError{"SMAppServiceErrorDomain", code, "Operation failed."};
+        h.service().statusAfterRegister = h.service().currentStatus = statusAfter;
+
+        enable ? h.delegate.enableRunAtStartup() : h.delegate.disableRunAtStartup();
+
+        QCOMPARE(ownLines(), lines);
+        const bool settings = lines.last().endsWith("Opening Login Items settings.");
+        QCOMPARE(h.service().calls, QStringList{enable ? "register" : "unregister"} +
+                                        (settings ? QStringList{"openSettings"} : QStringList()));
+        QVERIFY(h.delegate.stopAgentOnTerminate); // a quit while unloading our own job must not stick
+        if (lines.contains("Removed legacy run-at-startup plist at " + plistPath()))
+            QVERIFY(!QFile::exists(plistPath()) && launchctlCalls() == QStringList{run("bootout", plistPath())});
+        else if (lines.last().startsWith("Enabled legacy"))
+            QVERIFY(readFile(plistPath()).contains("<string>--launched-at-login</string>") &&
+                    launchctlCalls().size() == 3);
+        else
+            QVERIFY(readFile(plistPath()) == "an earlier install" && launchctlCalls().isEmpty());
+    }
+
+    void installWritesCleansUpThenLoads_data()
+    {
+        QTest::addColumn<QString>("fault");
+        QTest::addColumn<QStringList>("lines"); // a line may be given by its start
+        QTest::addColumn<bool>("launchctlRuns");
+        const QString cleaned = "Removed obsolete beta run-at-startup plist at " + obsoletePath(0);
+        const QString enabled = "Enabled legacy run-at-startup plist at " + plistPath();
+        const QStringList writeFailed{
+            "Failed writing legacy run-at-startup plist: ",
+            "State updated: Status: Could not save startup setting version=2.3.4 running=true"};
+        QTest::newRow("written and loaded") << "" << QStringList{cleaned, enabled} << true;
+        QTest::newRow("bootstrap fails") << "bootstrap"
+                                         << QStringList{cleaned, "Legacy bootstrap failed for " + plistPath(), enabled}
+                                         << true;
+        QTest::newRow("launchctl cannot start")
+            << "launchctl" << QStringList{cleaned, "Legacy bootstrap failed for " + plistPath(), enabled} << false;
+        QTest::newRow("logs folder blocked") << "logs" << writeFailed << false;
+        QTest::newRow("plist path is a folder") << "plist" << writeFailed << false;
+        QTest::newRow("no executable")
+            << "executable" << QStringList{"Could not resolve app executable path for legacy run-at-startup."} << false;
+    }
+
+    void installWritesCleansUpThenLoads()
+    {
+        QFETCH(QString, fault);
+        QFETCH(QStringList, lines);
+        QFETCH(bool, launchctlRuns);
+        Configuration config = configuration();
+        config.applicationSupportDirectory = env.root() + QStringLiteral("/support"); // logs folder made on the way
+        writeFile(obsoletePath(0), marked);
+        // A file where a folder is needed stops the write even for root.
+        if (fault == QLatin1String("bootstrap"))
+            writeFile(env.root() + QStringLiteral("/bootstrap-fails"), QByteArray());
+        else if (fault == QLatin1String("launchctl"))
+            QFile::remove(config.launchctlPath);
+        else if (fault == QLatin1String("logs"))
+            writeFile(config.applicationSupportDirectory + QStringLiteral("/TallyholdAgent"), "not a folder");
+        else if (fault == QLatin1String("plist"))
+            QVERIFY(QDir().mkpath(plistPath() + QStringLiteral("/inside")));
+        else if (fault == QLatin1String("executable"))
+            config.executablePath.reset();
+        Harness h(config);
+        h.delegate.updateStateMenu(QStringLiteral("Status: Running"), QStringLiteral("2.3.4"), true);
+        env.markLog();
+
+        h.delegate.installLegacyRunAtStartup();
+
+        const QStringList actual = ownLines();
+        QCOMPARE(actual.size(), lines.size());
+        for (qsizetype i = 0; i < lines.size(); ++i)
+            QVERIFY2(actual.at(i).startsWith(lines.at(i)), qPrintable(actual.at(i)));
+        // Leftovers go only once the new file is written, before it is loaded.
+        const bool written = lines.last().startsWith("Enabled");
+        QCOMPARE(QFile::exists(obsoletePath(0)), !written);
+        if (written) {
+            const QString logs = config.applicationSupportDirectory + QStringLiteral("/TallyholdAgent/runtime/logs/");
+            QCOMPARE(readFile(plistPath()),
+                     legacyLaunchAgentPlistText(ownLabel, *config.executablePath, logs + "menu-app.out.log",
+                                                logs + "menu-app.err.log")
+                         .toUtf8());
+            QCOMPARE(h.delegate.resolveRunAtStartupState(), RunAtStartupState::enabled);
+        }
+        QStringList calls;
+        if (launchctlRuns)
+            calls << run("bootout", obsoletePath(0)) << run("bootout", plistPath()) << run("bootstrap", plistPath())
+                  << QStringLiteral("[kickstart][-k][gui/%1/%2]").arg(getuid()).arg(ownLabel);
+        QCOMPARE(launchctlCalls(), calls);
+    }
+
+    void removalBootsOutOwnThenMarkedLeftovers()
+    {
+        writeFile(plistPath(), "installed earlier");
+        for (int i = 0; i < 3; ++i)
+            writeFile(obsoletePath(i), QList<QByteArray>{unmarked, marked, markedInComment}.at(i));
+        Harness h(configuration());
+
+        h.delegate.removeLegacyRunAtStartup();
+        QCOMPARE(launchctlCalls(), QStringList({run("bootout", plistPath()), run("bootout", obsoletePath(1)),
+                                                run("bootout", obsoletePath(2))}));
+        const QString removed = "Removed legacy run-at-startup plist at " + plistPath();
+        QCOMPARE(ownLines(), QStringList({removed, "Removed obsolete beta run-at-startup plist at " + obsoletePath(1),
+                                          "Removed obsolete beta run-at-startup plist at " + obsoletePath(2)}));
+        QVERIFY(!QFile::exists(plistPath()) && QFile::exists(obsoletePath(0)));
+
+        // With nothing there the removal is still logged, and nothing is run.
+        QFile::remove(recordPath());
+        env.markLog();
+        h.delegate.removeLegacyRunAtStartup();
+        QVERIFY(launchctlCalls().isEmpty());
+        QCOMPARE(ownLines(), QStringList{removed});
+    }
+
+    void propertyListIsExact()
+    {
+        // Every byte counts; the paths are escaped (ampersand first), the label is not.
+        const QString logs = QStringLiteral("/Users/zoë/Library/Application Support/TallyholdAgent/runtime/logs/");
+        const QString text = legacyLaunchAgentPlistText(
+            QStringLiteral("com.tallyhold.agent.app&x"),
+            QStringLiteral("/Applications/Quillmere & Co.app/Contents/MacOS/Quillmere <Agent> \"&apos;'"),
+            logs + "menu-app.out.log", logs + "menu-app.err.log");
+        QCOMPARE(text.toUtf8(), goldenPlist());
+        QCOMPARE(xmlEscaped(QStringLiteral("'\"><&lt;")), QStringLiteral("&apos;&quot;&gt;&lt;&amp;lt;"));
+    }
+
+    void randomExecutablePathsSurviveAnXmlReading()
+    {
+        // Mostly printable ASCII, with letters beyond it including one outside the basic plane.
+        const QStringList nonAscii{QStringLiteral("é"), QStringLiteral("日本"), QStringLiteral("Ω"),
+                                   QStringLiteral("😀")};
+        QRandomGenerator random(20240611);
+        for (int n = 0; n < 10'000; ++n) {
+            QString path = QStringLiteral("/");
+            for (int i = random.bounded(1, 60); i > 0; --i)
+                path += random.bounded(10) == 0 ? nonAscii.at(random.bounded(int(nonAscii.size())))
+                                                : QString(QChar(char16_t(random.bounded(0x20, 0x7f))));
+            QXmlStreamReader reader(legacyLaunchAgentPlistText(ownLabel, path, "/o.log", "/e.log"));
+            QString key, readBack;
+            while (!reader.atEnd()) {
+                if (reader.readNext() != QXmlStreamReader::StartElement)
+                    continue;
+                if (reader.name() == QLatin1String("key"))
+                    key = reader.readElementText();
+                else if (reader.name() == QLatin1String("string") && key == QLatin1String("ProgramArguments"))
+                    readBack = readBack.isNull() ? reader.readElementText() : readBack;
+            }
+            QVERIFY2(!reader.hasError() && readBack == path, qPrintable(path + " read as " + readBack));
+        }
+    }
+
+    void autostartEntryEndToEnd()
+    {
+        FakePlatform fakes;
+        ApplicationHost host;
+        PlatformServices services = fakes.services();
+        const Configuration config = configuration();
+        auto *entries =
+            new AutostartLoginItemService(config.configDirectory, ownLabel, *config.executablePath, fakes.opener);
+        services.loginItems.reset(entries);
+        AppDelegate delegate(config, std::move(services), &host);
+        host.setDelegate(&delegate);
+        const QString folder = env.configHome() + QStringLiteral("/autostart");
+        const QString entry = folder + '/' + ownLabel + ".desktop";
+        QCOMPARE(entries->entryPath(), entry);
+
+        // Switched on and off from the menu.
+        delegate.refreshRunAtStartupState();
+        QAction *item = delegate.runAtStartupMenuItem();
+        QVERIFY(!item->isChecked());
+        item->trigger();
+        QVERIFY(item->isChecked());
+        QCOMPARE(readFile(entry), "[Desktop Entry]\nType=Application\nName=Quillmere Agent\nExec=\"" +
+                                      QFile::encodeName(*config.executablePath) +
+                                      "\" --launched-at-login\nX-GNOME-Autostart-enabled=true\nNoDisplay=true\n");
+        const LoginItemError again = entries->registerApp().value_or(LoginItemError{});
+        QVERIFY(again.code == LoginItemService::errorAlreadyRegistered && !again.message.isEmpty());
+        QCOMPARE(again.domain, QStringLiteral("QuillmereAutostartErrorDomain"));
+        item->trigger();
+        QVERIFY(!item->isChecked() && !QFile::exists(entry));
+        QCOMPARE(entries->unregisterApp().value_or(LoginItemError{}).code, LoginItemService::errorJobNotFound);
+        const QString removed = "Removed legacy run-at-startup plist at " + plistPath();
+        QCOMPARE(ownLines(), QStringList({"Enabled run-at-startup with SMAppService.", removed,
+                                          "Disabled run-at-startup with SMAppService.", removed}));
+
+        // A switched-off entry counts as not registered and is replaced; a key in another group does not count.
+        for (const char *rest :
+             {"Hidden = true\n", "X-GNOME-Autostart-enabled=false\n", "Exec=x\n[Action a]\nHidden=true\n"}) {
+            writeFile(entry, QByteArray("[Desktop Entry]\n") + rest);
+            const bool off = !QByteArray(rest).contains("[Action");
+            QCOMPARE(entries->status(), off ? LoginItemService::statusNotRegistered : LoginItemService::statusEnabled);
+            QCOMPARE(bool(entries->registerApp()), !off);
+            QCOMPARE(entries->status(), LoginItemService::statusEnabled);
+        }
+
+        entries->openSystemSettingsLoginItems();
+        QVERIFY(QFileInfo(folder).isDir());
+        QCOMPARE(fakes.opener->opened, QList<QUrl>{QUrl::fromLocalFile(folder)});
+    }
+
+    void autostartExecLineQuotesTheProgram()
+    {
+        // The program is quoted, with the escapes of a desktop entry's strings and arguments.
+        const QList<std::pair<QString, QString>> cases{
+            {"/a b/c", "\"/a b/c\""},     {"/a\"b", "\"/a\\\\\"b\""},  {"/$HOME/`x`", "\"/\\\\$HOME/\\\\`x\\\\`\""},
+            {"/a\\b", "\"/a\\\\\\\\b\""}, {"/100%/u", "\"/100%%/u\""}, {"/a\nb\tc", "\"/a\\nb\\tc\""}};
+        for (const auto &[path, exec] : cases)
+            QCOMPARE(AutostartLoginItemService::execLine(path), exec + " --launched-at-login");
+    }
 };
 
-Configuration RunAtStartupTest::configuration() const
+namespace {
+
+// The property list for a typical installation, byte for byte.
+QByteArray goldenPlist()
 {
-    return env.configuration(QUrl(QStringLiteral("http://127.0.0.1:1")));
+    return R"plist(<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
+<plist version="1.0">
+<dict>
+  <key>Label</key>
+  <string>com.tallyhold.agent.app&x</string>
+  <key>ProgramArguments</key>
+  <array>
+    <string>/Applications/Quillmere &amp; Co.app/Contents/MacOS/Quillmere &lt;Agent&gt; &quot;&amp;apos;&apos;</string>
+    <string>--launched-at-login</string>
+  </array>
+  <key>RunAtLoad</key>
+  <true/>
+  <key>LimitLoadToSessionType</key>
+  <array>
+    <string>Aqua</string>
+  </array>
+  <key>ProcessType</key>
+  <string>Interactive</string>
+  <key>StandardOutPath</key>
+  <string>/Users/zoë/Library/Application Support/TallyholdAgent/runtime/logs/menu-app.out.log</string>
+  <key>StandardErrorPath</key>
+  <string>/Users/zoë/Library/Application Support/TallyholdAgent/runtime/logs/menu-app.err.log</string>
+</dict>
+</plist>)plist";
 }
 
-void RunAtStartupTest::installRecordingLaunchctl() const
-{
-    TestEnvironment::writeScript(configuration().launchctlPath,
-                                 QStringLiteral("line=''\n"
-                                                "for a in \"$@\"; do line=\"$line[$a]\"; done\n"
-                                                "printf '%s\\n' \"$line\" >> '") +
-                                     recordPath() +
-                                     QStringLiteral("'\n"
-                                                    "if [ \"$1\" = bootstrap ] && [ -e '") +
-                                     bootstrapFailsFlag() + QStringLiteral("' ]; then exit 5; fi\nexit 0\n"));
-}
-
-QStringList RunAtStartupTest::launchctlCalls() const
-{
-    return QString::fromUtf8(readFile(recordPath())).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-}
-
-QStringList RunAtStartupTest::ownLines() const
-{
-    QStringList lines;
-    for (const QString &line : env.messagesSinceMark()) {
-        if (!line.startsWith(QStringLiteral("Launching process: ")) && !line.startsWith(QStringLiteral("Process ")))
-            lines.append(line);
-    }
-    return lines;
-}
-
-void RunAtStartupTest::placeLegacy(Legacy legacy) const
-{
-    switch (legacy) {
-    case Legacy::none:
-        break;
-    case Legacy::ownEmpty:
-        writeFile(plistPath(), QByteArray());
-        break;
-    case Legacy::obsoleteMarker:
-        writeFile(obsoletePath(1), obsoleteWithMarker);
-        break;
-    case Legacy::obsoleteMarkerInComment:
-        writeFile(obsoletePath(2), obsoleteMarkerInComment);
-        break;
-    case Legacy::obsoleteWithoutMarker:
-        writeFile(obsoletePath(0), obsoleteWithoutMarker);
-        break;
-    case Legacy::obsoleteNotUtf8:
-        writeFile(obsoletePath(0), obsoleteNotUtf8);
-        break;
-    }
-}
-
-void RunAtStartupTest::init()
-{
-    QDir(env.home() + QStringLiteral("/Library")).removeRecursively();
-    QFile::remove(env.home() + QStringLiteral("/Library"));
-    QFile::remove(recordPath());
-    QFile::remove(bootstrapFailsFlag());
-    installRecordingLaunchctl();
-    env.markLog();
-}
-
-void RunAtStartupTest::resolvingCombinesServiceAndLaunchAgentFiles_data()
-{
-    QTest::addColumn<bool>("available");
-    QTest::addColumn<int>("status");
-    QTest::addColumn<Legacy>("legacy");
-    QTest::addColumn<RunAtStartupState>("expected");
-
-    const auto off = RunAtStartupState::disabled;
-    const auto on = RunAtStartupState::enabled;
-    const auto approval = RunAtStartupState::needsApproval;
-    QTest::newRow("no service, nothing") << false << 1 << Legacy::none << off;
-    QTest::newRow("no service, own plist") << false << 0 << Legacy::ownEmpty << on;
-    QTest::newRow("no service, leftover") << false << 0 << Legacy::obsoleteMarker << on;
-    QTest::newRow("not registered") << true << 0 << Legacy::none << off;
-    QTest::newRow("enabled") << true << 1 << Legacy::none << on;
-    QTest::newRow("requires approval") << true << 2 << Legacy::none << approval;
-    QTest::newRow("requires approval, own plist") << true << 2 << Legacy::ownEmpty << on;
-    QTest::newRow("requires approval, leftover") << true << 2 << Legacy::obsoleteMarker << on;
-    QTest::newRow("not found") << true << 3 << Legacy::none << off;
-    QTest::newRow("not found, own plist") << true << 3 << Legacy::ownEmpty << on;
-    QTest::newRow("unknown status") << true << 7 << Legacy::none << off;
-    QTest::newRow("not registered, own empty plist") << true << 0 << Legacy::ownEmpty << on;
-    QTest::newRow("leftover with marker") << true << 0 << Legacy::obsoleteMarker << on;
-    QTest::newRow("leftover, marker in a comment") << true << 0 << Legacy::obsoleteMarkerInComment << on;
-    QTest::newRow("leftover without marker") << true << 0 << Legacy::obsoleteWithoutMarker << off;
-    QTest::newRow("leftover not UTF-8") << true << 0 << Legacy::obsoleteNotUtf8 << off;
-    QTest::newRow("leftover not UTF-8, approval") << true << 2 << Legacy::obsoleteNotUtf8 << approval;
-}
-
-void RunAtStartupTest::resolvingCombinesServiceAndLaunchAgentFiles()
-{
-    QFETCH(bool, available);
-    QFETCH(int, status);
-    QFETCH(Legacy, legacy);
-    QFETCH(RunAtStartupState, expected);
-
-    placeLegacy(legacy);
-    Harness h(configuration());
-    h.loginItems().available = available;
-    h.loginItems().currentStatus = status;
-    QCOMPARE(h.delegate->resolveRunAtStartupState(), expected);
-    QCOMPARE(h.loginItems().statusReads, available ? 1 : 0);
-
-    // The item shows it: check mark, mixed state and title, and nothing else changes.
-    QAction *item = h.delegate->runAtStartupMenuItem();
-    item->setEnabled(false);
-    item->setChecked(true);
-    setMenuItemCheckState(item, menuItemStateMixed);
-    h.delegate->refreshRunAtStartupState();
-    QVERIFY(item->isCheckable());
-    QCOMPARE(item->isChecked(), expected == RunAtStartupState::enabled);
-    const int shown = expected == RunAtStartupState::enabled         ? menuItemStateOn
-                      : expected == RunAtStartupState::needsApproval ? menuItemStateMixed
-                                                                     : menuItemStateOff;
-    QCOMPARE(menuItemCheckState(item), shown);
-    QCOMPARE(item->text(), expected == RunAtStartupState::needsApproval
-                               ? QStringLiteral("Run at Startup (Needs Approval)")
-                               : QStringLiteral("Run at Startup"));
-    QVERIFY(!item->isEnabled());
-    QVERIFY(h.loginItems().calls.isEmpty());
-    QVERIFY(launchctlCalls().isEmpty());
-    QVERIFY(env.messagesSinceMark().isEmpty());
-}
-
-enum class PlistAfter { removed, untouched, installed };
-Q_DECLARE_METATYPE(PlistAfter)
-
-void RunAtStartupTest::enablingFollowsEveryServiceOutcome_data()
-{
-    QTest::addColumn<int>("registerCode"); // 0: registration succeeds
-    QTest::addColumn<int>("statusAfter");
-    QTest::addColumn<bool>("statusRead");
-    QTest::addColumn<PlistAfter>("plistAfter");
-    QTest::addColumn<bool>("settingsOpened");
-    QTest::addColumn<QStringList>("lines");
-
-    const QString removed = QStringLiteral("Removed legacy run-at-startup plist at ") + plistPath();
-    const QString installed = QStringLiteral("Enabled legacy run-at-startup plist at ") + plistPath();
-    QTest::newRow("succeeds") << 0 << 1 << true << PlistAfter::removed << false
-                              << QStringList{enabledWithService, removed};
-    QTest::newRow("succeeds, not found afterwards")
-        << 0 << 3 << true << PlistAfter::removed << false << QStringList{enabledWithService, removed};
-    QTest::newRow("succeeds, needs approval")
-        << 0 << 2 << true << PlistAfter::removed << true << QStringList{enabledWithService, removed, requiresApproval};
-    QTest::newRow("already registered") << 12 << 2 << false << PlistAfter::removed << false
-                                        << QStringList{registrationFailedLine(12), removed};
-    QTest::newRow("denied by user") << 11 << 0 << false << PlistAfter::untouched << true
-                                    << QStringList{registrationFailedLine(11), approvalRequired};
-    QTest::newRow("other code, needs approval")
-        << 1 << 2 << true << PlistAfter::untouched << true << QStringList{registrationFailedLine(1), approvalRequired};
-    QTest::newRow("other code, not registered")
-        << 1 << 0 << true << PlistAfter::installed << false << QStringList{registrationFailedLine(1), installed};
-    QTest::newRow("negative code, not found")
-        << -67 << 3 << true << PlistAfter::installed << false << QStringList{registrationFailedLine(-67), installed};
-    QTest::newRow("job not found while registering")
-        << 6 << 1 << true << PlistAfter::installed << false << QStringList{registrationFailedLine(6), installed};
-}
-
-void RunAtStartupTest::enablingFollowsEveryServiceOutcome()
-{
-    QFETCH(int, registerCode);
-    QFETCH(int, statusAfter);
-    QFETCH(bool, statusRead);
-    QFETCH(PlistAfter, plistAfter);
-    QFETCH(bool, settingsOpened);
-    QFETCH(QStringList, lines);
-
-    const QByteArray oldPlist = "an earlier install";
-    writeFile(plistPath(), oldPlist);
-    Harness h(configuration());
-    FakeLoginItemService &service = h.loginItems();
-    if (registerCode == 0) {
-        service.statusAfterRegister = statusAfter;
-    } else {
-        service.registerResult = serviceError(registerCode);
-        service.currentStatus = statusAfter;
-    }
-
-    h.delegate->enableRunAtStartup();
-
-    QCOMPARE(ownLines(), lines);
-    QCOMPARE(service.statusReads, statusRead ? 1 : 0);
-    QStringList expectedCalls{QStringLiteral("register")};
-    if (settingsOpened)
-        expectedCalls << QStringLiteral("openSettings");
-    QCOMPARE(service.calls, expectedCalls);
-    QVERIFY(h.delegate->stopAgentOnTerminate);
-
-    const QString domain = QStringLiteral("[gui/") + uid() + QStringLiteral("]");
-    switch (plistAfter) {
-    case PlistAfter::removed:
-        QVERIFY(!QFile::exists(plistPath()));
-        QCOMPARE(launchctlCalls(),
-                 QStringList{QStringLiteral("[bootout]") + domain + QLatin1Char('[') + plistPath() + QLatin1Char(']')});
-        break;
-    case PlistAfter::untouched:
-        QCOMPARE(readFile(plistPath()), oldPlist);
-        QVERIFY(launchctlCalls().isEmpty());
-        break;
-    case PlistAfter::installed:
-        QVERIFY(readFile(plistPath()).contains("<string>--launched-at-login</string>"));
-        QCOMPARE(launchctlCalls().size(), 3);
-        break;
-    }
-}
-
-void RunAtStartupTest::disablingAlwaysRemovesTheLaunchAgent_data()
-{
-    QTest::addColumn<bool>("available");
-    QTest::addColumn<int>("unregisterCode"); // 0: unregistering succeeds
-    QTest::addColumn<QStringList>("serviceCalls");
-    QTest::addColumn<QStringList>("lines");
-
-    const QString removed = QStringLiteral("Removed legacy run-at-startup plist at ") + plistPath();
-    const QStringList unregister{QStringLiteral("unregister")};
-    QTest::newRow("unregistered") << true << 0 << unregister
-                                  << QStringList{QStringLiteral("Disabled run-at-startup with SMAppService."), removed};
-    QTest::newRow("job not found is quiet") << true << 6 << unregister << QStringList{removed};
-    QTest::newRow("other failure") << true << 22 << unregister
-                                   << QStringList{QStringLiteral(
-                                                      "SMAppService unregister failed: domain=SMAppServiceErrorDomain "
-                                                      "code=22 message=Operation failed."),
-                                                  removed};
-    QTest::newRow("no service") << false << 0 << QStringList() << QStringList{removed};
-}
-
-void RunAtStartupTest::disablingAlwaysRemovesTheLaunchAgent()
-{
-    QFETCH(bool, available);
-    QFETCH(int, unregisterCode);
-    QFETCH(QStringList, serviceCalls);
-    QFETCH(QStringList, lines);
-
-    writeFile(plistPath(), "installed earlier");
-    Harness h(configuration());
-    h.loginItems().available = available;
-    if (unregisterCode != 0)
-        h.loginItems().unregisterResult = serviceError(unregisterCode);
-    h.delegate->stopAgentOnTerminate = true;
-
-    h.delegate->disableRunAtStartup();
-
-    QCOMPARE(h.loginItems().calls, serviceCalls);
-    QCOMPARE(ownLines(), lines);
-    QVERIFY(!QFile::exists(plistPath()));
-    QCOMPARE(launchctlCalls().size(), 1);
-    QVERIFY(h.delegate->stopAgentOnTerminate);
-}
-
-void RunAtStartupTest::togglingSwitchesFromEachState_data()
-{
-    QTest::addColumn<bool>("available");
-    QTest::addColumn<int>("status");
-    QTest::addColumn<Legacy>("legacy");
-    QTest::addColumn<QStringList>("serviceCalls");
-    QTest::addColumn<bool>("checkedAfter");
-    QTest::addColumn<bool>("plistAfter");
-
-    const QStringList reg{QStringLiteral("register")};
-    const QStringList unreg{QStringLiteral("unregister")};
-    QTest::newRow("off turns on") << true << 0 << Legacy::none << reg << true << false;
-    QTest::newRow("on turns off") << true << 1 << Legacy::none << unreg << false << false;
-    QTest::newRow("needs approval turns off") << true << 2 << Legacy::none << unreg << false << false;
-    QTest::newRow("own plist turns off") << true << 0 << Legacy::ownEmpty << unreg << false << false;
-    QTest::newRow("leftover turns off") << true << 3 << Legacy::obsoleteMarker << unreg << false << false;
-    QTest::newRow("no service, off turns on") << false << 0 << Legacy::none << QStringList() << true << true;
-    QTest::newRow("no service, on turns off") << false << 0 << Legacy::ownEmpty << QStringList() << false << false;
-    QTest::newRow("no service, leftover turns off")
-        << false << 0 << Legacy::obsoleteMarkerInComment << QStringList() << false << false;
-}
-
-void RunAtStartupTest::togglingSwitchesFromEachState()
-{
-    QFETCH(bool, available);
-    QFETCH(int, status);
-    QFETCH(Legacy, legacy);
-    QFETCH(QStringList, serviceCalls);
-    QFETCH(bool, checkedAfter);
-    QFETCH(bool, plistAfter);
-
-    placeLegacy(legacy);
-    Harness h(configuration());
-    h.loginItems().available = available;
-    h.loginItems().currentStatus = status;
-    h.delegate->refreshRunAtStartupState();
-    QAction *item = h.delegate->runAtStartupMenuItem();
-
-    item->trigger();
-
-    QCOMPARE(h.loginItems().calls, serviceCalls);
-    QCOMPARE(item->isChecked(), checkedAfter);
-    QCOMPARE(menuItemCheckState(item), checkedAfter ? menuItemStateOn : menuItemStateOff);
-    QCOMPARE(item->text(), QStringLiteral("Run at Startup"));
-    QCOMPARE(QFile::exists(plistPath()), plistAfter);
-    for (int i = 0; i < obsoleteLabels.size(); ++i)
-        QVERIFY(!QFile::exists(obsoletePath(i)));
-
-    // A second switch goes back.
-    h.loginItems().calls.clear();
-    item->trigger();
-    QCOMPARE(item->isChecked(), !checkedAfter);
-}
-
-void RunAtStartupTest::installWritesThenCleansUpThenLoads()
-{
-    writeFile(obsoletePath(1), obsoleteWithMarker);
-    Configuration config = configuration();
-    // A logs folder that does not exist yet, to see it created.
-    config.applicationSupportDirectory = env.root() + QStringLiteral("/fresh-support");
-    Harness h(config);
-
-    h.delegate->installLegacyRunAtStartup();
-
-    const QString logs = env.root() + QStringLiteral("/fresh-support/TallyholdAgent/runtime/logs");
-    QVERIFY(QFileInfo(logs).isDir());
-    QCOMPARE(readFile(plistPath()),
-             legacyLaunchAgentPlistText(ownLabel, *config.executablePath, logs + QStringLiteral("/menu-app.out.log"),
-                                        logs + QStringLiteral("/menu-app.err.log"))
-                 .toUtf8());
-    QVERIFY(!QFile::exists(obsoletePath(1)));
-
-    const QString domain = QStringLiteral("[gui/") + uid() + QStringLiteral("]");
-    QCOMPARE(launchctlCalls(),
-             QStringList({
-                 QStringLiteral("[bootout]") + domain + QLatin1Char('[') + obsoletePath(1) + QLatin1Char(']'),
-                 QStringLiteral("[bootout]") + domain + QLatin1Char('[') + plistPath() + QLatin1Char(']'),
-                 QStringLiteral("[bootstrap]") + domain + QLatin1Char('[') + plistPath() + QLatin1Char(']'),
-                 QStringLiteral("[kickstart][-k][gui/") + uid() + QLatin1Char('/') + ownLabel + QLatin1Char(']'),
-             }));
-    QCOMPARE(ownLines(),
-             QStringList({QStringLiteral("Removed obsolete beta run-at-startup plist at ") + obsoletePath(1),
-                          QStringLiteral("Enabled legacy run-at-startup plist at ") + plistPath()}));
-    // Each run goes through the process runner, which logs it.
-    QCOMPARE(env.messagesSinceMark().filter(QStringLiteral("Launching process: ") + config.launchctlPath).size(), 4);
-    QCOMPARE(h.delegate->resolveRunAtStartupState(), RunAtStartupState::enabled);
-}
-
-void RunAtStartupTest::failedBootstrapIsLoggedAndKeepsTheFile_data()
-{
-    QTest::addColumn<bool>("launchctlMissing");
-    QTest::newRow("bootstrap exits non-zero") << false;
-    QTest::newRow("launchctl cannot start") << true;
-}
-
-void RunAtStartupTest::failedBootstrapIsLoggedAndKeepsTheFile()
-{
-    QFETCH(bool, launchctlMissing);
-    if (launchctlMissing)
-        QFile::remove(configuration().launchctlPath);
-    else
-        writeFile(bootstrapFailsFlag(), QByteArray());
-    Harness h(configuration());
-
-    h.delegate->installLegacyRunAtStartup();
-
-    QCOMPARE(ownLines(), QStringList({QStringLiteral("Legacy bootstrap failed for ") + plistPath(),
-                                      QStringLiteral("Enabled legacy run-at-startup plist at ") + plistPath()}));
-    if (launchctlMissing) {
-        QVERIFY(launchctlCalls().isEmpty());
-        QCOMPARE(env.messagesSinceMark().filter(QStringLiteral("Process launch failed: ")).size(), 3);
-    } else {
-        QCOMPARE(launchctlCalls().size(), 3);
-        QVERIFY(launchctlCalls().at(2).startsWith(QStringLiteral("[kickstart][-k]")));
-    }
-    QVERIFY(QFile::exists(plistPath()));
-    h.delegate->refreshRunAtStartupState();
-    QVERIFY(h.delegate->runAtStartupMenuItem()->isChecked());
-}
-
-void RunAtStartupTest::installFailureIsShownOnTheStateLine_data()
-{
-    QTest::addColumn<QString>("blocked");
-    QTest::newRow("LaunchAgents is a file") << QStringLiteral("LaunchAgents");
-    QTest::newRow("Library is a file") << QStringLiteral("Library");
-    QTest::newRow("logs folder blocked") << QStringLiteral("logs");
-    QTest::newRow("plist path is a folder") << QStringLiteral("plist");
-}
-
-void RunAtStartupTest::installFailureIsShownOnTheStateLine()
-{
-    QFETCH(QString, blocked);
-    // A regular file where a folder is needed stops the write even for root, unlike permissions.
-    Configuration config = configuration();
-    if (blocked == QLatin1String("LaunchAgents")) {
-        writeFile(env.home() + QStringLiteral("/Library/LaunchAgents"), "not a folder");
-    } else if (blocked == QLatin1String("Library")) {
-        writeFile(env.home() + QStringLiteral("/Library"), "not a folder");
-    } else if (blocked == QLatin1String("logs")) {
-        // The shared log lives in the environment's logs folder: block a separate one.
-        config.applicationSupportDirectory = env.root() + QStringLiteral("/blocked-support");
-        writeFile(config.applicationSupportDirectory + QStringLiteral("/TallyholdAgent"), "not a folder");
-    } else {
-        QVERIFY(QDir().mkpath(plistPath() + QStringLiteral("/inside")));
-    }
-    Harness h(config);
-    h.delegate->updateStateMenu(QStringLiteral("Status: Running"), QStringLiteral("2.3.4"), true);
-    env.markLog();
-
-    h.delegate->installLegacyRunAtStartup();
-
-    const QStringList lines = ownLines();
-    QCOMPARE(lines.size(), 2);
-    const QString prefix = QStringLiteral("Failed writing legacy run-at-startup plist: ");
-    QVERIFY2(lines.at(0).startsWith(prefix) && lines.at(0).size() > prefix.size(), qPrintable(lines.at(0)));
-    QCOMPARE(lines.at(1),
-             QStringLiteral("State updated: Status: Could not save startup setting version=2.3.4 running=true"));
-    QCOMPARE(h.delegate->stateMenuItem->text(), QStringLiteral("Status: Could not save startup setting"));
-    QCOMPARE(h.delegate->versionMenuItem->text(), QStringLiteral("Version: 2.3.4"));
-    QVERIFY(h.delegate->agentIsRunning);
-    QVERIFY(launchctlCalls().isEmpty());
-    QVERIFY(!QFileInfo(plistPath()).isFile());
-}
-
-void RunAtStartupTest::installWithoutExecutableDoesNothing()
-{
-    Configuration config = configuration();
-    config.executablePath.reset();
-    writeFile(obsoletePath(0), obsoleteWithMarker);
-    Harness h(config);
-
-    h.delegate->installLegacyRunAtStartup();
-
-    QCOMPARE(ownLines(),
-             QStringList{QStringLiteral("Could not resolve app executable path for legacy run-at-startup.")});
-    QVERIFY(!QFile::exists(plistPath()));
-    QVERIFY(QFile::exists(obsoletePath(0)));
-    QVERIFY(launchctlCalls().isEmpty());
-    QCOMPARE(h.delegate->stateMenuItem->text(), QStringLiteral("Status: Launching..."));
-}
-
-void RunAtStartupTest::removalUnloadsDeletesAndCleansUpLeftovers_data()
-{
-    QTest::addColumn<bool>("ownPresent");
-    QTest::addColumn<QList<QByteArray>>("leftovers"); // per obsolete label; null: no file
-    QTest::addColumn<QList<int>>("removedLeftovers");
-
-    const QByteArray none;
-    QTest::newRow("nothing there") << false << QList<QByteArray>{none, none, none} << QList<int>{};
-    QTest::newRow("own only") << true << QList<QByteArray>{none, none, none} << QList<int>{};
-    QTest::newRow("two leftovers in label order")
-        << true << QList<QByteArray>{obsoleteWithMarker, obsoleteWithoutMarker, obsoleteMarkerInComment}
-        << QList<int>{0, 2};
-    QTest::newRow("leftover without own plist")
-        << false << QList<QByteArray>{obsoleteNotUtf8, obsoleteWithMarker, none} << QList<int>{1};
-    QTest::newRow("empty leftover stays") << false << QList<QByteArray>{QByteArray(""), none, none} << QList<int>{};
-}
-
-void RunAtStartupTest::removalUnloadsDeletesAndCleansUpLeftovers()
-{
-    QFETCH(bool, ownPresent);
-    QFETCH(QList<QByteArray>, leftovers);
-    QFETCH(QList<int>, removedLeftovers);
-
-    if (ownPresent)
-        writeFile(plistPath(), "installed earlier");
-    for (int i = 0; i < leftovers.size(); ++i) {
-        if (!leftovers.at(i).isNull())
-            writeFile(obsoletePath(i), leftovers.at(i));
-    }
-    Harness h(configuration());
-
-    h.delegate->removeLegacyRunAtStartup();
-
-    const QString domain = QStringLiteral("[gui/") + uid() + QStringLiteral("]");
-    QStringList calls;
-    QStringList lines{QStringLiteral("Removed legacy run-at-startup plist at ") + plistPath()};
-    if (ownPresent)
-        calls << QStringLiteral("[bootout]") + domain + QLatin1Char('[') + plistPath() + QLatin1Char(']');
-    for (int index : removedLeftovers) {
-        calls << QStringLiteral("[bootout]") + domain + QLatin1Char('[') + obsoletePath(index) + QLatin1Char(']');
-        lines << QStringLiteral("Removed obsolete beta run-at-startup plist at ") + obsoletePath(index);
-    }
-    QCOMPARE(launchctlCalls(), calls);
-    QCOMPARE(ownLines(), lines);
-    QVERIFY(!QFile::exists(plistPath()));
-    for (int i = 0; i < leftovers.size(); ++i)
-        QCOMPARE(QFile::exists(obsoletePath(i)), !leftovers.at(i).isNull() && !removedLeftovers.contains(i));
-}
+} // namespace
 
 QTEST_MAIN(RunAtStartupTest)
 #include "tst_RunAtStartup.moc"
