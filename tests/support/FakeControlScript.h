@@ -47,7 +47,7 @@ public:
 
     void write(const Behaviour &start = {}, const Behaviour &stop = {}) const
     {
-        const QString state = shellQuoted(state_.path());
+        const QString state = TestEnvironment::shellQuoted(state_.path());
         QString body;
         body += QStringLiteral("state=%1\n").arg(state);
         // One line per run: "run", then each argument after a tab.
@@ -81,13 +81,6 @@ public:
         QFile file(state_.path() + QStringLiteral("/release-") + command);
         if (file.open(QIODevice::WriteOnly))
             file.close();
-    }
-
-    static QString shellQuoted(const QString &text)
-    {
-        QString quoted = text;
-        quoted.replace(QLatin1Char('\''), QStringLiteral("'\\''"));
-        return QLatin1Char('\'') + quoted + QLatin1Char('\'');
     }
 
 private:

@@ -1,5 +1,7 @@
 #include "support/InstalledProgram.h"
 
+#include "support/TestEnvironment.h"
+
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
@@ -29,8 +31,9 @@ InstalledProgram::InstalledProgram()
     if (!QFile::copy(QStringLiteral(QUILLMERE_BUILD_RESOURCES "/Info.plist"),
                      resourceDir() + QStringLiteral("/Info.plist")))
         qFatal("cannot copy Info.plist");
-    writeExecutable(fakeBinDir() + QStringLiteral("/xdg-open"),
-                    QStringLiteral("printf '%s\\n' \"$*\" >> ") + quoted(openedRecord()) + QLatin1Char('\n'));
+    TestEnvironment::writeScript(fakeBinDir() + QStringLiteral("/xdg-open"),
+                                 QStringLiteral("printf '%s\\n' \"$*\" >> ") +
+                                     TestEnvironment::shellQuoted(openedRecord()) + QLatin1Char('\n'));
 }
 
 InstalledProgram::~InstalledProgram()
@@ -114,21 +117,4 @@ bool InstalledProgram::waitForExit(QProcess *process, int timeoutMs)
 QStringList InstalledProgram::openedLocations() const
 {
     return readLines(openedRecord());
-}
-
-void InstalledProgram::writeExecutable(const QString &path, const QString &body)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        qFatal("cannot write %s", qPrintable(path));
-    file.write("#!/bin/sh\n" + body.toUtf8());
-    file.close();
-    file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-}
-
-QString InstalledProgram::quoted(const QString &text)
-{
-    QString result = text;
-    result.replace(QLatin1Char('\''), QStringLiteral("'\\''"));
-    return QLatin1Char('\'') + result + QLatin1Char('\'');
 }

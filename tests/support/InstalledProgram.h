@@ -57,9 +57,6 @@ public:
     // Every location handed to xdg-open, in order.
     QStringList openedLocations() const;
 
-    static void writeExecutable(const QString &path, const QString &body);
-    static QString quoted(const QString &text);
-
 private:
     QTemporaryDir dir_;
     bool onDesktop_ = false;

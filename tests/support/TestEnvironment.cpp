@@ -68,6 +68,13 @@ void TestEnvironment::writeScript(const QString &path, const QString &body)
                         QFileDevice::ReadGroup | QFileDevice::ExeGroup);
 }
 
+QString TestEnvironment::shellQuoted(const QString &text)
+{
+    QString quoted = text;
+    quoted.replace(QLatin1Char('\''), QStringLiteral("'\\''"));
+    return QLatin1Char('\'') + quoted + QLatin1Char('\'');
+}
+
 QStringList TestEnvironment::logMessages() const
 {
     AppLogger::shared().flush();

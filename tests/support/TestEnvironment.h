@@ -35,6 +35,8 @@ public:
                         const QString &identifier = QStringLiteral("com.tallyhold.agent.app")) const;
     // Writes an executable shell script (the text after the #! line).
     static void writeScript(const QString &path, const QString &body);
+    // text in single quotes for sh, whatever it holds.
+    static QString shellQuoted(const QString &text);
 
     // Every line of the shared log, without timestamps, after all queued lines are written.
     QStringList logMessages() const;

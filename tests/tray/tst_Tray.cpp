@@ -7,6 +7,7 @@
 #include "support/FakeAgent.h"
 #include "support/Files.h"
 #include "support/InstalledProgram.h"
+#include "support/TestEnvironment.h"
 
 #include <QDBusArgument>
 #include <QDBusConnection>
@@ -324,11 +325,11 @@ private slots:
         QVERIFY2(QGuiApplication::platformName() == "xcb"_L1, "needs an X display (run under xvfb-run)");
         QVERIFY(!QDBusConnection::sessionBus().interface()->isServiceRegistered(watcherService));
         // Each call is recorded, then waits until the test lets it finish.
-        InstalledProgram::writeExecutable(program_.controlScript(),
-                                          QStringLiteral("echo \"$1\" >> '%1'\n"
-                                                         "while [ ! -e '%2'\"$1\" ]; do sleep 0.02; done\n"
-                                                         "rm -f '%2'\"$1\"\n")
-                                              .arg(calls_, gate_));
+        TestEnvironment::writeScript(program_.controlScript(),
+                                     QStringLiteral("echo \"$1\" >> '%1'\n"
+                                                    "while [ ! -e '%2'\"$1\" ]; do sleep 0.02; done\n"
+                                                    "rm -f '%2'\"$1\"\n")
+                                         .arg(calls_, gate_));
         program_.runOnDesktop(true);
         agent_.setHealthDown();
         process_ = program_.start(agent_.port());
