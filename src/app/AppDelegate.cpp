@@ -70,8 +70,7 @@ void AppDelegate::applicationDidFinishLaunching()
     // Whole argument, same letter case: a prefix or another spelling is not the flag.
     launchedAtLogin = configuration_.arguments.contains(launchedAtLoginArgument, Qt::CaseSensitive);
 
-    Bundle bundle(configuration_.resourceDirectory, configuration_.infoPlistPath, configuration_.executablePath);
-    if (const auto identifier = bundle.bundleIdentifier()) {
+    if (const auto identifier = bundleIdentifier(configuration_.infoPlistPath)) {
         if (platform_.runningApplications && platform_.runningApplications->runningApplicationCount(*identifier) >= 2) {
             logger.log(QStringLiteral("Duplicate app instance detected. Terminating new instance."));
             stopAgentOnTerminate = false;
