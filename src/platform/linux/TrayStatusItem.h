@@ -3,6 +3,7 @@
 
 #include "platform/StatusItem.h"
 
+#include <QImage>
 #include <QMenu>
 #include <QPointer>
 #include <QSystemTrayIcon>
@@ -28,4 +29,5 @@ private:
     std::unique_ptr<QDBusServiceWatcher> hostWatcher_;
     QPointer<QMenu> menu_;
     qint64 lastImageKey_ = 0;
+    QImage shownLook_; // how the tray's icon looks; null while it has none
 };
