@@ -6,19 +6,6 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
-#include <QPointer>
-
-namespace {
-
-// The errors Qt derives from an HTTP status code (4xx and 5xx answers).
-bool isHttpStatusError(QNetworkReply::NetworkError error)
-{
-    return (error >= QNetworkReply::ContentAccessDenied && error <= QNetworkReply::UnknownContentError) ||
-           error == QNetworkReply::ProtocolInvalidOperationError ||
-           (error >= QNetworkReply::InternalServerError && error <= QNetworkReply::UnknownServerError);
-}
-
-} // namespace
 
 void AppDelegate::queryHealth(HealthCompletion completion)
 {
@@ -35,10 +22,9 @@ void AppDelegate::queryHealth(HealthCompletion completion)
         const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
         if (status.isValid())
             exchange.httpStatus = status.toInt();
-        // Qt reports a status outside 2xx as an error too; only the other errors (refused, timed
-        // out, closed or broken mid-answer) are transport failures, also after a status line.
-        exchange.transportError =
-            reply->error() != QNetworkReply::NoError && !(exchange.httpStatus && isHttpStatusError(reply->error()));
+        // Qt reports a status of 400 or more as an error of its own too. Counting it as a transport
+        // failure judges the same as its status would, so every reply error can stand for one.
+        exchange.transportError = reply->error() != QNetworkReply::NoError;
         // An answer with a status line always has body bytes, possibly none; only a
         // missing HTTP response has no body at all.
         if (exchange.httpStatus)

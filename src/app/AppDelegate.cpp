@@ -16,13 +16,6 @@ namespace {
 
 const QString launchedAtLoginArgument = QStringLiteral("--launched-at-login");
 
-QAction *makeInformationLine(const QString &title, QObject *owner)
-{
-    auto *item = new QAction(title, owner);
-    item->setShortcut(QKeySequence());
-    return item;
-}
-
 } // namespace
 
 AppDelegate::AppDelegate(Configuration configuration, PlatformServices platform, ApplicationHost *application)
@@ -32,8 +25,8 @@ AppDelegate::AppDelegate(Configuration configuration, PlatformServices platform,
       obsoleteNativeLaunchAgentLabels(configuration.obsoleteNativeLaunchAgentLabels),
       welcomePresentationDefaultsKey(configuration.welcomePresentationDefaultsKey),
       statusItem(platform.makeStatusItem()), menu(std::make_unique<QMenu>()),
-      stateMenuItem(makeInformationLine(QStringLiteral("Status: Launching..."), this)),
-      versionMenuItem(makeInformationLine(QStringLiteral("Version: --"), this)),
+      stateMenuItem(new QAction(QStringLiteral("Status: Launching..."), this)),
+      versionMenuItem(new QAction(QStringLiteral("Version: --"), this)),
       mountedVolumeSyncURL(configuration.mountedVolumeSyncURL), configuration_(std::move(configuration)),
       platform_(std::move(platform)), application_(application)
 {
@@ -70,8 +63,7 @@ void AppDelegate::applicationDidFinishLaunching()
     // Whole argument, same letter case: a prefix or another spelling is not the flag.
     launchedAtLogin = configuration_.arguments.contains(launchedAtLoginArgument, Qt::CaseSensitive);
 
-    Bundle bundle(configuration_.resourceDirectory, configuration_.infoPlistPath, configuration_.executablePath);
-    if (const auto identifier = bundle.bundleIdentifier()) {
+    if (const auto identifier = bundleIdentifier(configuration_.infoPlistPath)) {
         if (platform_.runningApplications && platform_.runningApplications->runningApplicationCount(*identifier) >= 2) {
             logger.log(QStringLiteral("Duplicate app instance detected. Terminating new instance."));
             stopAgentOnTerminate = false;

@@ -111,7 +111,7 @@ public:
     QList<VolumeEntry> currentMountedVolumesPayload() const;
     void syncMountedVolumesCache(const QString &reason, bool force);
 
-    // Stored properties, in their documented order.
+    // Stored properties, in their fixed declaration order.
     const QUrl cloudAdminURL;
     const QUrl agentUpdateURL;
     const QUrl localAdminURL;
@@ -151,7 +151,7 @@ public:
     QString lastMountedVolumeSyncSignature;
     const QUrl mountedVolumeSyncURL;
 
-    // Plumbing beyond the documented state: where the controller reaches the outside world.
+    // Plumbing beyond the named state: where the controller reaches the outside world.
     const Configuration &configuration() const { return configuration_; }
     PlatformServices &platform() { return platform_; }
     ApplicationHost *application() const { return application_; }

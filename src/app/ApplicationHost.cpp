@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -72,20 +73,18 @@ void ApplicationHost::terminate()
     const TerminateReply reply = delegate_->applicationShouldTerminate();
     askingDelegate_ = false;
 
+    // An early answer counts only for a deferred reply.
+    const std::optional<bool> earlyAnswer = std::exchange(earlyAnswer_, std::nullopt);
     switch (reply) {
     case TerminateNow:
-        earlyAnswer_ = false;
         finishTermination();
         break;
     case TerminateLater:
         replyPending_ = true;
-        if (earlyAnswer_) {
-            earlyAnswer_ = false;
-            replyToApplicationShouldTerminate(earlyAnswerValue_);
-        }
+        if (earlyAnswer)
+            replyToApplicationShouldTerminate(*earlyAnswer);
         break;
     case TerminateCancel:
-        earlyAnswer_ = false;
         break;
     }
 }
@@ -93,8 +92,7 @@ void ApplicationHost::terminate()
 void ApplicationHost::replyToApplicationShouldTerminate(bool shouldTerminate)
 {
     if (askingDelegate_) {
-        earlyAnswer_ = true;
-        earlyAnswerValue_ = shouldTerminate;
+        earlyAnswer_ = shouldTerminate;
         return;
     }
     if (!replyPending_)

@@ -4,6 +4,7 @@
 
 #include <QObject>
 #include <QPointer>
+#include <optional>
 
 class AppDelegate;
 class QSocketNotifier;
@@ -18,7 +19,6 @@ public:
     ~ApplicationHost() override;
 
     void setDelegate(AppDelegate *delegate);
-    AppDelegate *delegate() const { return delegate_; }
 
     // Tells the delegate, on the next turn of the event loop, that launching has finished.
     void finishLaunching();
@@ -32,7 +32,6 @@ public:
     void setActivationPolicy(ActivationPolicy policy) { activationPolicy_ = policy; }
     ActivationPolicy activationPolicy() const { return activationPolicy_; }
 
-    bool isTerminating() const { return replyPending_ || terminated_; }
     bool hasTerminated() const { return terminated_; }
 
     // Routes SIGTERM, SIGINT and SIGHUP into terminate(), on the main thread and not before
@@ -52,8 +51,8 @@ private:
     ActivationPolicy activationPolicy_ = ActivationPolicyRegular;
     bool askingDelegate_ = false;
     bool replyPending_ = false;
-    bool earlyAnswer_ = false;
-    bool earlyAnswerValue_ = false;
+    // A final answer given while the delegate was still being asked.
+    std::optional<bool> earlyAnswer_;
     bool terminated_ = false;
     bool launched_ = false;
     bool quitRequestedBeforeLaunch_ = false;

@@ -55,7 +55,7 @@ struct Configuration {
     void setAgentBaseURL(const QUrl &base);
     void setWebsiteBaseURL(const QUrl &base);
 
-    // The documented defaults, resolved against the environment (HOME, XDG_*, the executable's
+    // The fixed defaults, resolved against the environment (HOME, XDG_*, the executable's
     // location). QUILLMERE_AGENT_PORT moves the agent endpoints off 8787 for development and
     // black-box tests; QUILLMERE_VOLUMES_DIR replaces the removable-media folder.
     static Configuration fromEnvironment();

@@ -15,7 +15,6 @@ public:
     void schedule(QObject *context, std::chrono::milliseconds delay);
     void cancel() { cancelled_ = true; }
     bool isCancelled() const { return cancelled_; }
-    bool hasRun() const { return hasRun_; }
 
 private:
     void perform();

@@ -23,7 +23,6 @@ QAction *AppDelegate::makeMenuItem(QAction *&storage, const QString &title, void
 {
     if (!storage) {
         storage = new QAction(title, this);
-        storage->setShortcut(QKeySequence());
         connect(storage, &QAction::triggered, this, action);
     }
     return storage;

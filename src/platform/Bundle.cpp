@@ -66,20 +66,9 @@ QVariantMap readPropertyListDictionary(const QString &path)
     return xml.hasError() ? QVariantMap() : map;
 }
 
-Bundle::Bundle(std::optional<QString> resourceDirectory, QString infoPlistPath, std::optional<QString> executablePath)
-    : resourceDirectory_(std::move(resourceDirectory)), infoPlistPath_(std::move(infoPlistPath)),
-      executablePath_(std::move(executablePath))
+std::optional<QString> bundleIdentifier(const QString &infoPlistPath)
 {
-}
-
-QVariant Bundle::objectForInfoDictionaryKey(const QString &key) const
-{
-    return readPropertyListDictionary(infoPlistPath_).value(key);
-}
-
-std::optional<QString> Bundle::bundleIdentifier() const
-{
-    const QVariant value = objectForInfoDictionaryKey(QStringLiteral("CFBundleIdentifier"));
+    const QVariant value = readPropertyListDictionary(infoPlistPath).value(QStringLiteral("CFBundleIdentifier"));
     if (value.typeId() == QMetaType::QString && !value.toString().isEmpty())
         return value.toString();
     return std::nullopt;

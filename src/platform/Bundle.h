@@ -1,8 +1,7 @@
-// The application bundle stand-in: a resource folder with an Info.plist beside the executable.
+// The application bundle stand-in's information dictionary: the Info.plist in its resource folder.
 #pragma once
 
 #include <QString>
-#include <QVariant>
 #include <QVariantMap>
 #include <optional>
 
@@ -11,19 +10,5 @@
 // A missing or malformed file gives an empty map.
 QVariantMap readPropertyListDictionary(const QString &path);
 
-class Bundle {
-public:
-    Bundle(std::optional<QString> resourceDirectory, QString infoPlistPath, std::optional<QString> executablePath);
-
-    std::optional<QString> resourceDirectory() const { return resourceDirectory_; }
-    std::optional<QString> executablePath() const { return executablePath_; }
-    // The value under key in Info.plist, or an invalid QVariant. Read afresh on every call.
-    QVariant objectForInfoDictionaryKey(const QString &key) const;
-    // CFBundleIdentifier when it is a non-empty string.
-    std::optional<QString> bundleIdentifier() const;
-
-private:
-    std::optional<QString> resourceDirectory_;
-    QString infoPlistPath_;
-    std::optional<QString> executablePath_;
-};
+// CFBundleIdentifier of the property list at infoPlistPath when it is a non-empty string.
+std::optional<QString> bundleIdentifier(const QString &infoPlistPath);

@@ -10,12 +10,16 @@
 #include <QFileInfo>
 #include <QSaveFile>
 #include <QStringDecoder>
+#include <algorithm>
 #include <filesystem>
+#include <optional>
 #include <system_error>
 #include <unistd.h>
 
 namespace {
 
+// The argument a login launch passes to the application.
+const QString launchedAtLoginMarker = QStringLiteral("--launched-at-login");
 const QString outLogFileName = QStringLiteral("menu-app.out.log");
 const QString errLogFileName = QStringLiteral("menu-app.err.log");
 
@@ -100,25 +104,27 @@ QString legacyLaunchAgentPlistText(const QString &label, const QString &executab
                           "</plist>");
 }
 
-std::optional<QString> readUtf8TextFile(const QString &path)
+QString launchAgentPlistPath(const QString &homeDirectory, const QString &label)
 {
-    QFile file(path);
+    return homeDirectory + QStringLiteral("/Library/LaunchAgents/") + label + QStringLiteral(".plist");
+}
+
+bool startsApplicationAtLogin(const QString &plistPath)
+{
+    QFile file(plistPath);
     if (!file.open(QIODevice::ReadOnly))
-        return std::nullopt;
+        return false;
     const QByteArray bytes = file.readAll();
     if (file.error() != QFileDevice::NoError)
-        return std::nullopt;
+        return false;
     QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
-    QString text = decoder.decode(bytes);
-    if (decoder.hasError())
-        return std::nullopt;
-    return text;
+    const QString text = decoder.decode(bytes);
+    return !decoder.hasError() && text.contains(launchedAtLoginMarker);
 }
 
 QString AppDelegate::launchAgentPlistURL() const
 {
-    return configuration_.homeDirectory + QStringLiteral("/Library/LaunchAgents/") + launchAgentLabel +
-           QStringLiteral(".plist");
+    return launchAgentPlistPath(configuration_.homeDirectory, launchAgentLabel);
 }
 
 bool AppDelegate::legacyRunAtStartupEnabled() const
@@ -128,12 +134,7 @@ bool AppDelegate::legacyRunAtStartupEnabled() const
     if (QFileInfo::exists(launchAgentPlistURL()))
         return true;
     const QStringList obsoletePaths = obsoleteNativeLaunchAgentPlistURLs();
-    for (const QString &path : obsoletePaths) {
-        const std::optional<QString> text = readUtf8TextFile(path);
-        if (text && text->contains(launchedAtLoginMarker))
-            return true;
-    }
-    return false;
+    return std::any_of(obsoletePaths.cbegin(), obsoletePaths.cend(), startsApplicationAtLogin);
 }
 
 void AppDelegate::installLegacyRunAtStartup()

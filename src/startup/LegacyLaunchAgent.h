@@ -3,11 +3,6 @@
 #pragma once
 
 #include <QString>
-#include <optional>
-
-// The argument a login launch passes to the application; also what marks a property list of an
-// earlier edition as one that started the application at login.
-inline const QString launchedAtLoginMarker = QStringLiteral("--launched-at-login");
 
 // Replaces &, <, >, " and ' by their XML entities, the ampersand first so that the entities made
 // by the later replacements are left alone (an existing "&amp;" becomes "&amp;amp;").
@@ -18,5 +13,9 @@ QString xmlEscaped(const QString &text);
 QString legacyLaunchAgentPlistText(const QString &label, const QString &executablePath, const QString &outLogPath,
                                    const QString &errLogPath);
 
-// The file's text when it can be read and is valid UTF-8; no value otherwise.
-std::optional<QString> readUtf8TextFile(const QString &path);
+// Where the per-user launch agent property list for label lives below the home folder.
+QString launchAgentPlistPath(const QString &homeDirectory, const QString &label);
+
+// True when the property list can be read, is valid UTF-8 and passes the login flag: it starts
+// the application at login.
+bool startsApplicationAtLogin(const QString &plistPath);

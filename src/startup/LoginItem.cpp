@@ -101,18 +101,15 @@ void AppDelegate::enableRunAtStartup()
         removeLegacyRunAtStartup();
         return;
     case LoginItemService::errorLaunchDeniedByUser:
-        logger.log(approvalRequiredMessage);
-        service->openSystemSettingsLoginItems();
-        return;
+        break;
     default:
-        if (service->status() == LoginItemService::statusRequiresApproval) {
-            logger.log(approvalRequiredMessage);
-            service->openSystemSettingsLoginItems();
+        if (service->status() != LoginItemService::statusRequiresApproval) {
+            installLegacyRunAtStartup();
             return;
         }
-        installLegacyRunAtStartup();
-        return;
     }
+    logger.log(approvalRequiredMessage);
+    service->openSystemSettingsLoginItems();
 }
 
 void AppDelegate::disableRunAtStartup()

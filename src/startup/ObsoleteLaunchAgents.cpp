@@ -11,8 +11,7 @@ QStringList AppDelegate::obsoleteNativeLaunchAgentPlistURLs() const
     QStringList paths;
     paths.reserve(obsoleteNativeLaunchAgentLabels.size());
     for (const QString &label : obsoleteNativeLaunchAgentLabels)
-        paths.append(configuration_.homeDirectory + QStringLiteral("/Library/LaunchAgents/") + label +
-                     QStringLiteral(".plist"));
+        paths.append(launchAgentPlistPath(configuration_.homeDirectory, label));
     return paths;
 }
 
@@ -22,8 +21,7 @@ void AppDelegate::removeObsoleteNativeLaunchAgentsIfPresent()
     // login belongs to something else and is left alone.
     const QStringList paths = obsoleteNativeLaunchAgentPlistURLs();
     for (const QString &path : paths) {
-        const std::optional<QString> text = readUtf8TextFile(path);
-        if (!text || !text->contains(launchedAtLoginMarker))
+        if (!startsApplicationAtLogin(path))
             continue;
         bootoutLegacyLaunchAgent(path);
         QFile::remove(path);

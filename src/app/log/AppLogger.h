@@ -28,8 +28,6 @@ public:
     // Blocks until every line queued before the call is in the file.
     void flush();
 
-    QString logFilePath() const { return logURL_; }
-
     // The logs folder below a per-user application-support folder.
     static QString logsDirectoryUnder(const QString &applicationSupportDirectory);
     // The line as written for a message at a moment: timestamp, " | ", message, line feed.

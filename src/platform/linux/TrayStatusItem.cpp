@@ -10,6 +10,8 @@
 namespace {
 
 const QString statusNotifierWatcherService = QStringLiteral("org.kde.StatusNotifierWatcher");
+// The side at which two icons are compared by look.
+constexpr int comparisonSide = 18;
 
 // Qt decides once per process, when the first tray icon is made, whether the desktop's tray speaks
 // StatusNotifierItem; a "no" is never revisited. Programs started at login often run before the
@@ -59,6 +61,7 @@ void TrayStatusItem::createTrayIcon()
 {
     tray_ = std::make_unique<QSystemTrayIcon>();
     lastImageKey_ = 0; // the new icon has no image yet
+    shownLook_ = QImage();
     if (menu_)
         tray_->setContextMenu(menu_);
     // A left click opens the menu as well, as a menu-bar status item does.
@@ -76,32 +79,21 @@ void TrayStatusItem::setMenu(QMenu *menu)
         tray_->setContextMenu(menu);
 }
 
-namespace {
-
-// The side at which two icons are compared by look.
-constexpr int comparisonSide = 18;
-
-bool looksTheSame(const QIcon &a, const QIcon &b)
-{
-    if (a.isNull() || b.isNull())
-        return a.isNull() == b.isNull();
-    return a.pixmap(comparisonSide).toImage() == b.pixmap(comparisonSide).toImage();
-}
-
-} // namespace
-
 void TrayStatusItem::apply()
 {
     if (!tray_)
         return;
     // Every state update hands the button a new image, mostly with the same look. Handing the
     // tray a new icon makes it re-render and re-send it (over D-Bus to the panel), so only a new
-    // look is passed on; each new image is compared once.
+    // look is passed on; each new image is drawn once, at the side two looks are compared at.
     const qint64 imageKey = button_.image().cacheKey();
     if (imageKey != lastImageKey_) {
         lastImageKey_ = imageKey;
-        if (!looksTheSame(tray_->icon(), button_.image()))
+        QImage look = button_.image().isNull() ? QImage() : button_.image().pixmap(comparisonSide).toImage();
+        if (look != shownLook_) {
+            shownLook_ = std::move(look);
             tray_->setIcon(button_.image());
+        }
     }
     if (tray_->toolTip() != button_.toolTip())
         tray_->setToolTip(button_.toolTip());

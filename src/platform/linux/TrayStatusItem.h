@@ -3,6 +3,7 @@
 
 #include "platform/StatusItem.h"
 
+#include <QImage>
 #include <QMenu>
 #include <QPointer>
 #include <QSystemTrayIcon>
@@ -19,16 +20,14 @@ public:
     void setMenu(QMenu *menu) override;
     QMenu *menu() const override { return menu_; }
 
-    // Null while the session waits for a tray host to appear.
-    QSystemTrayIcon *trayIcon() const { return tray_.get(); }
-
 private:
     void createTrayIcon();
     void apply();
 
     StatusButton button_;
-    std::unique_ptr<QSystemTrayIcon> tray_;
+    std::unique_ptr<QSystemTrayIcon> tray_; // null while the session waits for a tray host
     std::unique_ptr<QDBusServiceWatcher> hostWatcher_;
     QPointer<QMenu> menu_;
     qint64 lastImageKey_ = 0;
+    QImage shownLook_; // how the tray's icon looks; null while it has none
 };
