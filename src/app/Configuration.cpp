@@ -42,6 +42,12 @@ void Configuration::setWebsiteBaseURL(const QUrl &base)
     agentUpdateURL = base.resolved(QUrl(QStringLiteral("/downloads/")));
 }
 
+QString Configuration::applicationSupportDirectoryFromEnvironment()
+{
+    return environmentPath("XDG_DATA_HOME",
+                           environmentPath("HOME", QDir::homePath()) + QStringLiteral("/.local/share"));
+}
+
 Configuration Configuration::fromEnvironment()
 {
     Configuration config;
@@ -55,7 +61,7 @@ Configuration Configuration::fromEnvironment()
 
     const QString home = environmentPath("HOME", QDir::homePath());
     config.homeDirectory = home;
-    config.applicationSupportDirectory = environmentPath("XDG_DATA_HOME", home + QStringLiteral("/.local/share"));
+    config.applicationSupportDirectory = applicationSupportDirectoryFromEnvironment();
     config.configDirectory = environmentPath("XDG_CONFIG_HOME", home + QStringLiteral("/.config"));
     config.runtimeStateDirectory = environmentPath("XDG_RUNTIME_DIR", QDir::tempPath());
 

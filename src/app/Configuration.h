@@ -59,4 +59,7 @@ struct Configuration {
     // location). QUILLMERE_AGENT_PORT moves the agent endpoints off 8787 for development and
     // black-box tests; QUILLMERE_VOLUMES_DIR replaces the removable-media folder.
     static Configuration fromEnvironment();
+    // The per-user application support folder ($XDG_DATA_HOME, else ~/.local/share); the log,
+    // which exists before any configuration, finds its folder the same way.
+    static QString applicationSupportDirectoryFromEnvironment();
 };

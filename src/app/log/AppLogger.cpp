@@ -1,5 +1,7 @@
 #include "app/log/AppLogger.h"
 
+#include "app/Configuration.h"
+
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
@@ -8,26 +10,13 @@
 #include <cstdio>
 #include <cstdlib>
 
-namespace {
-
-QString defaultApplicationSupportDirectory()
-{
-    const QString dataHome = qEnvironmentVariable("XDG_DATA_HOME");
-    if (!dataHome.isEmpty())
-        return dataHome;
-    const QString home = qEnvironmentVariable("HOME", QDir::homePath());
-    return home + QStringLiteral("/.local/share");
-}
-
-} // namespace
-
 AppLogger &AppLogger::shared()
 {
     // Deliberately never destroyed: background threads may still log while the process exits.
     // Queued lines are written by the flush registered with atexit.
     static AppLogger *instance = [] {
-        auto *logger =
-            new AppLogger(logsDirectoryUnder(defaultApplicationSupportDirectory()) + QStringLiteral("/menu-app.log"));
+        auto *logger = new AppLogger(logsDirectoryUnder(Configuration::applicationSupportDirectoryFromEnvironment()) +
+                                     QStringLiteral("/menu-app.log"));
         std::atexit([] { AppLogger::shared().flush(); });
         return logger;
     }();
