@@ -4,6 +4,7 @@
 #include "app/process/ProcessRunner.h"
 #include "support/FakeAgent.h"
 #include "support/FakePlatform.h"
+#include "support/Files.h"
 #include "support/TestEnvironment.h"
 #include <QElapsedTimer>
 #include <QMenu>
@@ -13,12 +14,6 @@
 #include <QTimer>
 #include <thread>
 #include <unistd.h>
-
-static QByteArray readAll(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
 
 class AppTest : public QObject {
     Q_OBJECT
@@ -53,7 +48,7 @@ private slots:
         const QDateTime after = QDateTime::currentDateTimeUtc();
         qputenv("TZ", savedTz);
 
-        const QList<QByteArray> lines = readAll(path).split('\n');
+        const QList<QByteArray> lines = readFile(path).split('\n');
         QCOMPARE(lines.size(), threads * perThread + 1);
         QVERIFY(lines.last().isEmpty());
         static const QRegularExpression shape(
@@ -93,7 +88,7 @@ private slots:
         logger.log(QStringLiteral("appended")); // the new file is an ordinary one again
         logger.flush();
         QVERIFY(QFileInfo(path).isFile() && !QFileInfo(path).isSymLink());
-        const QList<QByteArray> lines = readAll(path).split('\n');
+        const QList<QByteArray> lines = readFile(path).split('\n');
         QCOMPARE(lines.size(), 3);
         QVERIFY(lines[0].endsWith(" | replaces") && lines[1].endsWith(" | appended"));
         QCOMPARE(QDir(dir.path()).entryList(QDir::Files), QStringList{QStringLiteral("menu-app.log")});

@@ -5,18 +5,13 @@
 #include "support/FakeAgent.h"
 #include "support/FakeControlScript.h"
 #include "support/FakePlatform.h"
+#include "support/Files.h"
 #include "support/InstalledProgram.h"
 #include <QAction>
 #include <QMenu>
 #include <QSettings>
 #include <QTest>
 #include <csignal>
-
-static QByteArray readAll(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
 
 static const QString welcomeKey = QStringLiteral("QuillmereAgentWelcomePresentedBundleVersion");
 
@@ -142,7 +137,7 @@ private slots:
         if (!stored.isNull())
             QSettings(defaults(), QSettings::IniFormat).setValue(welcomeKey, stored);
         const bool atLogin = arguments.contains(QStringLiteral("--launched-at-login"));
-        const QByteArray before = readAll(defaults());
+        const QByteArray before = readFile(defaults());
         makeController(arguments);
         delegate->applicationDidFinishLaunching();
         QCOMPARE(delegate->launchedAtLogin, atLogin);
@@ -154,7 +149,7 @@ private slots:
             expected = {QUrl::fromLocalFile(runtimeFile(welcomeShown ? "welcome.html" : "startup-status.html"))};
         QCOMPARE(fakes.opener->opened, expected);
         if (atLogin)
-            QCOMPARE(readAll(defaults()), before); // neither read nor changed
+            QCOMPARE(readFile(defaults()), before); // neither read nor changed
         else
             QCOMPARE(QSettings(defaults(), QSettings::IniFormat).value(welcomeKey).toString(),
                      welcomeShown ? QStringLiteral("1.0.0") : stored);
@@ -168,10 +163,10 @@ private slots:
         realScript.write();
         const QString welcome = program.runtimeDir() + QStringLiteral("/welcome.html");
         QProcess *process = program.start(agent.port());
-        QVERIFY(program.waitForLogMessage(QStringLiteral("Opening getting started page: ") + welcome));
+        QTRY_VERIFY_WITH_TIMEOUT(program.logMessages().contains("Opening getting started page: " + welcome), 15000);
         QTRY_COMPARE(program.openedLocations(), QStringList{welcome});
         ::kill(pid_t(process->processId()), SIGTERM);
-        QVERIFY(InstalledProgram::waitForExit(process));
+        QTRY_COMPARE_WITH_TIMEOUT(process->state(), QProcess::NotRunning, 15000);
         const QString version = readPropertyListDictionary(program.resourceDir() + QStringLiteral("/Info.plist"))
                                     .value(QStringLiteral("CFBundleVersion"))
                                     .toString();

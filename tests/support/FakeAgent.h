@@ -2,14 +2,10 @@
 // as the test tells it, can hold a connection open without answering, and records every request.
 #pragma once
 
-#include <QByteArray>
 #include <QHash>
-#include <QList>
 #include <QObject>
-#include <QString>
 #include <QTcpServer>
 #include <QUrl>
-#include <functional>
 
 class QTcpSocket;
 
@@ -33,29 +29,27 @@ struct CannedResponse {
 class FakeAgent : public QObject {
     Q_OBJECT
 public:
-    explicit FakeAgent(QObject *parent = nullptr);
+    FakeAgent();
     ~FakeAgent() override;
 
     quint16 port() const { return server_.serverPort(); }
-    QUrl baseURL() const;
+    QUrl baseURL() const { return QUrl(QStringLiteral("http://127.0.0.1:%1").arg(port())); }
 
-    void setResponse(const QByteArray &path, CannedResponse response);
-    // Convenience for /healthz.
-    void setHealthy(const QString &version = QStringLiteral("1.4.2"));
-    void setHealthDown();
-    // Stops listening: connections are then refused.
-    void close();
+    void setResponse(const QByteArray &path, CannedResponse response) { responses_.insert(path, std::move(response)); }
+    void setHealthy(const QString &version = QStringLiteral("1.4.2"))
+    {
+        setResponse("/healthz", {200, "{\"status\":\"ok\",\"version\":\"" + version.toUtf8() + "\"}"});
+    }
+    void setHealthDown() { setResponse("/healthz", {503, "{\"status\":\"down\"}"}); }
+    void close() { server_.close(); } // connections are then refused
 
-    const QList<RecordedRequest> &requests() const { return requests_; }
     QList<RecordedRequest> requestsFor(const QByteArray &path) const;
     int countFor(const QByteArray &path) const { return int(requestsFor(path).size()); }
-    void clearRequests() { requests_.clear(); }
 
 signals:
     void requestReceived(const RecordedRequest &request);
 
 private:
-    void onNewConnection();
     void onReadyRead(QTcpSocket *socket);
     void respond(QTcpSocket *socket, const RecordedRequest &request);
 

@@ -8,16 +8,12 @@ PlatformServices FakePlatform::services(bool statusButtonAvailable)
         statusItem = item.get();
         return item;
     };
-    auto recordingOpener = std::make_unique<RecordingOpener>();
-    opener = recordingOpener.get();
-    services.opener = std::move(recordingOpener);
-    auto login = std::make_unique<FakeLoginItemService>();
-    loginItems = login.get();
-    services.loginItems = std::move(login);
+    services.opener = std::make_unique<RecordingOpener>();
+    opener = static_cast<RecordingOpener *>(services.opener.get());
+    services.loginItems = std::make_unique<FakeLoginItemService>();
+    loginItems = static_cast<FakeLoginItemService *>(services.loginItems.get());
     services.workspaceNotifications = std::make_unique<WorkspaceNotificationCenter>();
     notifications = services.workspaceNotifications.get();
-    auto running = std::make_unique<FixedRunningApplications>();
-    runningApplications = running.get();
-    services.runningApplications = std::move(running);
+    services.runningApplications = std::make_unique<OneRunningApplication>();
     return services;
 }

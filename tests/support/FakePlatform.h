@@ -1,15 +1,12 @@
 // Platform services for tests: a status item whose button can be missing, an opener that
-// records, a scriptable login-item service and a settable instance count.
+// records, a scriptable login-item service and this copy as the only one running.
 #pragma once
 
 #include "platform/PlatformServices.h"
 
-#include <QList>
 #include <QMenu>
 #include <QPointer>
 #include <QStringList>
-#include <QUrl>
-#include <deque>
 
 class FakeStatusItem : public StatusItem {
 public:
@@ -33,11 +30,7 @@ public:
 class FakeLoginItemService : public LoginItemService {
 public:
     bool isAvailable() const override { return available; }
-    int status() const override
-    {
-        ++statusReads;
-        return currentStatus;
-    }
+    int status() const override { return currentStatus; }
     std::optional<LoginItemError> registerApp() override
     {
         calls.append(QStringLiteral("register"));
@@ -62,23 +55,18 @@ public:
     std::optional<LoginItemError> registerResult;
     std::optional<LoginItemError> unregisterResult;
     QStringList calls;
-    mutable int statusReads = 0;
 };
 
-class FixedRunningApplications : public RunningApplications {
-public:
-    int runningApplicationCount(const QString &) override { return count; }
-    int count = 1;
+class OneRunningApplication : public RunningApplications {
+    int runningApplicationCount(const QString &) override { return 1; }
 };
 
-// Builds fake services and keeps plain pointers to them for the test to inspect. The services
-// are owned by the controller once handed over.
+// Builds fake services and keeps plain pointers to them; the controller owns the services.
 struct FakePlatform {
     FakeStatusItem *statusItem = nullptr;
     RecordingOpener *opener = nullptr;
     FakeLoginItemService *loginItems = nullptr;
     WorkspaceNotificationCenter *notifications = nullptr;
-    FixedRunningApplications *runningApplications = nullptr;
 
     PlatformServices services(bool statusButtonAvailable = true);
 };

@@ -1,11 +1,9 @@
 // Whole-file reads and writes for tests that lay out files by hand.
 #pragma once
 
-#include <QByteArray>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QString>
 #include <QTest>
 
 // Writes contents to path, creating the folders on the way; a failure fails the calling test.

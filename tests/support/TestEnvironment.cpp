@@ -1,16 +1,12 @@
 #include "support/TestEnvironment.h"
 
 #include "app/log/AppLogger.h"
+#include "support/Files.h"
 
-#include <QCoreApplication>
-#include <QDir>
-#include <QFile>
-#include <QTest>
+#include <QDeadlineTimer>
 
 TestEnvironment::TestEnvironment()
 {
-    if (!dir_.isValid())
-        qFatal("no temporary folder");
     for (const QString &path : {home(), dataHome(), configHome(), runtimeStateDir(), runtimeDir(), volumesDir()})
         QDir().mkpath(path);
     qputenv("HOME", home().toUtf8());
@@ -37,58 +33,43 @@ Configuration TestEnvironment::configuration(const QUrl &agentBase) const
     return config;
 }
 
-void TestEnvironment::writeInfoPlist(const QString &bundleVersion, const QString &shortVersion,
-                                     const QString &identifier) const
+void TestEnvironment::writeInfoPlist(const QString &bundleVersion, const QString &shortVersion) const
 {
     QString text = QStringLiteral("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n");
-    auto add = [&text](const char *key, const QString &value) {
+    const auto add = [&text](const char *key, const QString &value) {
         if (!value.isNull())
             text += QStringLiteral("  <key>%1</key>\n  <string>%2</string>\n")
                         .arg(QLatin1String(key), value.toHtmlEscaped());
     };
-    add("CFBundleIdentifier", identifier);
+    add("CFBundleIdentifier", QStringLiteral("com.tallyhold.agent.app"));
     add("CFBundleVersion", bundleVersion);
     add("CFBundleShortVersionString", shortVersion);
-    text += QStringLiteral("</dict>\n</plist>\n");
-    QFile file(resourceDir() + QStringLiteral("/Info.plist"));
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        qFatal("cannot write Info.plist");
-    file.write(text.toUtf8());
+    writeFile(resourceDir() + QStringLiteral("/Info.plist"), (text + QStringLiteral("</dict>\n</plist>\n")).toUtf8());
 }
 
 void TestEnvironment::writeScript(const QString &path, const QString &body)
 {
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        qFatal("cannot write script %s", qPrintable(path));
-    file.write("#!/bin/sh\n" + body.toUtf8());
-    file.close();
-    file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner |
-                        QFileDevice::ReadGroup | QFileDevice::ExeGroup);
+    writeFile(path, "#!/bin/sh\n" + body.toUtf8());
+    QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
 }
 
 QString TestEnvironment::shellQuoted(const QString &text)
 {
-    QString quoted = text;
-    quoted.replace(QLatin1Char('\''), QStringLiteral("'\\''"));
-    return QLatin1Char('\'') + quoted + QLatin1Char('\'');
+    return QLatin1Char('\'') + QString(text).replace(QLatin1Char('\''), QStringLiteral("'\\''")) + QLatin1Char('\'');
+}
+
+QStringList TestEnvironment::logMessagesIn(const QString &file)
+{
+    QStringList messages;
+    for (const QString &line : QString::fromUtf8(readFile(file)).split(QLatin1Char('\n'), Qt::SkipEmptyParts))
+        messages.append(line.indexOf(QStringLiteral(" | ")) == 24 ? line.mid(27) : line);
+    return messages;
 }
 
 QStringList TestEnvironment::logMessages() const
 {
     AppLogger::shared().flush();
-    QFile file(logFile());
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    QStringList messages;
-    const QString text = QString::fromUtf8(file.readAll());
-    const QStringList lines = text.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    for (const QString &line : lines) {
-        const qsizetype separator = line.indexOf(QStringLiteral(" | "));
-        messages.append(separator == 24 ? line.mid(27) : line);
-    }
-    return messages;
+    return logMessagesIn(logsDir() + QStringLiteral("/menu-app.log"));
 }
 
 void TestEnvironment::markLog()
@@ -101,16 +82,11 @@ QStringList TestEnvironment::messagesSinceMark() const
     return logMessages().mid(mark_);
 }
 
-bool TestEnvironment::waitForLogMessage(const QString &message, int timeoutMs, bool prefix) const
+bool TestEnvironment::waitForLogMessage(const QString &message, int timeoutMs) const
 {
-    QDeadlineTimer deadline(timeoutMs);
-    for (;;) {
-        for (const QString &line : messagesSinceMark()) {
-            if (prefix ? line.startsWith(message) : line == message)
-                return true;
-        }
+    for (QDeadlineTimer deadline(timeoutMs); !messagesSinceMark().contains(message); QTest::qWait(20)) {
         if (deadline.hasExpired())
             return false;
-        QTest::qWait(20);
     }
+    return true;
 }

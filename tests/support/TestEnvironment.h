@@ -4,7 +4,6 @@
 
 #include "app/Configuration.h"
 
-#include <QDeadlineTimer>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
@@ -25,29 +24,25 @@ public:
     QString runtimeDir() const { return resourceDir() + QStringLiteral("/runtime"); }
     QString volumesDir() const { return root() + QStringLiteral("/volumes"); }
     QString logsDir() const { return dataHome() + QStringLiteral("/TallyholdAgent/runtime/logs"); }
-    QString logFile() const { return logsDir() + QStringLiteral("/menu-app.log"); }
 
     // A configuration that reaches only this environment and the given agent address.
     Configuration configuration(const QUrl &agentBase) const;
-
-    // Writes Info.plist with these values (a null QString leaves the key out).
-    void writeInfoPlist(const QString &bundleVersion, const QString &shortVersion = QStringLiteral("1.0"),
-                        const QString &identifier = QStringLiteral("com.tallyhold.agent.app")) const;
-    // Writes an executable shell script (the text after the #! line).
+    // Info.plist with these versions (a null QString leaves the key out).
+    void writeInfoPlist(const QString &bundleVersion, const QString &shortVersion = QStringLiteral("1.0")) const;
+    // An executable shell script (the text after the #! line).
     static void writeScript(const QString &path, const QString &body);
-    // text in single quotes for sh, whatever it holds.
     static QString shellQuoted(const QString &text);
+    // The lines of a log file without their timestamps.
+    static QStringList logMessagesIn(const QString &file);
 
-    // Every line of the shared log, without timestamps, after all queued lines are written.
-    QStringList logMessages() const;
-    // Marks the current end of the log; messagesSinceMark() then gives only newer lines.
+    // Lines of the shared log after the last markLog(), once all queued lines are written.
     void markLog();
     QStringList messagesSinceMark() const;
-    // Waits, processing events, until a line equal to message (or starting with it when
-    // prefix is true) appears after the mark.
-    bool waitForLogMessage(const QString &message, int timeoutMs = 10000, bool prefix = false) const;
+    // Waits, processing events, until the line appears after the mark.
+    bool waitForLogMessage(const QString &message, int timeoutMs = 10000) const;
 
 private:
+    QStringList logMessages() const;
     QTemporaryDir dir_;
     qsizetype mark_ = 0;
 };

@@ -256,7 +256,7 @@ class TrayTest : public QObject {
     QThread hostThread_;
     StatusNotifierWatcher *watcher_ = nullptr;
     FakeAgent agent_;
-    InstalledProgram program_;
+    InstalledProgram program_{true};
     QProcess *process_ = nullptr;
     const QString calls_ = program_.root() + "/control-calls"_L1;
     const QString gate_ = program_.root() + "/gate-"_L1;
@@ -330,7 +330,6 @@ private slots:
                                                     "while [ ! -e '%2'\"$1\" ]; do sleep 0.02; done\n"
                                                     "rm -f '%2'\"$1\"\n")
                                          .arg(calls_, gate_));
-        program_.runOnDesktop(true);
         agent_.setHealthDown();
         process_ = program_.start(agent_.port());
         QVERIFY(process_->waitForStarted());
