@@ -41,28 +41,26 @@ class DemoRuntimeTest : public QObject {
 
 private slots:
     void cleanup() { runScript(QStringLiteral("stop")); } // never leave an agent behind
-    void startServesAndStopEnds();
+    void startServesAndStopEnds()
+    {
+        network.setProxy(QNetworkProxy::NoProxy);
+        QCOMPARE(runScript(QStringLiteral("start")), 0); // ends once the agent answers, though on pipes
+        const auto health = request("GET", QStringLiteral("/healthz"));
+        QCOMPARE(health.first, 200);
+        const QRegularExpression healthy(QStringLiteral("^\\{\"status\":\"ok\",\"version\":\"[^\"]+\"\\}$"));
+        QVERIFY2(healthy.match(QString::fromUtf8(health.second)).hasMatch(), health.second.constData());
+        const QByteArray snapshot = R"({"event":"app-launch","source":"menu-app",)"
+                                    R"("volumes":[{"name":"Photos <2024>","path":"/Volumes/Photos <2024>"}]})";
+        QCOMPARE(request("POST", QStringLiteral("/api/mounted-volumes/cache-sync"), snapshot),
+                 qMakePair(200, QByteArray(R"({"ok":true})")));
+        const auto page = request("GET", QStringLiteral("/"));
+        QCOMPARE(page.first, 200);
+        QVERIFY(page.second.contains("Photos &lt;2024&gt;")); // the last snapshot, escaped
+
+        QCOMPARE(runScript(QStringLiteral("stop")), 0);
+        QCOMPARE(request("GET", QStringLiteral("/healthz")).first, 0); // nobody answers any more
+    }
 };
-
-void DemoRuntimeTest::startServesAndStopEnds()
-{
-    network.setProxy(QNetworkProxy::NoProxy);
-    QCOMPARE(runScript(QStringLiteral("start")), 0); // ends once the agent answers, though on pipes
-    const auto health = request("GET", QStringLiteral("/healthz"));
-    QCOMPARE(health.first, 200);
-    const QRegularExpression healthy(QStringLiteral("^\\{\"status\":\"ok\",\"version\":\"[^\"]+\"\\}$"));
-    QVERIFY2(healthy.match(QString::fromUtf8(health.second)).hasMatch(), health.second.constData());
-    const QByteArray snapshot = R"({"event":"app-launch","source":"menu-app",)"
-                                R"("volumes":[{"name":"Photos <2024>","path":"/Volumes/Photos <2024>"}]})";
-    QCOMPARE(request("POST", QStringLiteral("/api/mounted-volumes/cache-sync"), snapshot),
-             qMakePair(200, QByteArray(R"({"ok":true})")));
-    const auto page = request("GET", QStringLiteral("/"));
-    QCOMPARE(page.first, 200);
-    QVERIFY(page.second.contains("Photos &lt;2024&gt;")); // the last snapshot, escaped
-
-    QCOMPARE(runScript(QStringLiteral("stop")), 0);
-    QCOMPARE(request("GET", QStringLiteral("/healthz")).first, 0); // nobody answers any more
-}
 
 QTEST_MAIN(DemoRuntimeTest)
 #include "tst_DemoRuntime.moc"

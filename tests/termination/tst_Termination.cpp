@@ -45,7 +45,6 @@ class TerminationTest : public QObject {
         }
         env.markLog();
     }
-    QStringList stopRun() const { return {QStringLiteral("stop")}; }
 
 private slots:
     void init()
@@ -58,7 +57,6 @@ private slots:
         terminated.reset();
         delegate.reset();
         host.reset();
-        script.reset();
     }
 
     void quitStopsTheAgentBeforeExit_data()
@@ -84,7 +82,7 @@ private slots:
         delegate->stopAgentOnTerminate = !bypassLeftOn;
         delegate->quitMenuItem()->trigger();
         QCOMPARE(delegate->stateMenuItem->text(), QStringLiteral("Status: Stopping and Scanning..."));
-        QTRY_COMPARE(script->runs(), QList<QStringList>{stopRun()});
+        QTRY_COMPARE(script->runs(), QList<QStringList>{QStringList{QStringLiteral("stop")}});
         QCOMPARE(terminated->count(), 0); // the final answer waits for the stop
         script->release(QStringLiteral("stop"));
         QVERIFY(terminated->wait(10000));
@@ -110,7 +108,7 @@ private slots:
         QVERIFY(terminated->wait(10000));
         QTest::qWait(100); // a second termination would have come by now
         QCOMPARE(terminated->count(), 1);
-        QCOMPARE(script->runs(), QList<QStringList>{stopRun()});
+        QCOMPARE(script->runs(), QList<QStringList>{QStringList{QStringLiteral("stop")}});
         const QStringList log = env.messagesSinceMark();
         QCOMPARE(log.count(quitLine), 2);
         QCOMPARE(log.count(requestLine), 1);
@@ -127,12 +125,12 @@ private slots:
         host->finishLaunching();
         QVERIFY(env.waitForLogMessage(QStringLiteral("Launch flow starting. launchedAtLogin=false")));
         delegate->quitApp();
-        QTRY_COMPARE(script->runs(), QList<QStringList>{stopRun()});
+        QTRY_COMPARE(script->runs(), QList<QStringList>{QStringList{QStringLiteral("stop")}});
         QTRY_VERIFY(agent->countFor("/healthz") >= 2); // the launch probe's answer has come and gone
         QTest::qWait(400);
         script->release(QStringLiteral("stop"));
         QVERIFY(terminated->wait(10000));
-        QCOMPARE(script->runs(), QList<QStringList>{stopRun()});
+        QCOMPARE(script->runs(), QList<QStringList>{QStringList{QStringLiteral("stop")}});
         QVERIFY(!env.messagesSinceMark().contains(QStringLiteral("Agent not healthy during launch. Starting agent.")));
     }
 
@@ -162,7 +160,7 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(first->state(), QProcess::NotRunning, 15000);
         QCOMPARE(first->exitStatus(), QProcess::NormalExit);
         QCOMPARE(first->exitCode(), 0);
-        QCOMPARE(realScript.runs(), QList<QStringList>{stopRun()});
+        QCOMPARE(realScript.runs(), QList<QStringList>{QStringList{QStringLiteral("stop")}});
         const QStringList log = program.logMessages(); // every queued line lands before the exit
         QCOMPARE(log.count(requestLine), 1);
         QCOMPARE(log.mid(log.size() - 2),
