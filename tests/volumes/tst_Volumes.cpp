@@ -13,25 +13,22 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QSet>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
 
 #include <sched.h>
 #include <sys/mount.h>
-#include <unistd.h>
 
 using namespace std::chrono_literals;
 using namespace Qt::StringLiterals;
 
 namespace {
-
 const QByteArray syncPath = "/api/mounted-volumes/cache-sync";
 const QString &didMount = WorkspaceNotification::didMount;
 const QString &didUnmount = WorkspaceNotification::didUnmount;
 const QString &didRename = WorkspaceNotification::didRenameVolume;
-// Set by main when the process has a mount namespace of its own to mount in unseen.
-bool privateMountNamespace = false;
+bool privateMountNamespace = false; // set by main: mounts made here stay unseen outside
 
 // Each sync request the agent received, as "event:number of volumes".
 QStringList sent(const FakeAgent &agent)
@@ -44,16 +41,6 @@ QStringList sent(const FakeAgent &agent)
     }
     return requests;
 }
-
-struct NotificationLog : QObject {
-    explicit NotificationLog(WorkspaceNotificationCenter &center)
-    {
-        for (const QString &name : {didMount, didUnmount, didRename})
-            center.addObserver(name, this, [this](const QString &posted) { names.append(posted); });
-    }
-    QStringList names;
-};
-
 } // namespace
 
 class VolumesTest : public QObject {
@@ -92,106 +79,39 @@ private slots:
     void snapshotFromListing_data()
     {
         QTest::addColumn<QStringList>("listing");
-        QTest::addColumn<QStringList>("names");
-        QTest::addColumn<QStringList>("paths"); // empty: "/Volumes/" and the name
-
+        QTest::addColumn<QStringList>("names"); // each at "/Volumes/" and the name without trailing slashes
         QTest::newRow("hidden, blank and padded")
             << QStringList{".DS_Store", "  ", "\n\t", " .hidden", "", "  Backup \n", u"\u00A0Photos\u2028"_s,
                            "Two  Words"}
-            << QStringList{"Backup", "Photos", "Two  Words"} << QStringList();
-        QTest::newRow("sorted regardless of case") << QStringList{"beta", "Alpha", "gamma", "Delta"}
-                                                   << QStringList{"Alpha", "beta", "Delta", "gamma"} << QStringList();
-        QTest::newRow("case-only duplicates: first listed wins")
-            << QStringList{"backup", "BACKUP", "Backup"} << QStringList{"backup"} << QStringList();
-        QTest::newRow("trailing slashes leave the path, not the name")
-            << QStringList{"Disk/", "Data//", "Disk"} << QStringList{"Data//", "Disk/"}
-            << QStringList{"/Volumes/Data", "/Volumes/Disk"};
+            << QStringList{"Backup", "Photos", "Two  Words"};
+        QTest::newRow("sorted regardless of case")
+            << QStringList{"beta", "Alpha", "gamma", "Delta"} << QStringList{"Alpha", "beta", "Delta", "gamma"};
+        QTest::newRow("duplicates by case or composition: first listed wins")
+            << QStringList{"backup", "BACKUP", u"Cafe\u0301"_s, "Backup", u"CAF\u00C9"_s}
+            << QStringList{"backup", u"Cafe\u0301"_s};
+        QTest::newRow("trailing slashes") << QStringList{"Disk/", "Data//", "Disk"} << QStringList{"Data//", "Disk/"};
         // Decomposed "É" starts with a plain "E"; only once composed does it sort after "z".
         QTest::newRow("composed and decomposed accents sort together")
             << QStringList{"zeta", u"E\u0301cole"_s, u"\u00C9t\u00E9"_s, "alpha", "Eagle"}
-            << QStringList{"alpha", "Eagle", "zeta", u"E\u0301cole"_s, u"\u00C9t\u00E9"_s} << QStringList();
-        QTest::newRow("composed and decomposed spellings are one volume")
-            << QStringList{u"Cafe\u0301"_s, u"CAF\u00C9"_s} << QStringList{u"Cafe\u0301"_s} << QStringList();
+            << QStringList{"alpha", "Eagle", "zeta", u"E\u0301cole"_s, u"\u00C9t\u00E9"_s};
         // U+FF21 is below U+1F4BE, though its UTF-16 unit is above U+1F4BE's first surrogate.
-        QTest::newRow("code point order beyond the basic plane")
-            << QStringList{u"\U0001F4BE Disk"_s, u"\uFF21 Disk"_s}
-            << QStringList{u"\uFF21 Disk"_s, u"\U0001F4BE Disk"_s} << QStringList();
+        QTest::newRow("code point order beyond the basic plane") << QStringList{u"\U0001F4BE Disk"_s, u"\uFF21 Disk"_s}
+                                                                 << QStringList{u"\uFF21 Disk"_s, u"\U0001F4BE Disk"_s};
     }
-
     void snapshotFromListing()
     {
         QFETCH(QStringList, listing);
-        QFETCH(QStringList, names);
-        QFETCH(QStringList, paths);
-        if (paths.isEmpty())
-            for (const QString &name : names)
-                paths.append("/Volumes/"_L1 + name);
-
         const QList<VolumeEntry> snapshot = volumeSnapshotFromListing(listing);
-        QStringList gotNames, gotPaths;
+        QStringList names;
         for (const VolumeEntry &entry : snapshot) {
-            gotNames.append(entry.name);
-            gotPaths.append(entry.path);
-            QVERIFY(entry.isMounted);
+            names.append(entry.name);
+            QCOMPARE(entry.path, "/Volumes/"_L1 + QString(entry.name).remove(QRegularExpression(u"/+$"_s)));
         }
-        QCOMPARE(gotNames, names);
-        QCOMPARE(gotPaths, paths);
+        QTEST(names, "names");
         // Listing order only decides between duplicates.
         std::reverse(listing.begin(), listing.end());
         if (names.size() == listing.size())
             QCOMPARE(volumeSnapshotFromListing(listing), snapshot);
-    }
-
-    void listingOfARealFolder()
-    {
-        QTemporaryDir dir;
-        const QString root = dir.path();
-        writeFile(root + "/Folder/inside"_L1, {});
-        writeFile(root + "/.hidden"_L1, {});
-        // A volume whose link dangles is still listed; missing, not a folder, or unreadable: none.
-        QVERIFY(QFile::link(u"/nonexistent/target"_s, root + "/Dangling"_L1));
-        QStringList listed = listVolumeFolder(root);
-        listed.sort();
-        QCOMPARE(listed, QStringList({".hidden", "Dangling", "Folder"}));
-        for (const QString &path : {root + "/missing"_L1, QString(), root + "/.hidden"_L1})
-            QVERIFY(listVolumeFolder(path).isEmpty());
-        QVERIFY(QFile::setPermissions(root + "/Folder"_L1, QFileDevice::WriteOwner));
-        if (::geteuid() != 0)
-            QVERIFY(listVolumeFolder(root + "/Folder"_L1).isEmpty());
-        QFile::setPermissions(root + "/Folder"_L1,
-                              QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-    }
-
-    void requestAsTheAgentReceivesIt()
-    {
-        FakeAgent agent;
-        agent.setResponse(syncPath, {200, "{}"});
-        for (const QString &name : {u"Beta"_s, u"alpha"_s, u".Spotlight"_s, u"Caf\u00E9 \"Q\" \\\x01"_s})
-            addVolume(name);
-        auto delegate = makeController(agent);
-
-        // A lone surrogate has no UTF-8 form, so no JSON text can carry this event: nothing is sent.
-        delegate->syncMountedVolumesCache(QString(QChar(0xD800)), true);
-        QVERIFY(!delegate->mountedVolumeSyncInFlight && !delegate->mountedVolumeSyncPending);
-        QCOMPARE(env.messagesSinceMark(), QStringList{u"Mounted volume sync payload encoding failed."_s});
-
-        delegate->syncMountedVolumesCache(u"app-launch"_s, true);
-        QTRY_VERIFY(!delegate->mountedVolumeSyncInFlight);
-        QCOMPARE(agent.countFor(syncPath), 1);
-        const RecordedRequest request = agent.requestsFor(syncPath)[0];
-        QCOMPARE(request.method, QByteArray("POST"));
-        QCOMPARE(request.header("Content-Type"), QByteArray("application/json"));
-        QCOMPARE(request.body, u"{\"event\":\"app-launch\",\"source\":\"menu-app\",\"volumes\":["
-                               "{\"isMounted\":true,\"name\":\"alpha\",\"path\":\"/Volumes/alpha\"},"
-                               "{\"isMounted\":true,\"name\":\"Beta\",\"path\":\"/Volumes/Beta\"},"
-                               "{\"isMounted\":true,\"name\":\"Caf\u00E9 \\\"Q\\\" \\\\\\u0001\","
-                               "\"path\":\"/Volumes/Caf\u00E9 \\\"Q\\\" \\\\\\u0001\"}]}"_s.toUtf8());
-        // Beyond Content-Type only what the HTTP stack itself sends.
-        const QSet<QByteArray> transport = {
-            "host", "content-length", "connection", "accept-encoding", "accept-language", "user-agent"};
-        for (const auto &[name, value] : request.headers)
-            QVERIFY2(name.toLower() == "content-type" || transport.contains(name.toLower()),
-                     (name + ": " + value).constData());
     }
 
     void answerDecidesWhatFollows_data()
@@ -200,46 +120,52 @@ private slots:
         QTest::addColumn<QString>("logLine");
         const QString failed = u"Mounted volume sync request failed"_s;
         QTest::newRow("200") << "200" << QString();
-        QTest::newRow("204") << "204" << QString();
         QTest::newRow("500") << "500" << failed + " with status 500."_L1;
         QTest::newRow("refused") << "refused" << failed + ": Connection refused"_L1;
         QTest::newRow("silent") << "silent" << failed + ": Operation canceled"_L1;
     }
-
     void answerDecidesWhatFollows()
     {
         QFETCH(QString, answer);
         QFETCH(QString, logLine);
-        const bool accepted = logLine.isEmpty();
         FakeAgent agent;
-        CannedResponse response{answer.toInt(), "{}"};
-        response.hang = answer == "silent"_L1;
-        agent.setResponse(syncPath, response);
+        agent.setResponse(syncPath, {answer.toInt(), "{}", "application/json", answer == "silent"_L1});
         const QUrl base = agent.baseURL();
         if (answer == "refused"_L1)
             agent.close();
-        addVolume(u"First"_s);
+        for (const QString &name : {u"Beta"_s, u"alpha"_s, u".Spotlight"_s, u"Caf\u00E9 \"Q\" \\\x01"_s})
+            addVolume(name);
         auto delegate = makeController(agent, base);
+        // A lone surrogate has no UTF-8 form, so no JSON text can carry this event: nothing is sent.
+        delegate->syncMountedVolumesCache(QString(QChar(0xD800)), true);
 
         // Asked for while one is outstanding, forced or not: exactly one "coalesced" follow-up.
-        delegate->syncMountedVolumesCache(didMount, false);
+        delegate->syncMountedVolumesCache(u"app-launch"_s, false);
         addVolume(u"Second"_s);
         delegate->syncMountedVolumesCache(didMount, false);
         delegate->syncMountedVolumesCache(u"agent-running"_s, true);
         delegate->syncMountedVolumesCache(didUnmount, false);
-        QVERIFY(delegate->mountedVolumeSyncInFlight && delegate->mountedVolumeSyncPending);
         QTRY_VERIFY(!delegate->mountedVolumeSyncInFlight);
-        QVERIFY(!delegate->mountedVolumeSyncPending);
         // The same snapshot again, unforced: skipped only when the agent took it.
         delegate->syncMountedVolumesCache(didMount, false);
-        QCOMPARE(delegate->mountedVolumeSyncInFlight, !accepted);
         QTRY_VERIFY(!delegate->mountedVolumeSyncInFlight);
 
+        const bool accepted = logLine.isEmpty();
         QCOMPARE(env.messagesSinceMark().filter(u"Mounted volume sync"_s),
-                 accepted ? QStringList() : QStringList(3, logLine));
-        if (answer != "refused"_L1)
-            QCOMPARE(sent(agent), QStringList({didMount + ":1"_L1, "coalesced:2"}) +
-                                      (accepted ? QStringList() : QStringList{didMount + ":2"_L1}));
+                 QStringList{u"Mounted volume sync payload encoding failed."_s} +
+                     QStringList(accepted ? 0 : 3, logLine));
+        if (answer == "refused"_L1)
+            return;
+        QCOMPARE(sent(agent), QStringList({"app-launch:3", "coalesced:4"}) +
+                                  (accepted ? QStringList() : QStringList{didMount + ":4"_L1}));
+        const RecordedRequest request = agent.requestsFor(syncPath)[0];
+        QCOMPARE(request.method, QByteArray("POST"));
+        QCOMPARE(request.header("Content-Type"), QByteArray("application/json"));
+        QCOMPARE(request.body, u"{\"event\":\"app-launch\",\"source\":\"menu-app\",\"volumes\":["
+                               "{\"isMounted\":true,\"name\":\"alpha\",\"path\":\"/Volumes/alpha\"},"
+                               "{\"isMounted\":true,\"name\":\"Beta\",\"path\":\"/Volumes/Beta\"},"
+                               "{\"isMounted\":true,\"name\":\"Caf\u00E9 \\\"Q\\\" \\\\\\u0001\","
+                               "\"path\":\"/Volumes/Caf\u00E9 \\\"Q\\\" \\\\\\u0001\"}]}"_s.toUtf8());
     }
 
     void burstGivesOneSyncAfterTheLast()
@@ -248,12 +174,9 @@ private slots:
         agent.setResponse(syncPath, {200, "{}"});
         addVolume(u"Disk"_s);
         auto delegate = makeController(agent);
-        // Configuring twice registers once.
         delegate->configureMountedVolumeMonitoring();
-        delegate->configureMountedVolumeMonitoring();
-        QCOMPARE(fakes.notifications->observerCount(), 3);
-        QTRY_COMPARE(arrivals.size(), 1);
-        QTRY_VERIFY(!delegate->mountedVolumeSyncInFlight);
+        delegate->configureMountedVolumeMonitoring(); // registers once
+        QTRY_VERIFY(arrivals.size() == 1 && !delegate->mountedVolumeSyncInFlight);
 
         // Three notifications 0.3 s apart, the volumes changing along the way.
         addVolume(u"Old"_s);
@@ -268,14 +191,12 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(arrivals.size(), 2, 4000);
         QVERIFY2(arrivals[1] - last >= 900 && arrivals[1] - last <= 2000, QByteArray::number(arrivals[1] - last));
         QCOMPARE(sent(agent), QStringList({"app-launch:1", didMount + ":4"_L1}));
-        QTRY_VERIFY(!delegate->mountedVolumeSyncInFlight);
-        QVERIFY(!delegate->mountedVolumeSyncPending);
 
         // Removing monitoring drops the sync still waiting and stops listening.
         fakes.notifications->post(didMount);
         const auto waiting = delegate->mountedVolumeSyncDebounceWorkItem;
         delegate->removeMountedVolumeMonitoring();
-        QVERIFY(waiting && waiting->isCancelled() && !delegate->mountedVolumeSyncDebounceWorkItem);
+        QVERIFY(waiting->isCancelled());
         QCOMPARE(fakes.notifications->observerCount(), 0);
     }
 
@@ -316,14 +237,10 @@ private slots:
                          "107 106 8:97 / /media/alex/Caf\xc3\xa9\\011Tab rw - ext4 /dev/sdg1 rw\n"
                          "not a mount line\n");
         WorkspaceNotificationCenter center;
-        NotificationLog posted(center);
+        QStringList posted;
+        for (const QString &name : {didMount, didUnmount, didRename})
+            center.addObserver(name, this, [&posted](const QString &name) { posted.append(name); });
         MountInfoWatcher watcher(u"/media/other/../alex/"_s, &center, nullptr, table);
-        QVERIFY(watcher.isWatching());
-        QStringList points;
-        for (const MountRecord &mount : watcher.mounts())
-            points.append(QString::number(mount.mountId) + u' ' + mount.mountPoint);
-        QCOMPARE(points, QStringList({"101 /media/alex/USB DISK", "103 /media/alex/Back\\slash",
-                                      u"107 /media/alex/Caf\u00E9\tTab"_s}));
 
         // Back\slash goes, the stacked Cafe mount moves, USB DISK comes back under a new name, a new disk comes.
         writeFile(table, "107 30 8:97 / /media/alex/Moved rw - ext4 /dev/sdg1 rw\n"
@@ -331,7 +248,7 @@ private slots:
                          "111 30 8:113 / /media/alex/New rw - vfat /dev/sdh1 rw\n");
         watcher.rescan();
         watcher.rescan();
-        QCOMPARE(posted.names, QStringList({didUnmount, didRename, didRename, didMount}));
+        QCOMPARE(posted, QStringList({didUnmount, didRename, didRename, didMount}));
 
         if (!privateMountNamespace)
             QSKIP("mounting needs a private mount namespace (root)");
@@ -340,14 +257,14 @@ private slots:
         const QByteArray disk = QFile::encodeName(folder + "/Disk"_L1);
         const QByteArray renamed = QFile::encodeName(folder + "/Renamed"_L1);
         QVERIFY(QDir().mkpath(QFile::decodeName(disk)) && QDir().mkpath(QFile::decodeName(renamed)));
-        posted.names.clear();
+        posted.clear();
         MountInfoWatcher live(folder, &center);
         QCOMPARE(::mount("quillmere-test", disk.constData(), "tmpfs", 0, "size=64k"), 0);
-        QTRY_COMPARE(posted.names, QStringList{didMount});
+        QTRY_COMPARE(posted, QStringList{didMount});
         QCOMPARE(::mount(disk.constData(), renamed.constData(), nullptr, MS_MOVE, nullptr), 0);
-        QTRY_COMPARE(posted.names, QStringList({didMount, didRename}));
+        QTRY_COMPARE(posted, QStringList({didMount, didRename}));
         QCOMPARE(::umount2(renamed.constData(), 0), 0);
-        QTRY_COMPARE(posted.names, QStringList({didMount, didRename, didUnmount}));
+        QTRY_COMPARE(posted, QStringList({didMount, didRename, didUnmount}));
     }
 };
 
