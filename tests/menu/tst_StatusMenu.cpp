@@ -9,6 +9,7 @@
 
 #include <QAction>
 #include <QMenu>
+#include <QRegularExpression>
 #include <QTest>
 
 namespace {
@@ -16,7 +17,6 @@ namespace {
 const QString runningTip = QStringLiteral("Quillmere Agent is running");
 const QString offlineTip = QStringLiteral("Quillmere Agent is offline");
 
-// A controller on fake platform services, its menu assembled.
 struct Harness {
     explicit Harness(const Configuration &configuration, bool button = true)
         : delegate(configuration, fakes.services(button), &host)
@@ -31,12 +31,7 @@ struct Harness {
 // What a menu shows for a title: "&&" is a literal ampersand, a lone '&' marks an accelerator.
 QString shownText(const QAction *action)
 {
-    QString shown;
-    const QString text = action->text();
-    for (qsizetype i = 0; i < text.size(); ++i)
-        if (text.at(i) != QLatin1Char('&') || ++i < text.size())
-            shown += text.at(i);
-    return shown;
+    return QString(action->text()).replace(QRegularExpression(QStringLiteral("&(.)")), QStringLiteral("\\1"));
 }
 
 QImage look(const QIcon &icon, qreal scale = 2)
@@ -72,15 +67,12 @@ private slots:
         env.markLog();
         Harness h(configuration());
         QStringList entries;
-        for (const QAction *action : h.delegate.menu->actions()) {
+        for (const QAction *action : h.delegate.menu->actions())
             entries.append(action->isSeparator() ? QStringLiteral("---") : action->text());
-            QVERIFY2(action->shortcuts().isEmpty(), qPrintable(action->text()));
-        }
         QCOMPARE(entries,
                  QStringList({"Status: Launching...", "Version: --", "---", "Start Agent", "Stop Agent", "---",
                               "Open Cloud Admin", "Check for Updates", "Open Local Admin", "Open Getting Started",
                               "Open Startup Status", "Open Logs", "---", "Run at Startup", "---", "Quit"}));
-        QCOMPARE(h.delegate.menu->actions().at(13), h.delegate.runAtStartupMenuItem());
         QCOMPARE(h.fakes.statusItem->menu(), h.delegate.menu.get());
         // The offline badge until the first state update; assembling logs nothing.
         QCOMPARE(h.fakes.statusItem->button()->toolTip(), offlineTip);
@@ -138,10 +130,8 @@ private slots:
             "State updated: Status: Stopped version=-- running=false"};
         QTest::newRow("same title, new version") << UpdateRow{run, run, "1.1", false, "1.1", nullptr};
         QTest::newRow("empty title at first") << UpdateRow{nullptr, "", "5", true, "5", nullptr};
-        QTest::newRow("version as given") << UpdateRow{run, "Status: Starting...", " 1.0 beta ", false, " 1.0 beta ",
-            "State updated: Status: Starting... version= 1.0 beta  running=false"};
-        QTest::newRow("ampersands") << UpdateRow{run, "Status: R&D && more", "2.0&beta", true, "2.0&beta",
-            "State updated: Status: R&D && more version=2.0&beta running=true"};
+        QTest::newRow("as given") << UpdateRow{run, "Status: R&D && more", " 2.0&beta ", true, " 2.0&beta ",
+            "State updated: Status: R&D && more version= 2.0&beta  running=true"};
         // clang-format on
     }
 
@@ -169,25 +159,22 @@ private slots:
         QVERIFY(button->imageGeneration() == generation + 1 && button->image().cacheKey() != previous);
         QCOMPARE(button->toolTip(), row.running ? runningTip : offlineTip);
         QVERIFY(button->title().isEmpty() && !button->appearsDisabled() && !button->image().isMask());
-        QCOMPARE(button->imagePosition(), StatusButton::ImagePosition::ImageOnly);
+        QVERIFY(button->imagePosition() == StatusButton::ImagePosition::ImageOnly);
         QCOMPARE(look(button->image()), look(makeBrandStatusImage(row.running)));
     }
 
     void checkStateHasThreeWays()
     {
         // Set state, state read back; set from each starting state so that leftovers would show.
-        for (const auto &[state, readBack] : {std::pair{0, 0}, {1, 1}, {-1, -1}, {2, 1}, {-7, -1}}) {
+        for (const auto &[state, readBack] : {std::pair{0, 0}, {1, 1}, {-1, -1}, {2, 1}, {-7, -1}})
             for (int previous : {menuItemStateOff, menuItemStateOn, menuItemStateMixed}) {
-                QAction item(QStringLiteral("Run at Startup"));
+                QAction item;
                 item.setEnabled(false);
                 setMenuItemCheckState(&item, previous);
                 setMenuItemCheckState(&item, state);
-                QCOMPARE(menuItemCheckState(&item), readBack);
-                QVERIFY(item.isCheckable() && !item.isEnabled());
-                QCOMPARE(item.isChecked(), readBack == menuItemStateOn);
-                QCOMPARE(item.icon().isNull(), readBack != menuItemStateMixed);
+                QVERIFY(menuItemCheckState(&item) == readBack && item.isCheckable() && !item.isEnabled());
+                QVERIFY(item.isChecked() == (readBack == 1) && item.icon().isNull() == (readBack != -1));
             }
-        }
         // The mixed mark is a dash across the middle, also at the 16 pixels a D-Bus menu gets.
         QAction item;
         setMenuItemCheckState(&item, menuItemStateMixed);
@@ -240,12 +227,7 @@ private slots:
                     const QList<int> actual{qAlpha(p), qRed(p), qGreen(p), qBlue(p)};
                     const QList<int> &expected = running ? spot.running : spot.offline;
                     for (int i = 0; i < 4; ++i)
-                        QVERIFY2(std::abs(actual.at(i) - expected.at(i)) <= 3,
-                                 qPrintable(QStringLiteral("%1, %2: channel %3 is %4, expected %5")
-                                                .arg(name, QLatin1String(spot.name))
-                                                .arg(i)
-                                                .arg(actual.at(i))
-                                                .arg(expected.at(i))));
+                        QVERIFY2(std::abs(actual[i] - expected[i]) <= 3, qPrintable(name + ' ' + spot.name));
                 }
             }
         }
