@@ -9,6 +9,7 @@
 
 #include <QAction>
 #include <QMenu>
+#include <QRegularExpression>
 #include <QTest>
 
 namespace {
@@ -16,7 +17,6 @@ namespace {
 const QString runningTip = QStringLiteral("Quillmere Agent is running");
 const QString offlineTip = QStringLiteral("Quillmere Agent is offline");
 
-// A controller on fake platform services, its menu assembled.
 struct Harness {
     explicit Harness(const Configuration &configuration, bool button = true)
         : delegate(configuration, fakes.services(button), &host)
@@ -31,12 +31,7 @@ struct Harness {
 // What a menu shows for a title: "&&" is a literal ampersand, a lone '&' marks an accelerator.
 QString shownText(const QAction *action)
 {
-    QString shown;
-    const QString text = action->text();
-    for (qsizetype i = 0; i < text.size(); ++i)
-        if (text.at(i) != QLatin1Char('&') || ++i < text.size())
-            shown += text.at(i);
-    return shown;
+    return QString(action->text()).replace(QRegularExpression(QStringLiteral("&(.)")), QStringLiteral("\\1"));
 }
 
 QImage look(const QIcon &icon, qreal scale = 2)
@@ -72,16 +67,12 @@ private slots:
         env.markLog();
         Harness h(configuration());
         QStringList entries;
-        for (const QAction *action : h.delegate.menu->actions()) {
+        for (const QAction *action : h.delegate.menu->actions())
             entries.append(action->isSeparator() ? QStringLiteral("---") : action->text());
-            QVERIFY2(action->shortcuts().isEmpty(), qPrintable(action->text()));
-        }
         QCOMPARE(entries,
                  QStringList({"Status: Launching...", "Version: --", "---", "Start Agent", "Stop Agent", "---",
                               "Open Cloud Admin", "Check for Updates", "Open Local Admin", "Open Getting Started",
                               "Open Startup Status", "Open Logs", "---", "Run at Startup", "---", "Quit"}));
-        QCOMPARE(h.delegate.menu->actions().at(13), h.delegate.runAtStartupMenuItem());
-        QCOMPARE(h.fakes.statusItem->menu(), h.delegate.menu.get());
         // The offline badge until the first state update; assembling logs nothing.
         QCOMPARE(h.fakes.statusItem->button()->toolTip(), offlineTip);
         QCOMPARE(look(h.fakes.statusItem->button()->image()), look(makeBrandStatusImage(false)));
@@ -93,7 +84,6 @@ private slots:
         QTest::addColumn<MenuRow>("row");
         //                                               update running startIF stopIF runtime  start,stop,pages
         QTest::newRow("as assembled") << MenuRow{false, false, false, false, true, "101"};
-        QTest::newRow("stopped") << MenuRow{true, false, false, false, true, "101"};
         QTest::newRow("running") << MenuRow{true, true, false, false, true, "011"};
         QTest::newRow("running, stopping") << MenuRow{true, true, false, true, true, "001"};
         QTest::newRow("stopped, stopping") << MenuRow{true, false, false, true, true, "101"};
@@ -138,10 +128,8 @@ private slots:
             "State updated: Status: Stopped version=-- running=false"};
         QTest::newRow("same title, new version") << UpdateRow{run, run, "1.1", false, "1.1", nullptr};
         QTest::newRow("empty title at first") << UpdateRow{nullptr, "", "5", true, "5", nullptr};
-        QTest::newRow("version as given") << UpdateRow{run, "Status: Starting...", " 1.0 beta ", false, " 1.0 beta ",
-            "State updated: Status: Starting... version= 1.0 beta  running=false"};
-        QTest::newRow("ampersands") << UpdateRow{run, "Status: R&D && more", "2.0&beta", true, "2.0&beta",
-            "State updated: Status: R&D && more version=2.0&beta running=true"};
+        QTest::newRow("as given") << UpdateRow{run, "Status: R&D && more", " 2.0&beta ", true, " 2.0&beta ",
+            "State updated: Status: R&D && more version= 2.0&beta  running=true"};
         // clang-format on
     }
 
@@ -156,7 +144,6 @@ private slots:
         button->setTitle(QStringLiteral("stale"));
         button->setAppearsDisabled(true);
         const int generation = button->imageGeneration();
-        const qint64 previous = button->image().cacheKey();
         env.markLog();
 
         h.delegate.updateStateMenu(QString::fromUtf8(row.title), QString::fromUtf8(row.version), row.running);
@@ -164,36 +151,32 @@ private slots:
         QCOMPARE(env.messagesSinceMark(), row.logged ? QStringList{QString::fromUtf8(row.logged)} : QStringList());
         QCOMPARE(shownText(h.delegate.stateMenuItem), QString::fromUtf8(row.title));
         QCOMPARE(shownText(h.delegate.versionMenuItem), "Version: " + QString::fromUtf8(row.shownVersion));
-        QCOMPARE(h.delegate.startMenuItem()->isEnabled(), !row.running);
         // A new badge image for every update, logged or not.
-        QVERIFY(button->imageGeneration() == generation + 1 && button->image().cacheKey() != previous);
+        QCOMPARE(button->imageGeneration(), generation + 1);
         QCOMPARE(button->toolTip(), row.running ? runningTip : offlineTip);
         QVERIFY(button->title().isEmpty() && !button->appearsDisabled() && !button->image().isMask());
-        QCOMPARE(button->imagePosition(), StatusButton::ImagePosition::ImageOnly);
+        QVERIFY(button->imagePosition() == StatusButton::ImagePosition::ImageOnly);
         QCOMPARE(look(button->image()), look(makeBrandStatusImage(row.running)));
     }
 
     void checkStateHasThreeWays()
     {
         // Set state, state read back; set from each starting state so that leftovers would show.
-        for (const auto &[state, readBack] : {std::pair{0, 0}, {1, 1}, {-1, -1}, {2, 1}, {-7, -1}}) {
+        for (const auto &[state, readBack] : {std::pair{0, 0}, {1, 1}, {-1, -1}, {2, 1}, {-7, -1}})
             for (int previous : {menuItemStateOff, menuItemStateOn, menuItemStateMixed}) {
-                QAction item(QStringLiteral("Run at Startup"));
+                QAction item; // disabled, as a check mark must not enable it
                 item.setEnabled(false);
                 setMenuItemCheckState(&item, previous);
                 setMenuItemCheckState(&item, state);
-                QCOMPARE(menuItemCheckState(&item), readBack);
-                QVERIFY(item.isCheckable() && !item.isEnabled());
-                QCOMPARE(item.isChecked(), readBack == menuItemStateOn);
-                QCOMPARE(item.icon().isNull(), readBack != menuItemStateMixed);
+                QVERIFY(menuItemCheckState(&item) == readBack && item.isCheckable() && !item.isEnabled());
+                QVERIFY(item.isChecked() == (readBack == 1) && item.icon().isNull() == (readBack != -1));
             }
-        }
         // The mixed mark is a dash across the middle, also at the 16 pixels a D-Bus menu gets.
         QAction item;
         setMenuItemCheckState(&item, menuItemStateMixed);
         const QImage dash = item.icon().pixmap(QSize(16, 16), 1.0).toImage();
-        QVERIFY(qAlpha(dash.pixel(8, 8)) > 200);
-        QVERIFY(qAlpha(dash.pixel(8, 2)) == 0 && qAlpha(dash.pixel(8, 13)) == 0 && qAlpha(dash.pixel(1, 8)) == 0);
+        QVERIFY(qAlpha(dash.pixel(8, 8)) > 200 && qAlpha(dash.pixel(8, 2)) == 0 && qAlpha(dash.pixel(8, 13)) == 0 &&
+                qAlpha(dash.pixel(1, 8)) == 0);
     }
 
     void missingButtonIsLoggedAndTheMenuStillWorks()
@@ -202,7 +185,6 @@ private slots:
         Harness h(configuration(), /*button=*/false);
         QCOMPARE(h.fakes.statusItem->menu(), h.delegate.menu.get());
         h.delegate.updateStateMenu(QStringLiteral("Status: Running"), QStringLiteral("2.0"), true);
-        QVERIFY(h.delegate.stopMenuItem()->isEnabled());
         const QString noButton = QStringLiteral("Status item button was unavailable.");
         QCOMPARE(env.messagesSinceMark(),
                  QStringList({noButton, noButton, "State updated: Status: Running version=2.0 running=true"}));
@@ -225,7 +207,7 @@ private slots:
                                 {"open side", {7.5, 7.5}, {251, 14, 45, 52}, {234, 71, 73, 74}, {1, 2}},
                                 {"outline", {0.95, 9.05}, {209, 63, 136, 160}, {179, 120, 125, 130}, {8}}};
         const QString folder = qEnvironmentVariable("QUILLMERE_TEST_OUTPUT");
-        for (bool running : {true, false}) {
+        for (bool running : {true, false})
             for (int scale : {1, 2, 8}) {
                 const QImage image = look(makeBrandStatusImage(running), scale);
                 QCOMPARE(image.size(), QSize(18, 18) * scale);
@@ -234,21 +216,13 @@ private slots:
                 if (!folder.isEmpty())
                     QVERIFY2(image.save(folder + '/' + name), qPrintable(name));
                 for (const Spot &spot : spots) {
-                    if (!spot.scales.contains(scale))
-                        continue;
                     const QRgb p = image.pixel(int(spot.at.x() * scale), int(spot.at.y() * scale));
                     const QList<int> actual{qAlpha(p), qRed(p), qGreen(p), qBlue(p)};
                     const QList<int> &expected = running ? spot.running : spot.offline;
-                    for (int i = 0; i < 4; ++i)
-                        QVERIFY2(std::abs(actual.at(i) - expected.at(i)) <= 3,
-                                 qPrintable(QStringLiteral("%1, %2: channel %3 is %4, expected %5")
-                                                .arg(name, QLatin1String(spot.name))
-                                                .arg(i)
-                                                .arg(actual.at(i))
-                                                .arg(expected.at(i))));
+                    for (int i = 0; i < 4 && spot.scales.contains(scale); ++i)
+                        QVERIFY2(std::abs(actual[i] - expected[i]) <= 3, qPrintable(name + ' ' + spot.name));
                 }
             }
-        }
     }
 };
 
