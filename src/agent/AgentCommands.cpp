@@ -63,20 +63,25 @@ void AppDelegate::startAgent(bool openStatusPage)
     stopInFlight = false;
     updateStateMenu(QStringLiteral("Status: Starting..."), lastKnownVersion, false);
 
-    ProcessRunner::run(script, {QStringLiteral("start")},
-                       onMainThread(this, [openStatusPage](AppDelegate &self, int exitCode) {
-                           self.startInFlight = false;
-                           self.refreshHealth();
-                           if (exitCode == 0)
-                               return;
-                           AppLogger::shared().log(QStringLiteral("Agent start command failed with exit code ") +
-                                                   QString::number(exitCode));
-                           if (openStatusPage) {
-                               self.openStartupPage(true);
-                               self.openLogs();
-                           }
-                           self.updateStateMenu(QStringLiteral("Status: Start failed"), self.lastKnownVersion, false);
-                       }));
+    ++startScriptsRunning_;
+    ProcessRunner::run(
+        script, {QStringLiteral("start")}, onMainThread(this, [openStatusPage](AppDelegate &self, int exitCode) {
+            self.startInFlight = false;
+            --self.startScriptsRunning_;
+            self.startEndedSinceStopLaunched_ = true;
+            self.refreshHealth();
+            if (exitCode != 0) {
+                AppLogger::shared().log(QStringLiteral("Agent start command failed with exit code ") +
+                                        QString::number(exitCode));
+                if (openStatusPage) {
+                    self.openStartupPage(true);
+                    self.openLogs();
+                }
+                self.updateStateMenu(QStringLiteral("Status: Start failed"), self.lastKnownVersion, false);
+            }
+            if (self.terminationWaitsForStart_)
+                self.answerTerminationOnceStartsHaveEnded();
+        }));
 }
 
 void AppDelegate::requestAgentStop(bool terminateWhenFinished)
@@ -96,6 +101,7 @@ void AppDelegate::requestAgentStop(bool terminateWhenFinished)
 
     stopInFlight = true;
     startInFlight = false;
+    startEndedSinceStopLaunched_ = false;
     updateStateMenu(terminateAfterStop ? QStringLiteral("Status: Stopping and Scanning...")
                                        : QStringLiteral("Status: Stopping..."),
                     lastKnownVersion, false);

@@ -41,7 +41,7 @@ void AppDelegate::startAgentIfNeededOnLaunch()
         AppDelegate &self = *weakSelf;
         // A quit that came in while the launch probe was out has stopped (or is stopping) the
         // agent; starting it now would leave it running after we exit.
-        if (self.terminateAfterStop)
+        if (self.terminateAfterStop || self.terminationReplyPending)
             return;
         if (running) {
             AppLogger::shared().log(QStringLiteral("Agent already healthy during launch."));

@@ -158,6 +158,10 @@ public:
     QSettings &userDefaults();
 
 private:
+    // Gives the deferred termination answer once no start script runs any more, stopping the
+    // agent once more first if a start ended after the last stop was launched.
+    void answerTerminationOnceStartsHaveEnded();
+
     QAction *makeMenuItem(QAction *&storage, const QString &title, void (AppDelegate::*action)());
     QNetworkAccessManager &network();
 
@@ -166,4 +170,9 @@ private:
     ApplicationHost *application_;
     std::unique_ptr<QSettings> userDefaults_;
     QNetworkAccessManager *network_ = nullptr;
+    // startInFlight is cleared by a stop or a running health answer while the script may still
+    // run; quitting needs to know what really runs.
+    int startScriptsRunning_ = 0;
+    bool startEndedSinceStopLaunched_ = false;
+    bool terminationWaitsForStart_ = false;
 };

@@ -4,6 +4,7 @@
 #include "app/log/AppLogger.h"
 
 #include <QTimer>
+#include <utility>
 
 ApplicationHost::TerminateReply AppDelegate::applicationShouldTerminate()
 {
@@ -29,6 +30,21 @@ void AppDelegate::finishTerminationAfterStop(int exitCode)
     AppLogger::shared().log(QStringLiteral("Termination stop finished with exit code ") + QString::number(exitCode) +
                             QLatin1Char('.'));
     terminateAfterStop = false;
+    answerTerminationOnceStartsHaveEnded();
+}
+
+void AppDelegate::answerTerminationOnceStartsHaveEnded()
+{
+    // A start script still running may bring the agent up after the stop: exiting now would leave
+    // it running with nobody to stop it. The start's completion comes back here.
+    terminationWaitsForStart_ = startScriptsRunning_ > 0;
+    if (terminationWaitsForStart_)
+        return;
+    // Cleared before the stop runs: a stop that cannot be launched must not come back here forever.
+    if (std::exchange(startEndedSinceStopLaunched_, false)) {
+        requestAgentStop(true);
+        return;
+    }
     if (terminationReplyPending) {
         terminationReplyPending = false;
         if (application_)
