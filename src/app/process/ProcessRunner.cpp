@@ -2,20 +2,23 @@
 
 #include "app/log/AppLogger.h"
 
+#include <QCoreApplication>
 #include <QProcess>
 #include <QStringDecoder>
 #include <QThreadPool>
 
 namespace {
 
-// Children run on threads of their own pool: a script that never ends must not starve other
-// runs, and the pool is never destroyed, so a hung child cannot hold up the process's exit.
+// Children run on threads of their own pool, so that a script that never ends does not starve
+// other runs. The application waits for the pool as it goes: a child is never abandoned to run
+// on after the program has exited.
 QThreadPool &processPool()
 {
     static QThreadPool *pool = [] {
         auto *created = new QThreadPool;
         created->setMaxThreadCount(64);
         created->setExpiryTimeout(30'000);
+        qAddPostRoutine([] { processPool().waitForDone(); });
         return created;
     }();
     return *pool;

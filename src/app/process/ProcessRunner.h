@@ -21,6 +21,7 @@ public:
     // Blocks the calling thread until the child has exited. A child that cannot be started
     // gives exit code 1, empty output and the start error's description as standard error.
     static ProcessResult runSync(const QString &executablePath, const QStringList &arguments);
-    // Runs runSync on a background thread and calls completion there, exactly once.
+    // Runs runSync on a background thread and calls completion there, exactly once. The
+    // application object, as it is destroyed, waits for every child started this way to end.
     static void run(const QString &executablePath, const QStringList &arguments, Completion completion);
 };
