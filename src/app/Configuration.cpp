@@ -63,7 +63,7 @@ Configuration Configuration::fromEnvironment()
     config.homeDirectory = home;
     config.applicationSupportDirectory = applicationSupportDirectoryFromEnvironment();
     config.configDirectory = environmentPath("XDG_CONFIG_HOME", home + QStringLiteral("/.config"));
-    config.runtimeStateDirectory = environmentPath("XDG_RUNTIME_DIR", QDir::tempPath());
+    config.runtimeStateDirectory = environmentPath("XDG_RUNTIME_DIR", QString());
 
     // <prefix>/bin/quillmere-menu finds its resources in <prefix>/share/quillmere-menu.
     const QString binDir = QCoreApplication::applicationDirPath();

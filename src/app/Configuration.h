@@ -37,7 +37,8 @@ struct Configuration {
     QString applicationSupportDirectory;
     // Per-user configuration folder ($XDG_CONFIG_HOME): user defaults and autostart entries.
     QString configDirectory;
-    // Per-user runtime folder ($XDG_RUNTIME_DIR): the single-instance lock.
+    // Per-user runtime folder ($XDG_RUNTIME_DIR, empty when the session has none): the
+    // single-instance lock.
     QString runtimeStateDirectory;
     // The bundle stand-in: resource folder (none when the bundle has none), its Info.plist and
     // the executable.

@@ -7,6 +7,8 @@
 #include "platform/linux/TrayStatusItem.h"
 #include "platform/linux/XdgOpener.h"
 
+#include <QDir>
+
 PlatformServices PlatformServices::forThisSystem(const Configuration &configuration)
 {
     PlatformServices services;
@@ -18,6 +20,7 @@ PlatformServices PlatformServices::forThisSystem(const Configuration &configurat
     services.workspaceNotifications = std::make_unique<WorkspaceNotificationCenter>();
     services.volumeEventSource =
         std::make_unique<MountInfoWatcher>(configuration.volumeMountDirectory, services.workspaceNotifications.get());
-    services.runningApplications = std::make_unique<LockFileRunningApplications>(configuration.runtimeStateDirectory);
+    services.runningApplications =
+        std::make_unique<LockFileRunningApplications>(configuration.runtimeStateDirectory, QDir::tempPath());
     return services;
 }
