@@ -29,8 +29,8 @@ InstalledProgram::~InstalledProgram()
 QProcess *InstalledProgram::start(quint16 agentPort, const QStringList &arguments, const QString &user)
 {
     const QString run = root() + QStringLiteral("/xdg-runtime"), volumes = root() + QStringLiteral("/volumes"),
-                  dataHome = homeOf(user) + QStringLiteral("/.local/share");
-    for (const QString &path : {dataHome, configHomeOf(user), run, volumes})
+                  dataHome = homeOf(user) + QStringLiteral("/.local/share"), temp = root() + QStringLiteral("/tmp");
+    for (const QString &path : {dataHome, configHomeOf(user), run, volumes, temp})
         QDir().mkpath(path);
     // A session runtime folder belongs to its user alone; Qt warns about anything wider.
     QFile::setPermissions(run, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
@@ -45,6 +45,7 @@ QProcess *InstalledProgram::start(quint16 agentPort, const QStringList &argument
         {"XDG_DATA_HOME", dataHome},
         {"XDG_CONFIG_HOME", configHomeOf(user)},
         {"XDG_RUNTIME_DIR", run},
+        {"TMPDIR", temp},
         {"QUILLMERE_AGENT_PORT", QString::number(agentPort)},
         {"QUILLMERE_VOLUMES_DIR", volumes},
         {"PATH", root() + QStringLiteral("/fakebin:") + environment.value(QStringLiteral("PATH"))}};

@@ -1,6 +1,6 @@
 // The built program copied into a temporary install tree (bin/, share/quillmere-menu/ with
-// Info.plist and runtime/), run as a real process with its own HOME, XDG folders, agent port
-// and a recording xdg-open first on PATH.
+// Info.plist and runtime/), run as a real process with its own HOME, XDG and temporary folders,
+// agent port and a recording xdg-open first on PATH.
 #pragma once
 
 #include <QProcess>

@@ -1,5 +1,6 @@
 // Orderly termination: the agent is stopped once before the application goes, whoever asks and
-// however often; the real program does the same on SIGTERM, and a second copy leaves at once.
+// however often, and not before a start still running has ended; the real program does the same
+// on SIGTERM, and a second copy leaves at once, even where the session's runtime folder is unusable.
 #include "app/AppDelegate.h"
 #include "support/FakeAgent.h"
 #include "support/FakeControlScript.h"
@@ -7,9 +8,13 @@
 #include "support/InstalledProgram.h"
 #include <QAction>
 #include <QElapsedTimer>
+#include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTest>
 #include <csignal>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
 
 static const QString quitLine = QStringLiteral("Quit requested from menu.");
 static const QString requestLine = QStringLiteral("Application termination requested. Stopping agent before exit.");
@@ -117,6 +122,22 @@ private slots:
         QCOMPARE(log.count(lastLine), 1);
     }
 
+    void aStartEndingDuringTheQuitStopIsStoppedAgain()
+    {
+        makeController();
+        delegate->startAgent(false);
+        QTRY_COMPARE(script->runs().size(), 1);
+        delegate->quitApp();
+        QTRY_COMPARE(script->runs().size(), 2);
+        script->release(QStringLiteral("start"));
+        QVERIFY(env.waitForLogMessage(QStringLiteral("Process exited with code 0"))); // the start's
+        script->release(QStringLiteral("stop"));
+        QVERIFY(terminated->wait(10000));
+        QCOMPARE(script->runs(),
+                 (QList<QStringList>{{QStringLiteral("start")}, {QStringLiteral("stop")}, {QStringLiteral("stop")}}));
+        QCOMPARE(env.messagesSinceMark().count(QStringLiteral("Termination stop finished with exit code 0.")), 2);
+    }
+
     void quitDuringTheLaunchProbeStartsNoAgent()
     {
         // The agent is down and slow to say so: the quit lands while the launch probe is out.
@@ -134,13 +155,26 @@ private slots:
         QVERIFY(!env.messagesSinceMark().contains(QStringLiteral("Agent not healthy during launch. Starting agent.")));
     }
 
-    void realProgramLeavesOnceAsSecondCopyAndStopsOnSigterm()
+    void realProgramLeavesOnceAsSecondCopyAndWaitsForTheStartOnSigterm_data()
     {
+        QTest::addColumn<bool>("runtimeFolderUsable");
+        QTest::newRow("lock in the runtime folder") << true;
+        QTest::newRow("runtime folder unusable") << false; // a file in its place: not even root writes there
+    }
+    // The launch start is still running at SIGTERM and brings the agent up only after the stop.
+    void realProgramLeavesOnceAsSecondCopyAndWaitsForTheStartOnSigterm()
+    {
+        QFETCH(bool, runtimeFolderUsable);
         InstalledProgram program;
+        const QString agentUp = program.root() + QStringLiteral("/agent-up"), run = program.root() + "/xdg-runtime"_L1;
         FakeControlScript realScript(program.controlScript());
-        realScript.write();
+        realScript.write({0, true, "touch "_L1 + TestEnvironment::shellQuoted(agentUp)},
+                         {0, false, "rm -f "_L1 + TestEnvironment::shellQuoted(agentUp)});
+        if (!runtimeFolderUsable)
+            writeFile(run, {});
+        agent->setHealthDown();
         QProcess *first = program.start(agent->port());
-        QTRY_VERIFY_WITH_TIMEOUT(program.logMessages().contains("Agent already healthy during launch."), 15000);
+        QTRY_COMPARE_WITH_TIMEOUT(realScript.runs(), QList<QStringList>{QStringList{QStringLiteral("start")}}, 15000);
 
         // Same session (instance lock), own data folder so its log stands alone.
         QElapsedTimer clock;
@@ -149,22 +183,35 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(second->state(), QProcess::NotRunning, 15000);
         QVERIFY2(clock.elapsed() < 5000, "the second copy should leave at once");
         QCOMPARE(second->exitCode(), 0);
-        QCOMPARE(program.logMessages(QStringLiteral("second")),
-                 QStringList({QStringLiteral("Application did finish launching."),
+        const QString lockLine = "Single-instance lock cannot be created in "_L1 + run +
+                                 " (it is not a folder). Using "_L1 + program.root() +
+                                 "/tmp/" QUILLMERE_BUNDLE_IDENTIFIER "-"_L1 + QString::number(::getuid()) +
+                                 ".lock instead."_L1;
+        QStringList secondLog{QStringLiteral("Application did finish launching."),
                               QStringLiteral("Duplicate app instance detected. Terminating new instance."),
-                              QStringLiteral("Termination requested with stop bypass enabled."), lastLine}));
-        QVERIFY(realScript.runs().isEmpty());
+                              QStringLiteral("Termination requested with stop bypass enabled."), lastLine};
+        if (!runtimeFolderUsable)
+            secondLog.insert(1, lockLine);
+        QCOMPARE(program.logMessages(QStringLiteral("second")), secondLog);
+        QCOMPARE(program.logMessages().contains(lockLine), !runtimeFolderUsable);
         QCOMPARE(first->state(), QProcess::Running);
 
         ::kill(pid_t(first->processId()), SIGTERM);
+        const QString stopped = QStringLiteral("Termination stop finished with exit code 0.");
+        QTRY_VERIFY_WITH_TIMEOUT(program.logMessages().contains(stopped), 15000);
+        QCOMPARE(first->state(), QProcess::Running); // the start has not ended: no final answer yet
+        ::kill(pid_t(first->processId()), SIGTERM);  // a repeated request starts nothing new
+        realScript.release(QStringLiteral("start"));
         QTRY_COMPARE_WITH_TIMEOUT(first->state(), QProcess::NotRunning, 15000);
         QCOMPARE(first->exitStatus(), QProcess::NormalExit);
         QCOMPARE(first->exitCode(), 0);
-        QCOMPARE(realScript.runs(), QList<QStringList>{QStringList{QStringLiteral("stop")}});
-        const QStringList log = program.logMessages(); // every queued line lands before the exit
-        QCOMPARE(log.count(requestLine), 1);
-        QCOMPARE(log.mid(log.size() - 2),
-                 QStringList({QStringLiteral("Termination stop finished with exit code 0."), lastLine}));
+        QVERIFY2(!QFile::exists(agentUp), "the agent the start brought up is still running");
+        const QString stop = "Launching process: "_L1 + realScript.path() + " stop"_L1,
+                      exited = "Process exited with code 0"_L1;
+        QStringList log = program.logMessages(); // every queued line lands before the exit
+        log = log.mid(log.indexOf(requestLine))
+                  .filter(QRegularExpression("^(Launching|Process|Termination|Application)"_L1));
+        QCOMPARE(log, QStringList({requestLine, stop, exited, stopped, exited, stop, exited, stopped, lastLine}));
     }
 };
 
