@@ -19,10 +19,8 @@ const QString noTrayBody =
                    "supervised. To quit, send SIGTERM to quillmere-menu or log out: either stops the agent first. "
                    "On GNOME, install an AppIndicator/KStatusNotifierItem extension to see the icon.");
 
-// Qt settles once per process, when the first tray icon is made, whether the tray speaks
-// StatusNotifierItem or XEmbed, and never looks again: the icon is made only once the desktop
-// has a tray, so that a panel started after the program is still used the way it talks.
-bool trayHostsExist()
+// Qt's headless platforms have no tray to wait for.
+bool onDesktop()
 {
     const QString platform = QGuiApplication::platformName();
     return platform != QLatin1String("offscreen") && platform != QLatin1String("minimal");
@@ -41,14 +39,16 @@ void notifyNoTray()
 
 } // namespace
 
+// Qt settles once per process, when the first tray icon is made, whether the tray speaks
+// StatusNotifierItem or XEmbed, and never looks again: the icon is made only once the desktop has
+// a tray, so that a panel started after the program (as at login) is still used the way it talks.
 LinuxTrayStatusItem::LinuxTrayStatusItem() : TrayStatusItem(Start::WhenHostReady)
 {
-    if (!trayHostsExist()) {
-        startOn(TrayHostWatcher::Host::None);
+    if (!onDesktop()) {
+        start();
         return;
     }
-    QObject::connect(&hostWatcher_, &TrayHostWatcher::hostAppeared, &hostWatcher_,
-                     [this](TrayHostWatcher::Host host) { startOn(host); });
+    QObject::connect(&hostWatcher_, &TrayHostWatcher::hostAppeared, &hostWatcher_, [this] { start(); });
     noTrayNotice_.setSingleShot(true);
     noTrayNotice_.setInterval(noTrayNoticeDelayMs);
     QObject::connect(&noTrayNotice_, &QTimer::timeout, &hostWatcher_, [] {
@@ -60,7 +60,7 @@ LinuxTrayStatusItem::LinuxTrayStatusItem() : TrayStatusItem(Start::WhenHostReady
     hostWatcher_.watch();
 }
 
-void LinuxTrayStatusItem::startOn(TrayHostWatcher::Host)
+void LinuxTrayStatusItem::start()
 {
     noTrayNotice_.stop();
     QSystemTrayIcon *tray = createTrayIcon();

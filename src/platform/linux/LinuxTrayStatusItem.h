@@ -12,7 +12,7 @@ public:
     LinuxTrayStatusItem();
 
 private:
-    void startOn(TrayHostWatcher::Host host);
+    void start();
     void popUpMenu();
 
     TrayHostWatcher hostWatcher_;

@@ -39,6 +39,30 @@ xcb_window_t rootWindow(xcb_connection_t *connection, int screenNumber)
 
 TrayHostWatcher::TrayHostWatcher(QObject *parent) : QObject(parent)
 {
+    connect(&busWatcher_, &QDBusServiceWatcher::serviceRegistered, this, &TrayHostWatcher::check);
+    xembedPoll_.setInterval(xembedCheckIntervalMs);
+    connect(&xembedPoll_, &QTimer::timeout, this, &TrayHostWatcher::check);
+}
+
+TrayHostWatcher::~TrayHostWatcher()
+{
+    if (watching_ && traySelection_)
+        qGuiApp->removeNativeEventFilter(this);
+}
+
+bool TrayHostWatcher::hostPresent() const
+{
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    return (bus.isConnected() && bus.interface() &&
+            bus.interface()->isServiceRegistered(statusNotifierWatcherService).value()) ||
+           xembedTrayOwned();
+}
+
+void TrayHostWatcher::watch()
+{
+    if (watching_)
+        return;
+    watching_ = true;
     if (xcb_connection_t *connection = x11Connection()) {
         // The screen Qt connected to: the one DISPLAY names.
         int screenNumber = 0;
@@ -69,31 +93,6 @@ TrayHostWatcher::TrayHostWatcher(QObject *parent) : QObject(parent)
         // Listening starts before the first question, so a host that appears in between is not missed.
         busWatcher_.addWatchedService(statusNotifierWatcherService);
     }
-    connect(&busWatcher_, &QDBusServiceWatcher::serviceRegistered, this, &TrayHostWatcher::check);
-    xembedPoll_.setInterval(xembedCheckIntervalMs);
-    connect(&xembedPoll_, &QTimer::timeout, this, &TrayHostWatcher::check);
-}
-
-TrayHostWatcher::~TrayHostWatcher()
-{
-    if (watching_ && traySelection_)
-        qGuiApp->removeNativeEventFilter(this);
-}
-
-TrayHostWatcher::Host TrayHostWatcher::currentHost() const
-{
-    QDBusConnection bus = QDBusConnection::sessionBus();
-    if (bus.isConnected() && bus.interface() &&
-        bus.interface()->isServiceRegistered(statusNotifierWatcherService).value())
-        return Host::StatusNotifier;
-    return xembedTrayOwned() ? Host::XEmbed : Host::None;
-}
-
-void TrayHostWatcher::watch()
-{
-    if (watching_)
-        return;
-    watching_ = true;
     if (traySelection_) {
         qGuiApp->installNativeEventFilter(this);
         xembedPoll_.start();
@@ -117,15 +116,14 @@ void TrayHostWatcher::check()
 {
     if (!watching_)
         return;
-    const Host host = currentHost();
-    if (host == Host::None)
+    if (!hostPresent())
         return;
     watching_ = false;
     xembedPoll_.stop();
     busWatcher_.setWatchedServices({});
     if (traySelection_)
         qGuiApp->removeNativeEventFilter(this);
-    emit hostAppeared(host);
+    emit hostAppeared();
 }
 
 bool TrayHostWatcher::nativeEventFilter(const QByteArray &eventType, void *message, qintptr *)

@@ -1,5 +1,6 @@
 // Finds the tray a desktop offers: a StatusNotifierItem host on the session bus, or on X11 an
-// XEmbed system tray. Without either it waits, without waking the process, for the first to appear.
+// XEmbed system tray. Without either it waits for the first to appear, told by the bus and by the
+// X server, and otherwise wakes only for a check every two seconds.
 #pragma once
 
 #include <QAbstractNativeEventFilter>
@@ -10,21 +11,19 @@
 class TrayHostWatcher : public QObject, private QAbstractNativeEventFilter {
     Q_OBJECT
 public:
-    enum class Host { None, StatusNotifier, XEmbed };
-
     explicit TrayHostWatcher(QObject *parent = nullptr);
     ~TrayHostWatcher() override;
 
-    // The tray there is now; a StatusNotifierItem host wins over an XEmbed tray.
-    Host currentHost() const;
-    // Reports the first tray to appear from now on with hostAppeared, once.
+    // Reports the tray there is, or else the first to appear, with hostAppeared, once. Qt itself
+    // then prefers a StatusNotifierItem host to an XEmbed tray.
     void watch();
 
 signals:
-    void hostAppeared(TrayHostWatcher::Host host);
+    void hostAppeared();
 
 private:
     bool nativeEventFilter(const QByteArray &eventType, void *message, qintptr *result) override;
+    bool hostPresent() const;
     bool xembedTrayOwned() const;
     void check();
 
