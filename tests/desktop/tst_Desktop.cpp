@@ -61,32 +61,26 @@ bool isBadgeGrey(QRgb pixel)
     const QColor c(pixel);
     return qAbs(c.red() - c.blue()) < 25 && qAbs(c.red() - c.green()) < 25 && c.value() > 40 && c.value() < 150;
 }
-int countIn(const QImage &image, const QRect &area, bool (*matches)(QRgb))
+// The bounds of the points in an area that match, and how many match.
+template <typename Matches>
+QRect matching(const QRect &area, Matches matches, int *count = nullptr)
 {
-    int count = 0;
+    QRect bounds;
     for (int y = area.top(); y <= area.bottom(); ++y)
         for (int x = area.left(); x <= area.right(); ++x)
-            count += matches(image.pixel(x, y)) ? 1 : 0;
+            if (matches(x, y)) {
+                bounds |= QRect(x, y, 1, 1);
+                if (count)
+                    ++*count;
+            }
+    return bounds;
+}
+int countIn(const QImage &image, const QRect &area, bool (*isColour)(QRgb))
+{
+    int count = 0;
+    matching(
+        area, [&](int x, int y) { return isColour(image.pixel(x, y)); }, &count);
     return count;
-}
-QRect cyanArea(const QImage &image)
-{
-    QRect area;
-    for (int y = 0; y < image.height(); ++y)
-        for (int x = 0; x < image.width(); ++x)
-            if (isBadgeCyan(image.pixel(x, y)))
-                area |= QRect(x, y, 1, 1);
-    return area;
-}
-
-QRect changedArea(const QImage &before, const QImage &now)
-{
-    QRect changed;
-    for (int y = 0; y < now.height(); ++y)
-        for (int x = 0; x < now.width(); ++x)
-            if (now.pixel(x, y) != before.pixel(x, y))
-                changed |= QRect(x, y, 1, 1);
-    return changed;
 }
 
 // Waits until the screen differs from before in an area at least minimum in size and holds still
@@ -96,7 +90,7 @@ QRect waitForChange(const QImage &before, QSize minimum, QImage *settled)
     QImage previous = before;
     for (QDeadlineTimer deadline(timeoutMs); !deadline.hasExpired(); QTest::qWait(150)) {
         const QImage now = grabScreen();
-        const QRect changed = changedArea(before, now);
+        const QRect changed = matching(now.rect(), [&](int x, int y) { return now.pixel(x, y) != before.pixel(x, y); });
         const bool still = now == previous;
         previous = now;
         if (still && changed.width() >= minimum.width() && changed.height() >= minimum.height()) {
@@ -119,12 +113,10 @@ std::optional<QString> runTool(const QString &tool, const QStringList &arguments
 {
     QProcess process;
     process.start(tool, arguments);
-    if (!process.waitForFinished(10000) || process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0)
-        qWarning().noquote() << tool << arguments << "failed:" << process.errorString()
-                             << process.readAllStandardError();
-    if (process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0)
-        return std::nullopt;
-    return QString::fromUtf8(process.readAllStandardOutput());
+    if (process.waitForFinished(10000) && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0)
+        return QString::fromUtf8(process.readAllStandardOutput());
+    qWarning().noquote() << tool << arguments << "failed:" << process.errorString() << process.readAllStandardError();
+    return std::nullopt;
 }
 bool click(QPoint at)
 {
@@ -277,8 +269,9 @@ private slots:
     {
         QVERIFY2(QDBusConnection::sessionBus().isConnected(), "needs a session bus (run under dbus-run-session)");
         QVERIFY2(QGuiApplication::platformName() == "xcb"_L1, "needs an X display (run under xvfb-run)");
-        agent_.setHealthy(u"1.4.2"_s);
     }
+
+    void init() { agent_.setHealthy(u"1.4.2"_s); }
 
     void cleanup()
     {
@@ -290,11 +283,23 @@ private slots:
         desktopPrograms_.clear();
     }
 
+    void xfcePanel_data()
+    {
+        QTest::addColumn<bool>("panelFirst");
+        QTest::newRow("panel before the program") << true;
+        QTest::newRow("panel right after the program, as at login") << false;
+    }
+
     void xfcePanel()
     {
-        startXfcePanel();
+        QFETCH(bool, panelFirst);
+        if (panelFirst)
+            startXfcePanel();
         auto program = makeProgram();
         QProcess *process = program->start(agent_.port());
+        if (!panelFirst)
+            startXfcePanel();
+        const QString row = panelFirst ? u"first"_s : u"late"_s;
 
         // The running badge on the panel, drawn and holding still.
         QRect badge;
@@ -302,22 +307,23 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(
             [&] {
                 const QImage now = grabScreen();
-                const QRect found = cyanArea(now);
+                const QRect found = matching(now.rect(), [&](int x, int y) { return isBadgeCyan(now.pixel(x, y)); });
                 const bool still = !found.isEmpty() && found == badge && now == screen;
                 badge = found;
                 screen = now;
                 return still && found.width() >= 8 && found.height() >= 8;
             }(),
             timeoutMs);
-        savePicture(screen, u"xfce-panel-running.png"_s);
+        savePicture(screen, "xfce-panel-%1-running.png"_L1.arg(row));
 
         QRect menu;
         const QImage menuShown = openMenu(badge.center(), &menu);
         QVERIFY2(!menu.isEmpty(), "no menu opened from the icon");
         // The panel and the menu, for the README.
-        savePicture(
-            menuShown.copy(QRect(QPoint(0, 0), menu.bottomRight() + QPoint(200, 12)).intersected(menuShown.rect())),
-            u"panel-menu.png"_s);
+        if (panelFirst)
+            savePicture(
+                menuShown.copy(QRect(QPoint(0, 0), menu.bottomRight() + QPoint(200, 12)).intersected(menuShown.rect())),
+                u"panel-menu.png"_s);
 
         // The first item a user can choose while the agent runs is "Stop Agent".
         QVERIFY(chooseItem(menuShown, u"Down"_s));
@@ -331,7 +337,7 @@ private slots:
                        countIn(screen, badge, isBadgeGrey) > badge.width() * badge.height() / 4;
             }(),
             timeoutMs);
-        savePicture(screen, u"xfce-panel-offline.png"_s);
+        savePicture(screen, "xfce-panel-%1-offline.png"_L1.arg(row));
 
         // Quit is the last item; it stops the agent once more, then the program exits.
         const QImage again = openMenu(badge.center(), &menu);
