@@ -2,12 +2,15 @@
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QDBusVariant>
 #include <QGuiApplication>
 #include <xcb/xcb.h>
 
 namespace {
 
 const QString statusNotifierWatcherService = QStringLiteral("org.kde.StatusNotifierWatcher");
+const QString statusNotifierWatcherPath = QStringLiteral("/StatusNotifierWatcher");
 // An XEmbed tray that starts announces itself to the root window; one that does not is still
 // found by this slow check, the only wake-up while nothing is there.
 constexpr int xembedCheckIntervalMs = 2000;
@@ -52,10 +55,23 @@ TrayHostWatcher::~TrayHostWatcher()
 
 bool TrayHostWatcher::hostPresent() const
 {
+    return statusNotifierHostRegistered() || xembedTrayOwned();
+}
+
+// What Qt asks when it makes the icon: a watcher alone is not enough, a host that shows the items
+// must have registered with it.
+bool TrayHostWatcher::statusNotifierHostRegistered() const
+{
     QDBusConnection bus = QDBusConnection::sessionBus();
-    return (bus.isConnected() && bus.interface() &&
-            bus.interface()->isServiceRegistered(statusNotifierWatcherService).value()) ||
-           xembedTrayOwned();
+    if (!bus.isConnected() || !bus.interface() ||
+        !bus.interface()->isServiceRegistered(statusNotifierWatcherService).value())
+        return false;
+    QDBusMessage get =
+        QDBusMessage::createMethodCall(statusNotifierWatcherService, statusNotifierWatcherPath,
+                                       QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
+    get.setArguments({statusNotifierWatcherService, QStringLiteral("IsStatusNotifierHostRegistered")});
+    const QDBusMessage reply = bus.call(get);
+    return !reply.arguments().isEmpty() && reply.arguments().constFirst().value<QDBusVariant>().variant().toBool();
 }
 
 void TrayHostWatcher::watch()
@@ -92,6 +108,9 @@ void TrayHostWatcher::watch()
         busWatcher_.setWatchMode(QDBusServiceWatcher::WatchForRegistration);
         // Listening starts before the first question, so a host that appears in between is not missed.
         busWatcher_.addWatchedService(statusNotifierWatcherService);
+        // A panel registers its watcher first and its host a moment later.
+        bus.connect(statusNotifierWatcherService, statusNotifierWatcherPath, statusNotifierWatcherService,
+                    QStringLiteral("StatusNotifierHostRegistered"), this, SLOT(check()));
     }
     if (traySelection_) {
         qGuiApp->installNativeEventFilter(this);
@@ -121,6 +140,9 @@ void TrayHostWatcher::check()
     watching_ = false;
     xembedPoll_.stop();
     busWatcher_.setWatchedServices({});
+    QDBusConnection::sessionBus().disconnect(statusNotifierWatcherService, statusNotifierWatcherPath,
+                                             statusNotifierWatcherService,
+                                             QStringLiteral("StatusNotifierHostRegistered"), this, SLOT(check()));
     if (traySelection_)
         qGuiApp->removeNativeEventFilter(this);
     emit hostAppeared();

@@ -24,9 +24,13 @@ signals:
 private:
     bool nativeEventFilter(const QByteArray &eventType, void *message, qintptr *result) override;
     bool hostPresent() const;
+    bool statusNotifierHostRegistered() const;
     bool xembedTrayOwned() const;
+
+private slots:
     void check();
 
+private:
     QDBusServiceWatcher busWatcher_;
     QTimer xembedPoll_;
     quint32 traySelection_ = 0; // the _NET_SYSTEM_TRAY_S<screen> atom, 0 without X11
