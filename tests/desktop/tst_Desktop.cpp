@@ -184,18 +184,17 @@ class DesktopTest : public QObject {
     QTemporaryDir desktopDir_;
     std::vector<std::unique_ptr<QProcess>> desktopPrograms_;
 
-    // Starts a panel or compositor that stays until the test function ends.
-    QProcess *startDesktopProgram(const QString &program, const QStringList &arguments,
-                                  const QProcessEnvironment &environment = QProcessEnvironment::systemEnvironment())
+    // Starts a panel or compositor that stays until the test function ends; one that is not
+    // installed fails the test.
+    void startDesktopProgram(const QString &program, const QStringList &arguments,
+                             const QProcessEnvironment &environment = QProcessEnvironment::systemEnvironment())
     {
         auto &process = desktopPrograms_.emplace_back(std::make_unique<QProcess>());
         process->setProcessEnvironment(environment);
         process->setStandardOutputFile(QProcess::nullDevice());
         process->setStandardErrorFile(QProcess::nullDevice());
         process->start(program, arguments);
-        if (!process->waitForStarted(10000))
-            qWarning().noquote() << program << "did not start:" << process->errorString();
-        return process.get();
+        QVERIFY2(process->waitForStarted(10000), qPrintable(program + u": "_s + process->errorString()));
     }
     std::unique_ptr<FakeControlScript> control_;
 
