@@ -147,6 +147,13 @@ QRect embeddedIconIn(const QString &panelName)
     return {};
 }
 
+QVariant busProperty(const QString &service, const QString &path, const QString &interface, const QString &name)
+{
+    QDBusMessage get = QDBusMessage::createMethodCall(service, path, u"org.freedesktop.DBus.Properties"_s, u"Get"_s);
+    get.setArguments({interface, name});
+    return QDBusConnection::sessionBus().call(get).arguments().value(0).value<QDBusVariant>().variant();
+}
+
 // The top level of a dbusmenu layout as a panel shows it: labels, "-" for separators.
 QStringList menuLabels(const QString &service, const QString &path)
 {
@@ -426,33 +433,17 @@ private slots:
         QProcess *process = program->start(agent_.port());
         qunsetenv("WAYLAND_DISPLAY");
 
-        QDBusMessage get = QDBusMessage::createMethodCall(watcherService, u"/StatusNotifierWatcher"_s,
-                                                          u"org.freedesktop.DBus.Properties"_s, u"Get"_s);
-        get.setArguments({watcherService, u"RegisteredStatusNotifierItems"_s});
-        QStringList items;
-        QTRY_VERIFY_WITH_TIMEOUT(!(items = QDBusConnection::sessionBus()
-                                               .call(get)
-                                               .arguments()
-                                               .value(0)
-                                               .value<QDBusVariant>()
-                                               .variant()
+        QStringList items; // each "<bus name>[/<object path>]"
+        QTRY_VERIFY_WITH_TIMEOUT(!(items = busProperty(watcherService, u"/StatusNotifierWatcher"_s, watcherService,
+                                                       u"RegisteredStatusNotifierItems"_s)
                                                .toStringList())
                                       .isEmpty(),
                                  timeoutMs);
         const QString service = items[0].section(u'/', 0, 0);
         const QString itemPath =
             items[0].mid(service.size()).isEmpty() ? u"/StatusNotifierItem"_s : items[0].mid(service.size());
-        QDBusMessage menuPath =
-            QDBusMessage::createMethodCall(service, itemPath, u"org.freedesktop.DBus.Properties"_s, u"Get"_s);
-        menuPath.setArguments({u"org.kde.StatusNotifierItem"_s, u"Menu"_s});
-        const QString path = QDBusConnection::sessionBus()
-                                 .call(menuPath)
-                                 .arguments()
-                                 .value(0)
-                                 .value<QDBusVariant>()
-                                 .variant()
-                                 .value<QDBusObjectPath>()
-                                 .path();
+        const QString path =
+            busProperty(service, itemPath, u"org.kde.StatusNotifierItem"_s, u"Menu"_s).value<QDBusObjectPath>().path();
         QTRY_COMPARE_WITH_TIMEOUT(menuLabels(service, path).value(0), u"Status: Running"_s, timeoutMs);
         QCOMPARE(menuLabels(service, path),
                  QStringList({"Status: Running", "Version: 1.4.2", "-", "Start Agent", "Stop Agent", "-",
