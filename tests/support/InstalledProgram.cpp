@@ -5,7 +5,8 @@
 
 #include <QProcessEnvironment>
 
-InstalledProgram::InstalledProgram(bool onDesktop) : onDesktop_(onDesktop)
+InstalledProgram::InstalledProgram(bool onDesktop, const QString &desktopPlatform)
+    : onDesktop_(onDesktop), desktopPlatform_(desktopPlatform)
 {
     QDir().mkpath(runtimeDir());
     QDir().mkpath(root() + QStringLiteral("/bin"));
@@ -40,7 +41,7 @@ QProcess *InstalledProgram::start(quint16 agentPort, const QStringList &argument
             environment.remove(QString::fromLatin1(name));
     }
     const QList<std::pair<const char *, QString>> settings = {
-        {"QT_QPA_PLATFORM", onDesktop_ ? QStringLiteral("xcb") : QStringLiteral("offscreen")},
+        {"QT_QPA_PLATFORM", onDesktop_ ? desktopPlatform_ : QStringLiteral("offscreen")},
         {"HOME", homeOf(user)},
         {"XDG_DATA_HOME", dataHome},
         {"XDG_CONFIG_HOME", configHomeOf(user)},

@@ -11,8 +11,8 @@
 class InstalledProgram {
 public:
     // Headless by default (offscreen, no display, no session bus); on the desktop a copy keeps
-    // the test's display and session bus and uses the X11 platform.
-    explicit InstalledProgram(bool onDesktop = false);
+    // the test's display and session bus and uses the given Qt platform.
+    explicit InstalledProgram(bool onDesktop = false, const QString &desktopPlatform = QStringLiteral("xcb"));
     ~InstalledProgram();
 
     QString root() const { return dir_.path(); }
@@ -35,5 +35,6 @@ public:
 private:
     QTemporaryDir dir_;
     bool onDesktop_;
+    QString desktopPlatform_;
     std::vector<std::unique_ptr<QProcess>> processes_;
 };

@@ -26,6 +26,7 @@
 #include <QThread>
 #include <QTimer>
 #include <QtEndian>
+#include <atomic>
 
 using namespace Qt::StringLiterals;
 
@@ -53,20 +54,26 @@ public:
         items.removeDuplicates();
         return items;
     }
-    bool hostRegistered() const { return true; }
+    bool hostRegistered() const
+    {
+        hostAsked_ = true;
+        return hasHost_;
+    }
+    bool hostAsked() const { return hostAsked_; }
     // Takes or gives up the well-known name, as a panel that starts or exits; items are forgotten.
-    bool run(bool running)
+    // A panel's host may register a moment after its watcher.
+    bool run(bool running, bool withHost = true)
     {
         {
             QMutexLocker lock(&mutex_);
             items_.clear();
         }
+        hasHost_ = withHost;
+        hostAsked_ = false;
         bus.unregisterService(watcherService);
         bus.unregisterObject(u"/StatusNotifierWatcher"_s);
-        return !running ||
-               (bus.registerObject(u"/StatusNotifierWatcher"_s, this,
-                                   QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllProperties) &&
-                bus.registerService(watcherService));
+        return !running || (bus.registerObject(u"/StatusNotifierWatcher"_s, this, QDBusConnection::ExportAllContents) &&
+                            bus.registerService(watcherService));
     }
 
 public slots:
@@ -78,9 +85,18 @@ public slots:
         QMutexLocker lock(&mutex_);
         items_.append(item);
     }
-    void RegisterStatusNotifierHost(const QString &) {}
+    void RegisterStatusNotifierHost(const QString &)
+    {
+        hasHost_ = true;
+        emit StatusNotifierHostRegistered();
+    }
+
+signals:
+    void StatusNotifierHostRegistered();
 
 private:
+    std::atomic<bool> hasHost_ = true;
+    mutable std::atomic<bool> hostAsked_ = false;
     mutable QMutex mutex_;
     QStringList items_;
 };
@@ -262,11 +278,11 @@ class TrayTest : public QObject {
     const QString gate_ = program_.root() + "/gate-"_L1;
     std::unique_ptr<TrayClient> tray_;
 
-    bool runWatcher(bool running)
+    bool runWatcher(bool running, bool withHost = true)
     {
         bool done = false;
         QMetaObject::invokeMethod(
-            watcher_, [&] { done = watcher_->run(running); }, Qt::BlockingQueuedConnection);
+            watcher_, [&] { done = watcher_->run(running, withHost); }, Qt::BlockingQueuedConnection);
         return done;
     }
     QStringList controlCalls() const { return QString::fromUtf8(readFile(calls_)).split(u'\n', Qt::SkipEmptyParts); }
@@ -357,8 +373,13 @@ private slots:
 
     void menuAsThePanelFindsIt()
     {
-        // The panel appears: the program registers, with the state reached before.
-        QVERIFY(runWatcher(true));
+        // The panel appears, its host a moment after its watcher: the program registers once the
+        // host is there, with the state reached before.
+        QVERIFY(runWatcher(true, false));
+        QTRY_VERIFY_WITH_TIMEOUT(watcher_->hostAsked(), timeoutMs);
+        QVERIFY(watcher_->items().isEmpty());
+        QMetaObject::invokeMethod(
+            watcher_, [this] { watcher_->RegisterStatusNotifierHost(u"host"_s); }, Qt::BlockingQueuedConnection);
         QTRY_VERIFY_WITH_TIMEOUT(!watcher_->items().isEmpty(), timeoutMs);
         QVERIFY2(watcher_->items()[0].startsWith(u':'), qPrintable(watcher_->items()[0]));
         tray_ = std::make_unique<TrayClient>(watcher_->items()[0]);

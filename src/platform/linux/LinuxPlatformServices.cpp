@@ -2,9 +2,9 @@
 #include "app/Configuration.h"
 #include "platform/PlatformServices.h"
 #include "platform/linux/AutostartLoginItemService.h"
+#include "platform/linux/LinuxTrayStatusItem.h"
 #include "platform/linux/LockFileRunningApplications.h"
 #include "platform/linux/MountInfoWatcher.h"
-#include "platform/linux/TrayStatusItem.h"
 #include "platform/linux/XdgOpener.h"
 
 #include <QDir>
@@ -12,7 +12,7 @@
 PlatformServices PlatformServices::forThisSystem(const Configuration &configuration)
 {
     PlatformServices services;
-    services.makeStatusItem = [] { return std::make_unique<TrayStatusItem>(); };
+    services.makeStatusItem = [] { return std::make_unique<LinuxTrayStatusItem>(); };
     services.opener = std::make_unique<XdgOpener>();
     services.loginItems = std::make_unique<AutostartLoginItemService>(
         configuration.configDirectory, configuration.bundleIdentifier, configuration.executablePath.value_or(QString()),

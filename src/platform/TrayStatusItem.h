@@ -1,4 +1,5 @@
-// The status item as a system tray icon (a StatusNotifierItem with its menu on Linux desktops).
+// The status item as a Qt system tray icon with its menu, the same on every desktop; a platform
+// that must wait for its tray, or opens the menu on a plain click, builds on it.
 #pragma once
 
 #include "platform/StatusItem.h"
@@ -9,24 +10,26 @@
 #include <QSystemTrayIcon>
 #include <memory>
 
-class QDBusServiceWatcher;
-
 class TrayStatusItem : public StatusItem {
 public:
-    TrayStatusItem();
+    enum class Start { Now, WhenHostReady };
+    explicit TrayStatusItem(Start start = Start::Now);
     ~TrayStatusItem() override;
 
     StatusButton *button() override { return &button_; }
     void setMenu(QMenu *menu) override;
     QMenu *menu() const override { return menu_; }
 
+protected:
+    // Makes the icon (once) and shows what the button holds; returns the icon.
+    QSystemTrayIcon *createTrayIcon();
+    QSystemTrayIcon *trayIcon() const { return tray_.get(); }
+
 private:
-    void createTrayIcon();
     void apply();
 
     StatusButton button_;
-    std::unique_ptr<QSystemTrayIcon> tray_; // null while the session waits for a tray host
-    std::unique_ptr<QDBusServiceWatcher> hostWatcher_;
+    std::unique_ptr<QSystemTrayIcon> tray_; // null while the desktop has no tray to take it
     QPointer<QMenu> menu_;
     qint64 lastImageKey_ = 0;
     QImage shownLook_; // how the tray's icon looks; null while it has none

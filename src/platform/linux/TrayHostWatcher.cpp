@@ -1,0 +1,162 @@
+#include "platform/linux/TrayHostWatcher.h"
+
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QDBusVariant>
+#include <QGuiApplication>
+#include <xcb/xcb.h>
+
+namespace {
+
+const QString statusNotifierWatcherService = QStringLiteral("org.kde.StatusNotifierWatcher");
+const QString statusNotifierWatcherPath = QStringLiteral("/StatusNotifierWatcher");
+// An XEmbed tray that starts announces itself to the root window; one that does not is still
+// found by this slow check, the only wake-up while nothing is there.
+constexpr int xembedCheckIntervalMs = 2000;
+
+xcb_connection_t *x11Connection()
+{
+    const auto *x11 = qGuiApp ? qGuiApp->nativeInterface<QNativeInterface::QX11Application>() : nullptr;
+    return x11 ? x11->connection() : nullptr;
+}
+
+xcb_atom_t internAtom(xcb_connection_t *connection, const QByteArray &name)
+{
+    xcb_intern_atom_reply_t *reply =
+        xcb_intern_atom_reply(connection, xcb_intern_atom(connection, 0, name.size(), name.constData()), nullptr);
+    const xcb_atom_t atom = reply ? reply->atom : xcb_atom_t(XCB_ATOM_NONE);
+    free(reply);
+    return atom;
+}
+
+xcb_window_t rootWindow(xcb_connection_t *connection, int screenNumber)
+{
+    xcb_screen_iterator_t screens = xcb_setup_roots_iterator(xcb_get_setup(connection));
+    for (int i = 0; i < screenNumber && screens.rem > 0; ++i)
+        xcb_screen_next(&screens);
+    return screens.rem > 0 ? screens.data->root : xcb_window_t(XCB_WINDOW_NONE);
+}
+
+} // namespace
+
+TrayHostWatcher::TrayHostWatcher(QObject *parent) : QObject(parent)
+{
+    connect(&busWatcher_, &QDBusServiceWatcher::serviceRegistered, this, &TrayHostWatcher::check);
+    xembedPoll_.setInterval(xembedCheckIntervalMs);
+    connect(&xembedPoll_, &QTimer::timeout, this, &TrayHostWatcher::check);
+}
+
+TrayHostWatcher::~TrayHostWatcher()
+{
+    if (watching_ && traySelection_)
+        qGuiApp->removeNativeEventFilter(this);
+}
+
+bool TrayHostWatcher::hostPresent() const
+{
+    return statusNotifierHostRegistered() || xembedTrayOwned();
+}
+
+// What Qt asks when it makes the icon: a watcher alone is not enough, a host that shows the items
+// must have registered with it.
+bool TrayHostWatcher::statusNotifierHostRegistered() const
+{
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected() || !bus.interface() ||
+        !bus.interface()->isServiceRegistered(statusNotifierWatcherService).value())
+        return false;
+    QDBusMessage get =
+        QDBusMessage::createMethodCall(statusNotifierWatcherService, statusNotifierWatcherPath,
+                                       QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
+    get.setArguments({statusNotifierWatcherService, QStringLiteral("IsStatusNotifierHostRegistered")});
+    const QDBusMessage reply = bus.call(get);
+    return !reply.arguments().isEmpty() && reply.arguments().constFirst().value<QDBusVariant>().variant().toBool();
+}
+
+void TrayHostWatcher::watch()
+{
+    if (watching_)
+        return;
+    watching_ = true;
+    if (xcb_connection_t *connection = x11Connection()) {
+        // The screen Qt connected to: the one DISPLAY names.
+        int screenNumber = 0;
+        char *host = nullptr;
+        int display = 0;
+        if (xcb_parse_display(nullptr, &host, &display, &screenNumber) == 0)
+            screenNumber = 0;
+        free(host);
+        traySelection_ = internAtom(connection, "_NET_SYSTEM_TRAY_S" + QByteArray::number(screenNumber));
+        managerAtom_ = internAtom(connection, "MANAGER");
+        // A new tray's MANAGER message goes to the root window's structure listeners. The event
+        // mask is per client, so Qt's own choice for the root window is kept and widened.
+        if (const xcb_window_t root = rootWindow(connection, screenNumber)) {
+            xcb_get_window_attributes_reply_t *attributes =
+                xcb_get_window_attributes_reply(connection, xcb_get_window_attributes(connection, root), nullptr);
+            if (attributes && !(attributes->your_event_mask & XCB_EVENT_MASK_STRUCTURE_NOTIFY)) {
+                const quint32 mask = attributes->your_event_mask | XCB_EVENT_MASK_STRUCTURE_NOTIFY;
+                xcb_change_window_attributes(connection, root, XCB_CW_EVENT_MASK, &mask);
+                xcb_flush(connection);
+            }
+            free(attributes);
+        }
+    }
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (bus.isConnected()) {
+        busWatcher_.setConnection(bus);
+        busWatcher_.setWatchMode(QDBusServiceWatcher::WatchForRegistration);
+        // Listening starts before the first question, so a host that appears in between is not missed.
+        busWatcher_.addWatchedService(statusNotifierWatcherService);
+        // A panel registers its watcher first and its host a moment later.
+        bus.connect(statusNotifierWatcherService, statusNotifierWatcherPath, statusNotifierWatcherService,
+                    QStringLiteral("StatusNotifierHostRegistered"), this, SLOT(check()));
+    }
+    if (traySelection_) {
+        qGuiApp->installNativeEventFilter(this);
+        xembedPoll_.start();
+    }
+    check();
+}
+
+bool TrayHostWatcher::xembedTrayOwned() const
+{
+    xcb_connection_t *connection = x11Connection();
+    if (!connection || !traySelection_)
+        return false;
+    xcb_get_selection_owner_reply_t *reply =
+        xcb_get_selection_owner_reply(connection, xcb_get_selection_owner(connection, traySelection_), nullptr);
+    const bool owned = reply && reply->owner != XCB_WINDOW_NONE;
+    free(reply);
+    return owned;
+}
+
+void TrayHostWatcher::check()
+{
+    if (!watching_)
+        return;
+    if (!hostPresent())
+        return;
+    watching_ = false;
+    xembedPoll_.stop();
+    busWatcher_.setWatchedServices({});
+    QDBusConnection::sessionBus().disconnect(statusNotifierWatcherService, statusNotifierWatcherPath,
+                                             statusNotifierWatcherService,
+                                             QStringLiteral("StatusNotifierHostRegistered"), this, SLOT(check()));
+    if (traySelection_)
+        qGuiApp->removeNativeEventFilter(this);
+    emit hostAppeared();
+}
+
+bool TrayHostWatcher::nativeEventFilter(const QByteArray &eventType, void *message, qintptr *)
+{
+    if (eventType != "xcb_generic_event_t")
+        return false;
+    const auto *event = static_cast<const xcb_generic_event_t *>(message);
+    if ((event->response_type & 0x7f) == XCB_CLIENT_MESSAGE) {
+        const auto *client = static_cast<const xcb_client_message_event_t *>(message);
+        if (client->type == managerAtom_ && client->format == 32 && client->data.data32[1] == traySelection_)
+            QMetaObject::invokeMethod(this, &TrayHostWatcher::check, Qt::QueuedConnection);
+    }
+    return false;
+}
