@@ -37,6 +37,9 @@ struct Configuration {
     QString applicationSupportDirectory;
     // Per-user configuration folder ($XDG_CONFIG_HOME): user defaults and autostart entries.
     QString configDirectory;
+    // The INI file of the user defaults; none means the system's preferences domain named after
+    // the bundle identifier (macOS). Tests always give a file.
+    std::optional<QString> userDefaultsFile;
     // Per-user runtime folder ($XDG_RUNTIME_DIR): the single-instance lock.
     QString runtimeStateDirectory;
     // The bundle stand-in: resource folder (none when the bundle has none), its Info.plist and
@@ -56,10 +59,11 @@ struct Configuration {
     void setWebsiteBaseURL(const QUrl &base);
 
     // The fixed defaults, resolved against the environment (HOME, XDG_*, the executable's
-    // location). QUILLMERE_AGENT_PORT moves the agent endpoints off 8787 for development and
-    // black-box tests; QUILLMERE_VOLUMES_DIR replaces the removable-media folder.
+    // location, see locationsFor). QUILLMERE_AGENT_PORT moves the agent endpoints off 8787 for
+    // development and black-box tests; QUILLMERE_VOLUMES_DIR replaces the volume folder.
     static Configuration fromEnvironment();
-    // The per-user application support folder ($XDG_DATA_HOME, else ~/.local/share); the log,
-    // which exists before any configuration, finds its folder the same way.
+    // The per-user application support folder ($XDG_DATA_HOME, else ~/.local/share, or
+    // ~/Library/Application Support in a bundle); the log, which exists before any
+    // configuration, finds its folder the same way.
     static QString applicationSupportDirectoryFromEnvironment();
 };

@@ -206,6 +206,12 @@ private slots:
             << false;
         QTest::newRow("no executable")
             << "executable" << QStringList{"Could not resolve app executable path for legacy run-at-startup."} << false;
+        QTest::newRow("translocated copy")
+            << "translocated"
+            << QStringList{"Legacy run-at-startup not installed: the app runs from a translocated copy at "
+                           "/private/var/folders/x/AppTranslocation/1A2B/d/Quillmere Agent.app/Contents/MacOS/"
+                           "quillmere-menu. Move it to the Applications folder and open it from there."}
+            << false;
     }
 
     void installWritesCleansUpThenLoads()
@@ -224,6 +230,9 @@ private slots:
             QVERIFY(QDir().mkpath(plistPath() + QStringLiteral("/inside")));
         else if (fault == QLatin1String("executable"))
             config.executablePath.reset();
+        else if (fault == QLatin1String("translocated"))
+            config.executablePath = QStringLiteral("/private/var/folders/x/AppTranslocation/1A2B/d/Quillmere Agent.app"
+                                                   "/Contents/MacOS/quillmere-menu");
         Harness h(config);
         h.delegate.updateStateMenu(QStringLiteral("Status: Running"), QStringLiteral("2.3.4"), true);
         env.markLog();

@@ -134,6 +134,61 @@ private slots:
         QVERIFY(!env.messagesSinceMark().contains(QStringLiteral("Agent not healthy during launch. Starting agent.")));
     }
 
+    // The system (AppKit, a quit signal) asks; the reply goes back at once and a deferred final
+    // answer is handed to the asker, which then ends the program itself.
+    void systemRequestGetsItsReplyThenOneFinalAnswer_data()
+    {
+        QTest::addColumn<QString>("setup");
+        QTest::addColumn<int>("reply");
+        QTest::addColumn<int>("stopRuns");
+        QTest::addColumn<QString>("firstLine");
+        QTest::newRow("now, no delegate") << "no delegate" << int(ApplicationHost::TerminateNow) << 0 << QString();
+        QTest::newRow("stop bypass") << "bypass" << int(ApplicationHost::TerminateNow) << 0
+                                     << "Termination requested with stop bypass enabled.";
+        QTest::newRow("later") << "" << int(ApplicationHost::TerminateLater) << 1 << requestLine;
+        QTest::newRow("early answer, no control script")
+            << "no script" << int(ApplicationHost::TerminateLater) << 0 << requestLine;
+        QTest::newRow("repeated request") << "repeat" << int(ApplicationHost::TerminateLater) << 1 << requestLine;
+    }
+    void systemRequestGetsItsReplyThenOneFinalAnswer()
+    {
+        QFETCH(QString, setup);
+        QFETCH(int, reply);
+        QFETCH(int, stopRuns);
+        QFETCH(QString, firstLine);
+        makeController();
+        if (setup == QLatin1String("no delegate"))
+            host->setDelegate(nullptr);
+        delegate->stopAgentOnTerminate = setup != QLatin1String("bypass");
+        if (setup == QLatin1String("no script"))
+            QVERIFY(QFile::remove(script->path()));
+        QList<bool> answers, repeatedAnswers;
+        QCOMPARE(int(host->systemRequestsTermination([&answers](bool yes) { answers.append(yes); })), reply);
+        if (setup == QLatin1String("repeat")) // the later asker is the one answered
+            QCOMPARE(host->systemRequestsTermination([&](bool yes) { repeatedAnswers.append(yes); }),
+                     ApplicationHost::TerminateLater);
+        QVERIFY(answers.isEmpty()); // never before the reply has been returned
+        if (reply == ApplicationHost::TerminateLater) {
+            if (stopRuns) {
+                QTRY_COMPARE(script->runs().size(), 1);
+                script->release(QStringLiteral("stop"));
+            }
+            QList<bool> &answered = setup == QLatin1String("repeat") ? repeatedAnswers : answers;
+            QTRY_COMPARE(answered, QList<bool>{true});
+            QTest::qWait(100); // a second answer would have come by now
+            QCOMPARE(answers.size() + repeatedAnswers.size(), 1);
+        }
+        QCOMPARE(terminated->count(), 0); // the asker ends the program, not the host
+        host->systemWillTerminate();
+        host->systemWillTerminate();
+        QCOMPARE(terminated->count(), 1);
+        QCOMPARE(script->runs().size(), stopRuns);
+        const QStringList log = env.messagesSinceMark();
+        QCOMPARE(log.value(0), firstLine);
+        QCOMPARE(log.count(requestLine), reply == ApplicationHost::TerminateLater ? 1 : 0);
+        QCOMPARE(log.count(lastLine), setup == QLatin1String("no delegate") ? 0 : 1);
+    }
+
     void realProgramLeavesOnceAsSecondCopyAndStopsOnSigterm()
     {
         InstalledProgram program;
