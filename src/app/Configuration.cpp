@@ -75,6 +75,7 @@ Configuration Configuration::fromEnvironment()
     config.runtimeStateDirectory = environmentPath("XDG_RUNTIME_DIR", QDir::tempPath());
     config.resourceDirectory = locations.resourceDirectory;
     config.infoPlistPath = locations.infoPlistPath;
+    config.applicationBundle = locations.applicationBundle;
     if (!inputs.executablePath.isEmpty())
         config.executablePath = inputs.executablePath;
     config.volumeMountDirectory = locations.volumeMountDirectory;

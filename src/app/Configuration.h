@@ -47,6 +47,8 @@ struct Configuration {
     std::optional<QString> resourceDirectory;
     QString infoPlistPath;
     std::optional<QString> executablePath;
+    // Whether the executable runs inside an application bundle (X.app/Contents/MacOS).
+    bool applicationBundle = false;
     // The folder whose entries are the mounted volumes.
     QString volumeMountDirectory;
     QString launchctlPath = QStringLiteral("/bin/launchctl");
