@@ -86,7 +86,7 @@ ApplicationHost::TerminateReply ApplicationHost::systemRequestsTermination(Final
         return TerminateNow;
     const TerminateReply reply = askDelegate();
     if (reply == TerminateLater)
-        systemAnswer_ = std::move(finalAnswer);
+        systemAnswers_.append(std::move(finalAnswer));
     return reply;
 }
 
@@ -100,9 +100,10 @@ void ApplicationHost::replyToApplicationShouldTerminate(bool shouldTerminate)
     if (!replyPending_)
         return;
     replyPending_ = false;
-    if (FinalAnswer answer = std::exchange(systemAnswer_, {}))
+    const QList<FinalAnswer> askers = std::exchange(systemAnswers_, {});
+    for (const FinalAnswer &answer : askers)
         answer(shouldTerminate);
-    else if (shouldTerminate)
+    if (askers.isEmpty() && shouldTerminate)
         finishTermination();
 }
 

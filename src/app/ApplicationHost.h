@@ -3,6 +3,7 @@
 // termination on the main thread.
 #pragma once
 
+#include <QList>
 #include <QObject>
 #include <QPointer>
 #include <functional>
@@ -34,9 +35,9 @@ public:
 
     // A termination the system asks for. The reply is returned to the system; after "later",
     // the final answer goes to finalAnswer instead of ending the program here, because the
-    // system ends it (AppKit exits after it has been told yes). A repeated request while an
-    // answer is pending replaces the earlier receiver. After "now" or a final yes the system
-    // calls systemWillTerminate() before it exits.
+    // system ends it (AppKit exits after it has been told yes). Every asker still waiting gets
+    // the answer once. After "now" or a final yes the system calls systemWillTerminate()
+    // before it exits.
     using FinalAnswer = std::function<void(bool shouldTerminate)>;
     TerminateReply systemRequestsTermination(FinalAnswer finalAnswer);
     // Runs the delegate's will-terminate handling once and emits terminated().
@@ -67,7 +68,7 @@ private:
     bool askingDelegate_ = false;
     bool replyPending_ = false;
     // Where the final answer goes when the system asked; empty when the program asked itself.
-    FinalAnswer systemAnswer_;
+    QList<FinalAnswer> systemAnswers_;
     bool terminated_ = false;
     bool launched_ = false;
     bool quitRequestedBeforeLaunch_ = false;

@@ -8,7 +8,6 @@
 class WorkspaceNotificationCenter;
 
 class WorkspaceVolumeNotifications : public QObject {
-    Q_OBJECT
 public:
     explicit WorkspaceVolumeNotifications(WorkspaceNotificationCenter *center, QObject *parent = nullptr);
     ~WorkspaceVolumeNotifications() override;
