@@ -4,15 +4,21 @@
 #include "app/log/AppLogger.h"
 
 #include <QApplication>
+#ifdef Q_OS_MACOS
+#include "platform/macos/AppKitApplicationDelegate.h"
+#endif
 
 namespace {
 
 // Without a display the program runs headless: the agent is still supervised and the log written.
+// Only a Linux session tells this by its variables; macOS always has its window server.
 void chooseHeadlessPlatformWithoutDisplay()
 {
+#ifdef Q_OS_LINUX
     if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM") && qEnvironmentVariableIsEmpty("DISPLAY") &&
         qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY"))
         qputenv("QT_QPA_PLATFORM", "offscreen");
+#endif
 }
 
 } // namespace
@@ -20,6 +26,9 @@ void chooseHeadlessPlatformWithoutDisplay()
 int main(int argc, char *argv[])
 {
     chooseHeadlessPlatformWithoutDisplay();
+#ifdef Q_OS_MACOS
+    installAppKitApplicationDelegate(); // before Qt's own, which then forwards to it
+#endif
     QApplication application(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
 
@@ -28,6 +37,9 @@ int main(int argc, char *argv[])
     PlatformServices platform = PlatformServices::forThisSystem(configuration);
     AppDelegate delegate(std::move(configuration), std::move(platform), &host);
     host.setDelegate(&delegate);
+#ifdef Q_OS_MACOS
+    connectAppKitApplicationDelegate(&host);
+#endif
     QObject::connect(&host, &ApplicationHost::terminated, &application, [] { QCoreApplication::exit(0); });
     host.installQuitSignalHandlers();
     host.finishLaunching();

@@ -11,6 +11,7 @@
 #include <QPointer>
 #include <QSettings>
 #include <QTimer>
+#include <algorithm>
 
 namespace {
 
@@ -36,11 +37,19 @@ AppDelegate::~AppDelegate() = default;
 
 QSettings &AppDelegate::userDefaults()
 {
-    if (!userDefaults_) {
-        // The application's own defaults domain, as an INI file under $XDG_CONFIG_HOME.
-        userDefaults_ = std::make_unique<QSettings>(configuration_.configDirectory + QLatin1Char('/') +
-                                                        configuration_.bundleIdentifier + QStringLiteral(".conf"),
-                                                    QSettings::IniFormat);
+    if (userDefaults_)
+        return *userDefaults_;
+    if (configuration_.userDefaultsFile) {
+        userDefaults_ = std::make_unique<QSettings>(*configuration_.userDefaultsFile, QSettings::IniFormat);
+    } else {
+        // The application's own preferences domain. QSettings names it from the organization's
+        // internet domain, reversed, followed by the application name: "com.tallyhold.agent" and
+        // "app" give com.tallyhold.agent.app.
+        QStringList parts = configuration_.bundleIdentifier.split(QLatin1Char('.'));
+        const QString application = parts.takeLast();
+        std::reverse(parts.begin(), parts.end());
+        userDefaults_ = std::make_unique<QSettings>(QSettings::NativeFormat, QSettings::UserScope,
+                                                    parts.join(QLatin1Char('.')), application);
     }
     return *userDefaults_;
 }

@@ -26,10 +26,12 @@ void forwardQuitSignal(int)
     errno = savedErrno;
 }
 
-bool makeNonBlocking(int fd)
+// Non-blocking, and closed in children (the control script must not inherit it). Set with
+// fcntl rather than socket flags, which not every system has.
+bool prepareSignalSocket(int fd)
 {
     const int flags = ::fcntl(fd, F_GETFL);
-    return flags != -1 && ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) != -1;
+    return flags != -1 && ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) != -1 && ::fcntl(fd, F_SETFD, FD_CLOEXEC) != -1;
 }
 
 } // namespace
@@ -53,52 +55,55 @@ void ApplicationHost::finishLaunching()
         // meets a settled delegate (a duplicate instance must not stop the agent).
         if (quitRequestedBeforeLaunch_) {
             quitRequestedBeforeLaunch_ = false;
-            terminate();
+            terminateForQuitSignal();
         }
     });
 }
 
-void ApplicationHost::terminate()
+ApplicationHost::TerminateReply ApplicationHost::askDelegate()
 {
-    if (terminated_)
-        return;
-    if (!delegate_) {
-        finishTermination();
-        return;
-    }
+    if (!delegate_)
+        return TerminateNow;
     if (askingDelegate_)
-        return;
-
+        return TerminateLater;
     askingDelegate_ = true;
     const TerminateReply reply = delegate_->applicationShouldTerminate();
     askingDelegate_ = false;
-
-    // An early answer counts only for a deferred reply.
-    const std::optional<bool> earlyAnswer = std::exchange(earlyAnswer_, std::nullopt);
-    switch (reply) {
-    case TerminateNow:
-        finishTermination();
-        break;
-    case TerminateLater:
+    if (reply == TerminateLater)
         replyPending_ = true;
-        if (earlyAnswer)
-            replyToApplicationShouldTerminate(*earlyAnswer);
-        break;
-    case TerminateCancel:
-        break;
-    }
+    return reply;
+}
+
+void ApplicationHost::terminate()
+{
+    if (!terminated_ && askDelegate() == TerminateNow)
+        finishTermination();
+}
+
+ApplicationHost::TerminateReply ApplicationHost::systemRequestsTermination(FinalAnswer finalAnswer)
+{
+    if (terminated_)
+        return TerminateNow;
+    const TerminateReply reply = askDelegate();
+    if (reply == TerminateLater)
+        systemAnswers_.append(std::move(finalAnswer));
+    return reply;
 }
 
 void ApplicationHost::replyToApplicationShouldTerminate(bool shouldTerminate)
 {
     if (askingDelegate_) {
-        earlyAnswer_ = shouldTerminate;
+        // The deferred reply has not reached the asker yet; the answer must come after it.
+        QTimer::singleShot(0, this, [this, shouldTerminate] { replyToApplicationShouldTerminate(shouldTerminate); });
         return;
     }
     if (!replyPending_)
         return;
     replyPending_ = false;
-    if (shouldTerminate)
+    const QList<FinalAnswer> askers = std::exchange(systemAnswers_, {});
+    for (const FinalAnswer &answer : askers)
+        answer(shouldTerminate);
+    if (askers.isEmpty() && shouldTerminate)
         finishTermination();
 }
 
@@ -114,10 +119,10 @@ void ApplicationHost::finishTermination()
 
 void ApplicationHost::installQuitSignalHandlers()
 {
-    if (signalNotifier_ || signalPipe[0] != -1 || ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, signalPipe) != 0)
+    if (signalNotifier_ || signalPipe[0] != -1 || ::socketpair(AF_UNIX, SOCK_STREAM, 0, signalPipe) != 0)
         return;
-    makeNonBlocking(signalPipe[0]);
-    makeNonBlocking(signalPipe[1]);
+    prepareSignalSocket(signalPipe[0]);
+    prepareSignalSocket(signalPipe[1]);
     signalNotifier_ = new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, this);
     connect(signalNotifier_, &QSocketNotifier::activated, this, &ApplicationHost::handleQuitSignal);
 
@@ -139,5 +144,16 @@ void ApplicationHost::handleQuitSignal()
         quitRequestedBeforeLaunch_ = true;
         return;
     }
-    terminate();
+    terminateForQuitSignal();
+}
+
+void ApplicationHost::terminateForQuitSignal()
+{
+    // A signal is the system asking; with no one else to tell, the answer ends the program here.
+    const auto finishOnYes = [this](bool shouldTerminate) {
+        if (shouldTerminate)
+            finishTermination();
+    };
+    if (systemRequestsTermination(finishOnYes) == TerminateNow)
+        finishTermination();
 }

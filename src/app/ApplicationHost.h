@@ -1,10 +1,12 @@
 // The application object: launching, the termination protocol with its delegate, and system
-// quit requests (SIGTERM, SIGINT, SIGHUP) turned into orderly termination on the main thread.
+// quit requests (AppKit's termination question, SIGTERM, SIGINT, SIGHUP) turned into orderly
+// termination on the main thread.
 #pragma once
 
+#include <QList>
 #include <QObject>
 #include <QPointer>
-#include <optional>
+#include <functional>
 
 class AppDelegate;
 class QSocketNotifier;
@@ -23,11 +25,23 @@ public:
     // Tells the delegate, on the next turn of the event loop, that launching has finished.
     void finishLaunching();
 
-    // Starts an orderly termination: asks the delegate, then ends now, later or not at all.
+    // Starts an orderly termination from inside the program: asks the delegate, then ends now,
+    // later or not at all.
     void terminate();
     // The final answer after a deferred reply. It may come while the delegate is still being
-    // asked; it then takes effect once the deferred reply has been returned.
+    // asked; it then takes effect on the next turn of the event loop, after the deferred reply
+    // has been returned.
     void replyToApplicationShouldTerminate(bool shouldTerminate);
+
+    // A termination the system asks for. The reply is returned to the system; after "later",
+    // the final answer goes to finalAnswer instead of ending the program here, because the
+    // system ends it (AppKit exits after it has been told yes). Every asker still waiting gets
+    // the answer once. After "now" or a final yes the system calls systemWillTerminate()
+    // before it exits.
+    using FinalAnswer = std::function<void(bool shouldTerminate)>;
+    TerminateReply systemRequestsTermination(FinalAnswer finalAnswer);
+    // Runs the delegate's will-terminate handling once and emits terminated().
+    void systemWillTerminate() { finishTermination(); }
 
     void setActivationPolicy(ActivationPolicy policy) { activationPolicy_ = policy; }
     ActivationPolicy activationPolicy() const { return activationPolicy_; }
@@ -44,15 +58,17 @@ signals:
     void terminated();
 
 private:
+    TerminateReply askDelegate();
     void finishTermination();
     void handleQuitSignal();
+    void terminateForQuitSignal();
 
     QPointer<AppDelegate> delegate_;
     ActivationPolicy activationPolicy_ = ActivationPolicyRegular;
     bool askingDelegate_ = false;
     bool replyPending_ = false;
-    // A final answer given while the delegate was still being asked.
-    std::optional<bool> earlyAnswer_;
+    // Where the final answer goes when the system asked; empty when the program asked itself.
+    QList<FinalAnswer> systemAnswers_;
     bool terminated_ = false;
     bool launched_ = false;
     bool quitRequestedBeforeLaunch_ = false;

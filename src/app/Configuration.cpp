@@ -1,30 +1,38 @@
 #include "app/Configuration.h"
 
+#include "app/Locations.h"
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
-#include <QStandardPaths>
 #include <QtGlobal>
 
 namespace {
 
 constexpr int defaultAgentPort = 8787;
 
-// A folder from the environment, tidied ("/home/me/" logs as "/home/me"); a relative one is
-// ignored, as the XDG base directory rules ask.
+LocationInputs locationInputsFromEnvironment()
+{
+    LocationInputs inputs;
+    // Before the application object exists the executable's path is unknown.
+    if (QCoreApplication::instance())
+        inputs.executablePath = QCoreApplication::applicationFilePath();
+    inputs.home = qEnvironmentVariable("HOME");
+    if (inputs.home.isEmpty() || QDir::isRelativePath(inputs.home))
+        inputs.home = QDir::homePath();
+    inputs.dataHome = qEnvironmentVariable("XDG_DATA_HOME");
+    inputs.configHome = qEnvironmentVariable("XDG_CONFIG_HOME");
+    inputs.volumesDir = qEnvironmentVariable("QUILLMERE_VOLUMES_DIR");
+    inputs.user = qEnvironmentVariable("USER");
+    inputs.runMediaExists = !inputs.user.isEmpty() && QFileInfo(QStringLiteral("/run/media/") + inputs.user).isDir();
+    return inputs;
+}
+
+// A folder from the environment, tidied; a relative one is ignored, as the XDG rules ask.
 QString environmentPath(const char *name, const QString &fallback)
 {
     const QString value = qEnvironmentVariable(name);
     return value.isEmpty() || QDir::isRelativePath(value) ? fallback : QDir::cleanPath(value);
-}
-
-QString removableMediaFolder()
-{
-    const QString user = qEnvironmentVariable("USER");
-    const QString runMedia = QStringLiteral("/run/media/") + user;
-    if (!user.isEmpty() && QFileInfo(runMedia).isDir())
-        return runMedia;
-    return QStringLiteral("/media/") + user;
 }
 
 } // namespace
@@ -44,8 +52,7 @@ void Configuration::setWebsiteBaseURL(const QUrl &base)
 
 QString Configuration::applicationSupportDirectoryFromEnvironment()
 {
-    return environmentPath("XDG_DATA_HOME",
-                           environmentPath("HOME", QDir::homePath()) + QStringLiteral("/.local/share"));
+    return locationsFor(locationInputsFromEnvironment()).applicationSupportDirectory;
 }
 
 Configuration Configuration::fromEnvironment()
@@ -59,23 +66,19 @@ Configuration Configuration::fromEnvironment()
         port = defaultAgentPort;
     config.setAgentBaseURL(QUrl(QStringLiteral("http://127.0.0.1:%1").arg(port)));
 
-    const QString home = environmentPath("HOME", QDir::homePath());
-    config.homeDirectory = home;
-    config.applicationSupportDirectory = applicationSupportDirectoryFromEnvironment();
-    config.configDirectory = environmentPath("XDG_CONFIG_HOME", home + QStringLiteral("/.config"));
+    const LocationInputs inputs = locationInputsFromEnvironment();
+    const Locations locations = locationsFor(inputs);
+    config.homeDirectory = QDir::cleanPath(inputs.home);
+    config.applicationSupportDirectory = locations.applicationSupportDirectory;
+    config.configDirectory = locations.configDirectory;
+    config.userDefaultsFile = locations.userDefaultsFile;
     config.runtimeStateDirectory = environmentPath("XDG_RUNTIME_DIR", QString());
-
-    // <prefix>/bin/quillmere-menu finds its resources in <prefix>/share/quillmere-menu.
-    const QString binDir = QCoreApplication::applicationDirPath();
-    if (!binDir.isEmpty()) {
-        const QString resources =
-            QDir::cleanPath(binDir + QStringLiteral("/../") + QStringLiteral(QUILLMERE_RESOURCE_SUBDIR));
-        config.resourceDirectory = resources;
-        config.infoPlistPath = resources + QStringLiteral("/Info.plist");
-        config.executablePath = QCoreApplication::applicationFilePath();
-    }
-
-    config.volumeMountDirectory = environmentPath("QUILLMERE_VOLUMES_DIR", removableMediaFolder());
+    config.resourceDirectory = locations.resourceDirectory;
+    config.infoPlistPath = locations.infoPlistPath;
+    config.applicationBundle = locations.applicationBundle;
+    if (!inputs.executablePath.isEmpty())
+        config.executablePath = inputs.executablePath;
+    config.volumeMountDirectory = locations.volumeMountDirectory;
     config.arguments = QCoreApplication::arguments();
     return config;
 }

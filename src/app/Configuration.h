@@ -37,6 +37,9 @@ struct Configuration {
     QString applicationSupportDirectory;
     // Per-user configuration folder ($XDG_CONFIG_HOME): user defaults and autostart entries.
     QString configDirectory;
+    // The INI file of the user defaults; none means the system's preferences domain named after
+    // the bundle identifier (macOS). Tests always give a file.
+    std::optional<QString> userDefaultsFile;
     // Per-user runtime folder ($XDG_RUNTIME_DIR, empty when the session has none): the
     // single-instance lock.
     QString runtimeStateDirectory;
@@ -45,6 +48,8 @@ struct Configuration {
     std::optional<QString> resourceDirectory;
     QString infoPlistPath;
     std::optional<QString> executablePath;
+    // Whether the executable runs inside an application bundle (X.app/Contents/MacOS).
+    bool applicationBundle = false;
     // The folder whose entries are the mounted volumes.
     QString volumeMountDirectory;
     QString launchctlPath = QStringLiteral("/bin/launchctl");
@@ -57,10 +62,11 @@ struct Configuration {
     void setWebsiteBaseURL(const QUrl &base);
 
     // The fixed defaults, resolved against the environment (HOME, XDG_*, the executable's
-    // location). QUILLMERE_AGENT_PORT moves the agent endpoints off 8787 for development and
-    // black-box tests; QUILLMERE_VOLUMES_DIR replaces the removable-media folder.
+    // location, see locationsFor). QUILLMERE_AGENT_PORT moves the agent endpoints off 8787 for
+    // development and black-box tests; QUILLMERE_VOLUMES_DIR replaces the volume folder.
     static Configuration fromEnvironment();
-    // The per-user application support folder ($XDG_DATA_HOME, else ~/.local/share); the log,
-    // which exists before any configuration, finds its folder the same way.
+    // The per-user application support folder ($XDG_DATA_HOME, else ~/.local/share, or
+    // ~/Library/Application Support in a bundle); the log, which exists before any
+    // configuration, finds its folder the same way.
     static QString applicationSupportDirectoryFromEnvironment();
 };

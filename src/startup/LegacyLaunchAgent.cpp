@@ -145,6 +145,13 @@ void AppDelegate::installLegacyRunAtStartup()
         logger.log(QStringLiteral("Could not resolve app executable path for legacy run-at-startup."));
         return;
     }
+    // An application opened from a download or a disk image may run from a randomized read-only
+    // copy that disappears when it quits; a launch agent pointing there would fail at login.
+    if (executable->contains(QStringLiteral("/AppTranslocation/"))) {
+        logger.log(QStringLiteral("Legacy run-at-startup not installed: the app runs from a translocated copy at ") +
+                   *executable + QStringLiteral(". Move it to the Applications folder and open it from there."));
+        return;
+    }
 
     const QString plistPath = launchAgentPlistURL();
     const QString logsFolder = logsDirectory();

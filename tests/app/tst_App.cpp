@@ -1,5 +1,6 @@
 // The application log, child processes, runtime locations and version, and the launch sequence.
 #include "app/AppDelegate.h"
+#include "app/Locations.h"
 #include "app/log/AppLogger.h"
 #include "app/process/ProcessRunner.h"
 #include "support/FakeAgent.h"
@@ -194,17 +195,49 @@ private slots:
         env.writeInfoPlist(QStringLiteral("1.0.0"));
     }
 
-    void environmentFoldersAreTidied()
+    void locationsFollowTheExecutable_data()
     {
-        // "/home/me/" must not log as "/home/me//..."; a relative XDG folder is ignored.
-        const QByteArray home = qgetenv("HOME");
-        const QByteArray dataHome = qgetenv("XDG_DATA_HOME");
-        qputenv("HOME", home + "/");
-        qputenv("XDG_DATA_HOME", "relative/share");
-        const Configuration config = Configuration::fromEnvironment();
-        qputenv("HOME", home);
-        qputenv("XDG_DATA_HOME", dataHome);
-        QCOMPARE(config.applicationSupportDirectory, QString::fromLocal8Bit(home) + QStringLiteral("/.local/share"));
+        // Inputs: executable, home, XDG_DATA_HOME, XDG_CONFIG_HOME, QUILLMERE_VOLUMES_DIR, and
+        // whether /run/media/me exists. Expected: resources (empty: none), Info.plist, support,
+        // defaults file (empty: the preferences domain), volumes.
+        QTest::addColumn<QStringList>("in");
+        QTest::addColumn<QStringList>("out");
+        const QString app = QStringLiteral("/Applications/Quillmere Agent.app");
+        const QString conf = QStringLiteral("/com.tallyhold.agent.app.conf");
+        QTest::newRow("installed") << QStringList{"/usr/bin/quillmere-menu", "/home/me", "", "", "", ""}
+                                   << QStringList{"/usr/share/quillmere-menu", "/usr/share/quillmere-menu/Info.plist",
+                                                  "/home/me/.local/share", "/home/me/.config" + conf, "/media/me"};
+        QTest::newRow("installed, tidied, relative XDG ignored, desktop media")
+            << QStringList{"/opt/q/bin/quillmere-menu", "/home/me/", "relative/share", "", "", "run-media"}
+            << QStringList{"/opt/q/share/quillmere-menu", "/opt/q/share/quillmere-menu/Info.plist",
+                           "/home/me/.local/share", "/home/me/.config" + conf, "/run/media/me"};
+        QTest::newRow("bundle") << QStringList{app + "/Contents/MacOS/quillmere-menu", "/Users/me", "", "", "", ""}
+                                << QStringList{app + "/Contents/Resources", app + "/Contents/Info.plist",
+                                               "/Users/me/Library/Application Support", "", "/Volumes"};
+        QTest::newRow("bundle with overrides")
+            << QStringList{app + "/Contents/MacOS/quillmere-menu", "/Users/me", "/t/data/", "/t/config", "/t/vol", ""}
+            << QStringList{app + "/Contents/Resources", app + "/Contents/Info.plist", "/t/data", "/t/config" + conf,
+                           "/t/vol"};
+        QTest::newRow("MacOS folder outside a bundle")
+            << QStringList{"/build/Contents/MacOS/quillmere-menu", "/home/me", "", "", "", ""}
+            << QStringList{"/build/Contents/share/quillmere-menu", "/build/Contents/share/quillmere-menu/Info.plist",
+                           "/home/me/.local/share", "/home/me/.config" + conf, "/media/me"};
+        QTest::newRow("unknown executable")
+            << QStringList{"", "/home/me", "", "", "", ""}
+            << QStringList{"", "", "/home/me/.local/share", "/home/me/.config" + conf, "/media/me"};
+    }
+    void locationsFollowTheExecutable()
+    {
+        QFETCH(QStringList, in);
+        QFETCH(QStringList, out);
+        const Locations locations = locationsFor(
+            {in[0], in[1], in[2], in[3], in[4], QStringLiteral("me"), in[5] == QLatin1String("run-media")});
+        QCOMPARE(locations.resourceDirectory.value_or(QString()), out[0]);
+        QCOMPARE(locations.infoPlistPath, out[1]);
+        QCOMPARE(locations.applicationSupportDirectory, out[2]);
+        QCOMPARE(locations.userDefaultsFile.value_or(QString()), out[3]);
+        QCOMPARE(locations.volumeMountDirectory, out[4]);
+        QCOMPARE(locations.applicationBundle, out[0].endsWith(QLatin1String("/Contents/Resources")));
     }
 
     void interactiveLaunchLogsInOrder()

@@ -3,7 +3,9 @@
 // a stand-in launchctl), the exact property list, and the Linux autostart entry end to end.
 #include "app/AppDelegate.h"
 #include "menu/MenuItemCheckState.h"
+#ifdef Q_OS_LINUX
 #include "platform/linux/AutostartLoginItemService.h"
+#endif
 #include "startup/LegacyLaunchAgent.h"
 #include "support/FakePlatform.h"
 #include "support/Files.h"
@@ -206,6 +208,12 @@ private slots:
             << false;
         QTest::newRow("no executable")
             << "executable" << QStringList{"Could not resolve app executable path for legacy run-at-startup."} << false;
+        QTest::newRow("translocated copy")
+            << "translocated"
+            << QStringList{"Legacy run-at-startup not installed: the app runs from a translocated copy at "
+                           "/private/var/folders/x/AppTranslocation/1A2B/d/Quillmere Agent.app/Contents/MacOS/"
+                           "quillmere-menu. Move it to the Applications folder and open it from there."}
+            << false;
     }
 
     void installWritesCleansUpThenLoads()
@@ -224,6 +232,9 @@ private slots:
             QVERIFY(QDir().mkpath(plistPath() + QStringLiteral("/inside")));
         else if (fault == QLatin1String("executable"))
             config.executablePath.reset();
+        else if (fault == QLatin1String("translocated"))
+            config.executablePath = QStringLiteral("/private/var/folders/x/AppTranslocation/1A2B/d/Quillmere Agent.app"
+                                                   "/Contents/MacOS/quillmere-menu");
         Harness h(config);
         h.delegate.updateStateMenu(QStringLiteral("Status: Running"), QStringLiteral("2.3.4"), true);
         env.markLog();
@@ -300,6 +311,9 @@ private slots:
 
     void autostartEntryEndToEnd()
     {
+#ifndef Q_OS_LINUX
+        QSKIP("the XDG autostart entry is the login-item service of Linux desktops");
+#else
         FakePlatform fakes;
         ApplicationHost host;
         PlatformServices services = fakes.services();
@@ -352,6 +366,7 @@ private slots:
             {"/a\\b", "\"/a\\\\\\\\b\""}, {"/100%/u", "\"/100%%/u\""}, {"/a\nb\tc", "\"/a\\nb\\tc\""}};
         for (const auto &[path, exec] : cases)
             QCOMPARE(AutostartLoginItemService::execLine(path), exec + " --launched-at-login");
+#endif
     }
 };
 

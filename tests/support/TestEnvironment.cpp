@@ -24,6 +24,7 @@ Configuration TestEnvironment::configuration(const QUrl &agentBase) const
     config.homeDirectory = home();
     config.applicationSupportDirectory = dataHome();
     config.configDirectory = configHome();
+    config.userDefaultsFile = configHome() + QStringLiteral("/com.tallyhold.agent.app.conf");
     config.runtimeStateDirectory = runtimeStateDir();
     config.resourceDirectory = resourceDir();
     config.infoPlistPath = resourceDir() + QStringLiteral("/Info.plist");

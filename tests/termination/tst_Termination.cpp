@@ -33,11 +33,14 @@ class TerminationTest : public QObject {
     std::unique_ptr<FakeControlScript> script;
 
     // A controller whose stop script exits with stopExit once released; the agent shown running.
-    void makeController(int stopExit = 0, bool showRunning = true)
+    // Without resources no control script can be found, and a stop ends at once.
+    void makeController(int stopExit = 0, bool showRunning = true, bool withResources = true)
     {
         script = std::make_unique<FakeControlScript>(env.runtimeDir() + QStringLiteral("/agentctl.sh"));
         script->write({0, true, {}}, {stopExit, true, {}});
         Configuration config = env.configuration(agent->baseURL());
+        if (!withResources)
+            config.resourceDirectory.reset();
         config.refreshInterval = std::chrono::hours(1);
         config.launchFlowDelay = std::chrono::milliseconds(20);
         host = std::make_unique<ApplicationHost>();
@@ -153,6 +156,59 @@ private slots:
         QVERIFY(terminated->wait(10000));
         QCOMPARE(script->runs(), QList<QStringList>{QStringList{QStringLiteral("stop")}});
         QVERIFY(!env.messagesSinceMark().contains(QStringLiteral("Agent not healthy during launch. Starting agent.")));
+    }
+
+    // The system (AppKit, a quit signal) asks; the reply goes back at once and a deferred final
+    // answer is handed to the asker, which then ends the program itself.
+    void systemRequestGetsItsReplyThenOneFinalAnswer_data()
+    {
+        QTest::addColumn<QString>("setup");
+        QTest::addColumn<int>("reply");
+        QTest::addColumn<int>("stopRuns");
+        QTest::addColumn<QString>("firstLine");
+        QTest::newRow("now, no delegate") << "no delegate" << int(ApplicationHost::TerminateNow) << 0 << QString();
+        QTest::newRow("stop bypass") << "bypass" << int(ApplicationHost::TerminateNow) << 0
+                                     << "Termination requested with stop bypass enabled.";
+        QTest::newRow("later") << "" << int(ApplicationHost::TerminateLater) << 1 << requestLine;
+        QTest::newRow("early answer, no resource folder")
+            << "no resources" << int(ApplicationHost::TerminateLater) << 0 << requestLine;
+        QTest::newRow("repeated request") << "repeat" << int(ApplicationHost::TerminateLater) << 1 << requestLine;
+    }
+    void systemRequestGetsItsReplyThenOneFinalAnswer()
+    {
+        QFETCH(QString, setup);
+        QFETCH(int, reply);
+        QFETCH(int, stopRuns);
+        QFETCH(QString, firstLine);
+        makeController(0, true, setup != QLatin1String("no resources"));
+        if (setup == QLatin1String("no delegate"))
+            host->setDelegate(nullptr);
+        delegate->stopAgentOnTerminate = setup != QLatin1String("bypass");
+        QList<bool> answers, repeatedAnswers;
+        QCOMPARE(int(host->systemRequestsTermination([&answers](bool yes) { answers.append(yes); })), reply);
+        if (setup == QLatin1String("repeat")) // each asker hears the answer once
+            QCOMPARE(host->systemRequestsTermination([&](bool yes) { repeatedAnswers.append(yes); }),
+                     ApplicationHost::TerminateLater);
+        QVERIFY(answers.isEmpty()); // never before the reply has been returned
+        if (reply == ApplicationHost::TerminateLater) {
+            if (stopRuns) {
+                QTRY_COMPARE(script->runs().size(), 1);
+                script->release(QStringLiteral("stop"));
+            }
+            QTRY_COMPARE(answers, QList<bool>{true});
+            QTest::qWait(100); // a second answer would have come by now
+            QCOMPARE(answers, QList<bool>{true});
+            QCOMPARE(repeatedAnswers, setup == QLatin1String("repeat") ? QList<bool>{true} : QList<bool>{});
+        }
+        QCOMPARE(terminated->count(), 0); // the asker ends the program, not the host
+        host->systemWillTerminate();
+        host->systemWillTerminate();
+        QCOMPARE(terminated->count(), 1);
+        QCOMPARE(script->runs().size(), stopRuns);
+        const QStringList log = env.messagesSinceMark();
+        QCOMPARE(log.value(0), firstLine);
+        QCOMPARE(log.count(requestLine), reply == ApplicationHost::TerminateLater ? 1 : 0);
+        QCOMPARE(log.count(lastLine), setup == QLatin1String("no delegate") ? 0 : 1);
     }
 
     void realProgramLeavesOnceAsSecondCopyAndWaitsForTheStartOnSigterm_data()

@@ -3,7 +3,7 @@
 #include "platform/PlatformServices.h"
 #include "platform/linux/AutostartLoginItemService.h"
 #include "platform/linux/LinuxTrayStatusItem.h"
-#include "platform/linux/LockFileRunningApplications.h"
+#include "platform/LockFileRunningApplications.h"
 #include "platform/linux/MountInfoWatcher.h"
 #include "platform/linux/XdgOpener.h"
 

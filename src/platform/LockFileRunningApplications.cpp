@@ -1,4 +1,4 @@
-#include "platform/linux/LockFileRunningApplications.h"
+#include "platform/LockFileRunningApplications.h"
 
 #include "app/log/AppLogger.h"
 

@@ -1,4 +1,4 @@
-// Single-instance detection on Linux: a per-user lock file named after the bundle identifier, in
+// Single-instance detection: a per-user lock file named after the bundle identifier, in
 // the session's runtime folder or, when that cannot hold it, in the temporary folder.
 #pragma once
 

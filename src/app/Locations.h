@@ -1,0 +1,36 @@
+// Where the program's files are, decided from where its executable runs: inside an application
+// bundle (X.app/Contents/MacOS) or in an installed tree (<prefix>/bin beside
+// <prefix>/share/quillmere-menu). A pure function, so that both layouts are checked anywhere.
+#pragma once
+
+#include <QString>
+#include <optional>
+
+// What the decision reads. Environment values are as set (empty when unset).
+struct LocationInputs {
+    QString executablePath;
+    QString home;
+    QString dataHome;   // XDG_DATA_HOME
+    QString configHome; // XDG_CONFIG_HOME
+    QString volumesDir; // QUILLMERE_VOLUMES_DIR
+    QString user;       // USER
+    // Whether /run/media/<user> is a folder (the desktop's removable-media folder).
+    bool runMediaExists = false;
+};
+
+struct Locations {
+    bool applicationBundle = false;
+    // None when the executable's location is unknown.
+    std::optional<QString> resourceDirectory;
+    QString infoPlistPath;
+    QString applicationSupportDirectory;
+    QString configDirectory;
+    // The INI file that holds the user defaults; none means the system's own store for the
+    // bundle identifier (the preferences domain of a macOS application).
+    std::optional<QString> userDefaultsFile;
+    QString volumeMountDirectory;
+};
+
+// XDG_* and QUILLMERE_VOLUMES_DIR override the folders in both layouts (relative values are
+// ignored, as the XDG rules ask), so that tests and developers can move them anywhere.
+Locations locationsFor(const LocationInputs &inputs);
