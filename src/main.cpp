@@ -1,6 +1,7 @@
 // Process entry: the application object, the one controller, the event loop.
 #include "app/AppDelegate.h"
 #include "app/ApplicationHost.h"
+#include "app/CommandLine.h"
 #include "app/log/AppLogger.h"
 
 #include <QApplication>
@@ -25,6 +26,8 @@ void chooseHeadlessPlatformWithoutDisplay()
 
 int main(int argc, char *argv[])
 {
+    if (const auto exitCode = answerInformationalOption(argc, argv))
+        return *exitCode;
     chooseHeadlessPlatformWithoutDisplay();
 #ifdef Q_OS_MACOS
     installAppKitApplicationDelegate(); // before Qt's own, which then forwards to it
