@@ -168,58 +168,49 @@ private slots:
                                "\"path\":\"/Volumes/Caf\u00E9 \\\"Q\\\" \\\\\\u0001\"}]}"_s.toUtf8());
     }
 
-    void burstGivesOneSyncAfterTheLast()
-    {
-        FakeAgent agent;
-        agent.setResponse(syncPath, {200, "{}"});
-        addVolume(u"Disk"_s);
-        auto delegate = makeController(agent);
-        delegate->configureMountedVolumeMonitoring();
-        delegate->configureMountedVolumeMonitoring(); // registers once
-        QTRY_VERIFY(arrivals.size() == 1 && !delegate->mountedVolumeSyncInFlight);
-
-        // Three notifications 0.3 s apart, the volumes changing along the way.
-        addVolume(u"Old"_s);
-        fakes.notifications->post(didUnmount);
-        QTest::qWait(300);
-        addVolume(u"Renamed"_s);
-        fakes.notifications->post(didRename);
-        QTest::qWait(300);
-        addVolume(u"New"_s);
-        fakes.notifications->post(didMount);
-        const qint64 last = clock.elapsed();
-        QTRY_COMPARE_WITH_TIMEOUT(arrivals.size(), 2, 4000);
-        QVERIFY2(arrivals[1] - last >= 900 && arrivals[1] - last <= 2000, QByteArray::number(arrivals[1] - last));
-        QCOMPARE(sent(agent), QStringList({"app-launch:1", didMount + ":4"_L1}));
-
-        // Removing monitoring drops the sync still waiting and stops listening.
-        fakes.notifications->post(didMount);
-        const auto waiting = delegate->mountedVolumeSyncDebounceWorkItem;
-        delegate->removeMountedVolumeMonitoring();
-        QVERIFY(waiting->isCancelled());
-        QCOMPARE(fakes.notifications->observerCount(), 0);
-    }
-
-    void laterTriggerReplacesTheWaitingOne()
+    void syncsWaitForTheLastTriggerOrGoAtOnceWhenForced()
     {
         FakeAgent agent;
         agent.setResponse(syncPath, {500, "{}"}); // never accepted, so every sync that runs is sent
-        debounce = 200ms;
+        debounce = 500ms;
         auto delegate = makeController(agent);
+        delegate->configureMountedVolumeMonitoring();
+        delegate->configureMountedVolumeMonitoring();
+        QCOMPARE(fakes.notifications->observerCount(), 3); // registered once
+        QTRY_VERIFY(arrivals.size() == 1 && !delegate->mountedVolumeSyncInFlight);
+
+        // Three notifications 0.15 s apart, a volume coming along the way: one sync, after the last.
+        fakes.notifications->post(didUnmount);
+        QTest::qWait(150);
+        fakes.notifications->post(didRename);
+        QTest::qWait(150);
+        addVolume(u"New"_s);
+        fakes.notifications->post(didMount);
+        qint64 scheduled = clock.elapsed();
+        QTRY_COMPARE_WITH_TIMEOUT(arrivals.size(), 2, 4000);
+        QVERIFY2(arrivals[1] - scheduled >= 450 && arrivals[1] - scheduled <= 1500,
+                 QByteArray::number(arrivals[1] - scheduled));
+
         // A forced sync replaces a waiting unforced one and goes at once...
         delegate->scheduleMountedVolumesSync(didMount, false);
-        qint64 scheduled = clock.elapsed();
+        scheduled = clock.elapsed();
         delegate->scheduleMountedVolumesSync(u"agent-running"_s, true);
-        QTRY_COMPARE(arrivals.size(), 1);
-        QVERIFY2(arrivals[0] - scheduled < 150, QByteArray::number(arrivals[0] - scheduled));
+        QTRY_COMPARE(arrivals.size(), 3);
+        QVERIFY2(arrivals[2] - scheduled < 150, QByteArray::number(arrivals[2] - scheduled));
         // ...and an unforced one replaces a forced one not yet run, and waits.
         delegate->scheduleMountedVolumesSync(u"agent-running"_s, true);
         scheduled = clock.elapsed();
         delegate->scheduleMountedVolumesSync(didUnmount, false);
-        QTRY_COMPARE(arrivals.size(), 2);
-        QVERIFY2(arrivals[1] - scheduled >= 180, QByteArray::number(arrivals[1] - scheduled));
-        QTest::qWait(400); // long enough for a replaced one to have run
-        QCOMPARE(sent(agent), QStringList({"agent-running:0", didUnmount + ":0"_L1}));
+        QTRY_COMPARE(arrivals.size(), 4);
+        QVERIFY2(arrivals[3] - scheduled >= 450, QByteArray::number(arrivals[3] - scheduled));
+
+        // Removing monitoring drops the sync still waiting and stops listening.
+        fakes.notifications->post(didMount);
+        delegate->removeMountedVolumeMonitoring();
+        QCOMPARE(fakes.notifications->observerCount(), 0);
+        QTest::qWait(700); // long enough for a replaced or dropped sync to have run
+        QCOMPARE(sent(agent),
+                 QStringList({"app-launch:0", didMount + ":1"_L1, "agent-running:1", didUnmount + ":1"_L1}));
     }
 
     void watcherPostsMountTableChanges()
