@@ -1,17 +1,14 @@
 // Pages and folders the menu opens with their log lines, and the launch: the getting-started page
 // shown once per version and never at login, the startup status page only for a manual launch.
 #include "app/AppDelegate.h"
-#include "platform/Bundle.h"
 #include "support/FakeAgent.h"
 #include "support/FakeControlScript.h"
 #include "support/FakePlatform.h"
 #include "support/Files.h"
-#include "support/InstalledProgram.h"
 #include <QAction>
 #include <QMenu>
 #include <QSettings>
 #include <QTest>
-#include <csignal>
 
 static const QString welcomeKey = QStringLiteral("QuillmereAgentWelcomePresentedBundleVersion");
 
@@ -122,27 +119,6 @@ private slots:
         else
             QCOMPARE(QSettings(defaults(), QSettings::IniFormat).value(welcomeKey).toString(),
                      welcomeShown ? QStringLiteral("1.0.0") : stored);
-    }
-
-    void realProgramOpensTheWelcomePageThroughXdgOpen()
-    {
-        agent.setHealthy();
-        InstalledProgram program;
-        FakeControlScript realScript(program.controlScript());
-        realScript.write();
-        const QString welcome = program.runtimeDir() + QStringLiteral("/welcome.html");
-        QProcess *process = program.start(agent.port());
-        QTRY_VERIFY_WITH_TIMEOUT(program.logMessages().contains("Opening getting started page: " + welcome), 15000);
-        QTRY_COMPARE(program.openedLocations(), QStringList{welcome});
-        ::kill(pid_t(process->processId()), SIGTERM);
-        QTRY_COMPARE_WITH_TIMEOUT(process->state(), QProcess::NotRunning, 15000);
-        const QString version = readPropertyListDictionary(program.resourceDir() + QStringLiteral("/Info.plist"))
-                                    .value(QStringLiteral("CFBundleVersion"))
-                                    .toString();
-        const QString stored =
-            program.configHomeOf(QStringLiteral("first")) + QStringLiteral("/com.tallyhold.agent.app.conf");
-        QVERIFY(!version.isEmpty());
-        QCOMPARE(QSettings(stored, QSettings::IniFormat).value(welcomeKey).toString(), version);
     }
 };
 
