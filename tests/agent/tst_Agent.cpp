@@ -146,6 +146,8 @@ private slots:
         QTEST(d->stateMenuItem->text(), "title");
         // Only a change to running asks for a volume sync; only a running agent clears the flags.
         QCOMPARE(d->mountedVolumeSyncDebounceWorkItem.get() != syncBefore, up && !wasRunning);
+        if (up && !wasRunning) // forced: sent at once, well inside the one-second debounce
+            QTRY_COMPARE_WITH_TIMEOUT(agent->countFor("/api/mounted-volumes/cache-sync"), 1, 700);
         QCOMPARE(d->startInFlight, startInFlight && !up);
         QCOMPARE(d->stopInFlight, stopInFlight && !up);
     }
