@@ -1,17 +1,14 @@
-// Pages and folders the menu opens with their log lines, the failure pages after a failed start,
-// and the getting-started page shown once per version and never at login.
+// Pages and folders the menu opens with their log lines, and the launch: the getting-started page
+// shown once per version and never at login, the startup status page only for a manual launch.
 #include "app/AppDelegate.h"
-#include "platform/Bundle.h"
 #include "support/FakeAgent.h"
 #include "support/FakeControlScript.h"
 #include "support/FakePlatform.h"
 #include "support/Files.h"
-#include "support/InstalledProgram.h"
 #include <QAction>
 #include <QMenu>
 #include <QSettings>
 #include <QTest>
-#include <csignal>
 
 static const QString welcomeKey = QStringLiteral("QuillmereAgentWelcomePresentedBundleVersion");
 
@@ -54,41 +51,30 @@ private slots:
     void menuItemsOpenAndLog_data()
     {
         QTest::addColumn<QString>("title");
-        QTest::addColumn<int>("agentState"); // 0 stopped, 1 starting, 2 running
         QTest::addColumn<QString>("opened"); // "$r" stands for the runtime folder, "$l" for the logs folder
         QTest::addColumn<QString>("logLine");
-        const auto row = [](const char *title, int state, const QString &opened, const QString &logLine) {
-            QTest::newRow(title) << QString::fromUtf8(title) << state << opened << logLine;
+        const auto row = [](const char *title, const QString &opened, const QString &logLine) {
+            QTest::newRow(title) << QString::fromUtf8(title) << opened << logLine;
         };
         const QString page = QStringLiteral("Opening startup page: $r/"),
                       failed = QStringLiteral("startup-status-failed.html");
-        row("Open Cloud Admin", 0, QStringLiteral("https://quillmere.example/admin.html"),
-            QStringLiteral("Opening cloud admin."));
-        row("Check for Updates", 0, QStringLiteral("https://quillmere.example/downloads/"),
+        row("Check for Updates", QStringLiteral("https://quillmere.example/downloads/"),
             QStringLiteral("Opening update page."));
-        row("Open Local Admin", 0, agent.baseURL().toString() + u'/', QStringLiteral("Opening local admin."));
-        row("Open Getting Started", 0, QStringLiteral("$r/welcome.html"),
-            QStringLiteral("Opening getting started page: $r/welcome.html"));
-        row("Open Startup Status", 2, QStringLiteral("$r/startup-status.html"),
-            page + QStringLiteral("startup-status.html"));
-        QTest::newRow("stopped") << QStringLiteral("Open Startup Status") << 0 << "$r/" + failed << page + failed;
-        QTest::newRow("starting") << QStringLiteral("Open Startup Status") << 1 << "$r/" + failed << page + failed;
-        row("Open Logs", 0, QStringLiteral("$l"), QStringLiteral("Opening logs directory: $l"));
+        row("Open Startup Status", "$r/" + failed, page + failed); // the agent is down
+        row("Open Logs", QStringLiteral("$l"), QStringLiteral("Opening logs directory: $l"));
     }
     void menuItemsOpenAndLog()
     {
         QFETCH(QString, title);
-        QFETCH(int, agentState);
         QFETCH(QString, opened);
         QFETCH(QString, logLine);
         makeController();
         delegate->assembleStatusMenu();
-        delegate->startInFlight = agentState == 1;
-        delegate->updateStateMenu(QStringLiteral("Status: Running"), QStringLiteral("1.4.2"), agentState == 2);
+        delegate->updateStateMenu(QStringLiteral("Status: Stopped"), QStringLiteral("1.4.2"), false);
         env.markLog();
         const QList<QAction *> actions = delegate->menu->actions();
         const auto item = std::find_if(actions.begin(), actions.end(), [&](QAction *a) { return a->text() == title; });
-        QVERIFY(item != actions.end() && (*item)->isEnabled()); // web pages are offered with the agent down too
+        QVERIFY(item != actions.end() && (*item)->isEnabled());
         (*item)->trigger();
         for (QString *text : {&opened, &logLine})
             text->replace(QStringLiteral("$r"), env.runtimeDir()).replace(QStringLiteral("$l"), logsFolder());
@@ -96,26 +82,6 @@ private slots:
                  QList<QUrl>{opened.startsWith(u'/') ? QUrl::fromLocalFile(opened) : QUrl(opened)});
         QCOMPARE(env.messagesSinceMark(), QStringList{logLine});
         QCOMPARE(QFileInfo(logsFolder()).isDir(), title == QStringLiteral("Open Logs")); // the chain is created
-        if (title == QStringLiteral("Open Getting Started"))
-            QCOMPARE(QSettings(defaults(), QSettings::IniFormat).value(welcomeKey).toString(), QStringLiteral("1.0.0"));
-    }
-
-    void failedStartOpensTheFailurePageThenTheLogs()
-    {
-        script->write({3, false, {}});
-        makeController();
-        delegate->startAgentFromMenu();
-        QVERIFY(env.waitForLogMessage(QStringLiteral("Agent start command failed with exit code 3")));
-        QCOMPARE(fakes.opener->opened, QList<QUrl>({QUrl::fromLocalFile(runtimeFile("startup-status.html")),
-                                                    QUrl::fromLocalFile(runtimeFile("startup-status-failed.html")),
-                                                    QUrl::fromLocalFile(logsFolder())}));
-        QVERIFY(QFileInfo(logsFolder()).isDir());
-        const QStringList log = env.messagesSinceMark();
-        const qsizetype failed = log.indexOf(QStringLiteral("Agent start command failed with exit code 3"));
-        const qsizetype page =
-            log.indexOf(QStringLiteral("Opening startup page: ") + runtimeFile("startup-status-failed.html"));
-        QVERIFY(failed >= 0 && failed < page &&
-                page < log.indexOf(QStringLiteral("Opening logs directory: ") + logsFolder()));
     }
 
     void gettingStartedOnLaunch_data()
@@ -153,27 +119,6 @@ private slots:
         else
             QCOMPARE(QSettings(defaults(), QSettings::IniFormat).value(welcomeKey).toString(),
                      welcomeShown ? QStringLiteral("1.0.0") : stored);
-    }
-
-    void realProgramOpensTheWelcomePageThroughXdgOpen()
-    {
-        agent.setHealthy();
-        InstalledProgram program;
-        FakeControlScript realScript(program.controlScript());
-        realScript.write();
-        const QString welcome = program.runtimeDir() + QStringLiteral("/welcome.html");
-        QProcess *process = program.start(agent.port());
-        QTRY_VERIFY_WITH_TIMEOUT(program.logMessages().contains("Opening getting started page: " + welcome), 15000);
-        QTRY_COMPARE(program.openedLocations(), QStringList{welcome});
-        ::kill(pid_t(process->processId()), SIGTERM);
-        QTRY_COMPARE_WITH_TIMEOUT(process->state(), QProcess::NotRunning, 15000);
-        const QString version = readPropertyListDictionary(program.resourceDir() + QStringLiteral("/Info.plist"))
-                                    .value(QStringLiteral("CFBundleVersion"))
-                                    .toString();
-        const QString stored =
-            program.configHomeOf(QStringLiteral("first")) + QStringLiteral("/com.tallyhold.agent.app.conf");
-        QVERIFY(!version.isEmpty());
-        QCOMPARE(QSettings(stored, QSettings::IniFormat).value(welcomeKey).toString(), version);
     }
 };
 

@@ -41,7 +41,6 @@ public:
         setResponse("/healthz", {200, "{\"status\":\"ok\",\"version\":\"" + version.toUtf8() + "\"}"});
     }
     void setHealthDown() { setResponse("/healthz", {503, "{\"status\":\"down\"}"}); }
-    void close() { server_.close(); } // connections are then refused
 
     QList<RecordedRequest> requestsFor(const QByteArray &path) const;
     int countFor(const QByteArray &path) const { return int(requestsFor(path).size()); }

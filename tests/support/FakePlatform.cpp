@@ -1,10 +1,10 @@
 #include "support/FakePlatform.h"
 
-PlatformServices FakePlatform::services(bool statusButtonAvailable)
+PlatformServices FakePlatform::services()
 {
     PlatformServices services;
-    services.makeStatusItem = [this, statusButtonAvailable] {
-        auto item = std::make_unique<FakeStatusItem>(statusButtonAvailable);
+    services.makeStatusItem = [this] {
+        auto item = std::make_unique<FakeStatusItem>();
         statusItem = item.get();
         return item;
     };

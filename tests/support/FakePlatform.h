@@ -1,5 +1,5 @@
-// Platform services for tests: a status item whose button can be missing, an opener that
-// records, a scriptable login-item service and this copy as the only one running.
+// Platform services for tests: a status item, an opener that records, a scriptable login-item
+// service and this copy as the only one running.
 #pragma once
 
 #include "platform/PlatformServices.h"
@@ -10,13 +10,11 @@
 
 class FakeStatusItem : public StatusItem {
 public:
-    explicit FakeStatusItem(bool hasButton = true) : hasButton_(hasButton) {}
-    StatusButton *button() override { return hasButton_ ? &button_ : nullptr; }
+    StatusButton *button() override { return &button_; }
     void setMenu(QMenu *menu) override { menu_ = menu; }
     QMenu *menu() const override { return menu_; }
 
 private:
-    bool hasButton_;
     StatusButton button_;
     QPointer<QMenu> menu_;
 };
@@ -68,5 +66,5 @@ struct FakePlatform {
     FakeLoginItemService *loginItems = nullptr;
     WorkspaceNotificationCenter *notifications = nullptr;
 
-    PlatformServices services(bool statusButtonAvailable = true);
+    PlatformServices services();
 };
