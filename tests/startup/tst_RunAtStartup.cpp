@@ -70,14 +70,11 @@ private slots:
         QDir(env.configHome() + QStringLiteral("/autostart")).removeRecursively();
         QDir(env.root() + QStringLiteral("/support")).removeRecursively();
         QFile::remove(recordPath());
-        QFile::remove(env.root() + QStringLiteral("/bootstrap-fails"));
         // A launchctl that records each run as one line of bracketed arguments.
-        TestEnvironment::writeScript(
-            configuration().launchctlPath,
-            QStringLiteral("line=''\nfor a in \"$@\"; do line=\"$line[$a]\"; done\n"
-                           "printf '%s\\n' \"$line\" >> '%1'\n"
-                           "if [ \"$1\" = bootstrap ] && [ -e '%2/bootstrap-fails' ]; then exit 5; fi\n")
-                .arg(recordPath(), env.root()));
+        TestEnvironment::writeScript(configuration().launchctlPath,
+                                     QStringLiteral("line=''\nfor a in \"$@\"; do line=\"$line[$a]\"; done\n"
+                                                    "printf '%s\\n' \"$line\" >> '%1'\n")
+                                         .arg(recordPath()));
         env.markLog();
     }
 
@@ -92,12 +89,10 @@ private slots:
         const QByteArray none;
         QTest::newRow("no service, nothing") << false << 1 << false << none << off;
         QTest::newRow("no service, own plist") << false << 0 << true << none << on;
-        QTest::newRow("not registered") << true << 0 << false << none << off;
         QTest::newRow("enabled") << true << 1 << false << none << on;
         QTest::newRow("requires approval") << true << 2 << false << none << approval;
         QTest::newRow("requires approval, own plist") << true << 2 << true << none << on;
         QTest::newRow("not found, leftover") << true << 3 << false << markedInComment << on;
-        QTest::newRow("unknown status") << true << 7 << false << none << off;
         QTest::newRow("leftover without marker") << true << 0 << false << unmarked << off;
         QTest::newRow("leftover not UTF-8") << true << 0 << false << notUtf8 << off;
     }
@@ -199,7 +194,6 @@ private slots:
         const QString enabled = "Enabled legacy run-at-startup plist at " + plistPath();
         const QString bootFailed = "Legacy bootstrap failed for " + plistPath();
         QTest::newRow("written and loaded") << "" << QStringList{cleaned, enabled} << true;
-        QTest::newRow("bootstrap fails") << "bootstrap" << QStringList{cleaned, bootFailed, enabled} << true;
         QTest::newRow("launchctl cannot start") << "launchctl" << QStringList{cleaned, bootFailed, enabled} << false;
         QTest::newRow("plist path is a folder")
             << "plist"
@@ -208,6 +202,7 @@ private slots:
             << false;
         QTest::newRow("no executable")
             << "executable" << QStringList{"Could not resolve app executable path for legacy run-at-startup."} << false;
+        // Guards: a launch agent was written for a translocated copy, which is gone at the next login.
         QTest::newRow("translocated copy")
             << "translocated"
             << QStringList{"Legacy run-at-startup not installed: the app runs from a translocated copy at "
@@ -224,9 +219,7 @@ private slots:
         Configuration config = configuration();
         config.applicationSupportDirectory = env.root() + QStringLiteral("/support"); // logs folder made on the way
         writeFile(obsoletePath(0), marked);
-        if (fault == QLatin1String("bootstrap"))
-            writeFile(env.root() + QStringLiteral("/bootstrap-fails"), QByteArray());
-        else if (fault == QLatin1String("launchctl"))
+        if (fault == QLatin1String("launchctl"))
             QFile::remove(config.launchctlPath);
         else if (fault == QLatin1String("plist")) // a folder in the way stops the write even for root
             QVERIFY(QDir().mkpath(plistPath() + QStringLiteral("/inside")));
@@ -277,6 +270,7 @@ private slots:
         QVERIFY(!QFile::exists(plistPath()) && QFile::exists(obsoletePath(0)));
     }
 
+    // Guards: unescaped ampersands and quotes in the program path made launchd reject the whole file.
     void propertyListIsExact()
     {
         // Every byte counts; the paths are escaped (ampersand first), the label is not.
@@ -289,6 +283,7 @@ private slots:
         QCOMPARE(xmlEscaped(QStringLiteral("'\"><&lt;")), QStringLiteral("&apos;&quot;&gt;&lt;&amp;lt;"));
     }
 
+    // Guards: any path that an XML reader does not read back unchanged (escaping order, astral letters).
     void randomExecutablePathsSurviveAnXmlReading()
     {
         // Mostly printable ASCII, with letters beyond it including one outside the basic plane.
