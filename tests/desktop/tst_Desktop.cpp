@@ -628,6 +628,25 @@ private slots:
         QCOMPARE(log.constLast(), u"Application will terminate."_s);
     }
 
+    // xfce4-panel already there when the program starts: the icon goes straight onto it.
+    void xfcePanelBeforeTheProgram()
+    {
+        startXfcePanel();
+        auto program = makeProgram();
+        QProcess *process = program->start(agent_.port());
+        QTRY_VERIFY_WITH_TIMEOUT(
+            [&] {
+                const QImage now = grabScreen();
+                const QRect found = matching(now.rect(), [&](int x, int y) { return isBadgeCyan(now.pixel(x, y)); });
+                return found.width() >= 8 && found.height() >= 8;
+            }(),
+            timeoutMs);
+        control_->release(u"stop"_s);
+        process->terminate();
+        QVERIFY(process->waitForFinished(timeoutMs));
+        QCOMPARE(process->exitCode(), 0);
+    }
+
     void tint2_data()
     {
         QTest::addColumn<bool>("panelFirst");
