@@ -67,6 +67,21 @@ private slots:
         host.reset();
     }
 
+    // Guards: a quit signal that came before launching had finished was forgotten.
+    void quitSignalBeforeLaunchIsHonouredOnceLaunched()
+    {
+        makeController(0, false);
+        host->installQuitSignalHandlers();
+        ::raise(SIGTERM);
+        QCoreApplication::processEvents(); // the signal is read, but nothing is launched to ask yet
+        QCOMPARE(script->runs().size(), 0);
+        host->finishLaunching();
+        QTRY_COMPARE(script->runs(), QList<QStringList>{QStringList{QStringLiteral("stop")}});
+        QVERIFY(env.messagesSinceMark().contains(requestLine));
+        script->release(QStringLiteral("stop"));
+        QVERIFY(terminated->wait(10000));
+    }
+
     void quitStopsTheAgentOnceBeforeExit_data()
     {
         QTest::addColumn<bool>("menuStopFirst"); // a stop from the menu is still running at the Quit
