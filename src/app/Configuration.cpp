@@ -28,13 +28,6 @@ LocationInputs locationInputsFromEnvironment()
     return inputs;
 }
 
-// A folder from the environment, tidied; a relative one is ignored, as the XDG rules ask.
-QString environmentPath(const char *name, const QString &fallback)
-{
-    const QString value = qEnvironmentVariable(name);
-    return value.isEmpty() || QDir::isRelativePath(value) ? fallback : QDir::cleanPath(value);
-}
-
 } // namespace
 
 void Configuration::setAgentBaseURL(const QUrl &base)
@@ -72,7 +65,7 @@ Configuration Configuration::fromEnvironment()
     config.applicationSupportDirectory = locations.applicationSupportDirectory;
     config.configDirectory = locations.configDirectory;
     config.userDefaultsFile = locations.userDefaultsFile;
-    config.runtimeStateDirectory = environmentPath("XDG_RUNTIME_DIR", QString());
+    config.runtimeStateDirectory = overridden(qEnvironmentVariable("XDG_RUNTIME_DIR"), QString());
     config.resourceDirectory = locations.resourceDirectory;
     config.infoPlistPath = locations.infoPlistPath;
     config.applicationBundle = locations.applicationBundle;

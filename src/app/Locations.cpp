@@ -4,13 +4,6 @@
 
 namespace {
 
-// A folder from the environment, tidied ("/home/me/" gives "/home/me"); unset or relative falls
-// back.
-QString overridden(const QString &value, const QString &fallback)
-{
-    return value.isEmpty() || QDir::isRelativePath(value) ? fallback : QDir::cleanPath(value);
-}
-
 // The bundle folder (X.app) when the executable sits in X.app/Contents/MacOS.
 std::optional<QString> enclosingBundle(const QString &executablePath)
 {
@@ -24,6 +17,11 @@ std::optional<QString> enclosingBundle(const QString &executablePath)
 }
 
 } // namespace
+
+QString overridden(const QString &value, const QString &fallback)
+{
+    return value.isEmpty() || QDir::isRelativePath(value) ? fallback : QDir::cleanPath(value);
+}
 
 Locations locationsFor(const LocationInputs &in)
 {

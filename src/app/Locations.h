@@ -31,6 +31,10 @@ struct Locations {
     QString volumeMountDirectory;
 };
 
+// A folder from the environment, tidied ("/home/me/" gives "/home/me"); unset or relative falls
+// back, as the XDG rules ask.
+QString overridden(const QString &value, const QString &fallback);
+
 // XDG_* and QUILLMERE_VOLUMES_DIR override the folders in both layouts (relative values are
 // ignored, as the XDG rules ask), so that tests and developers can move them anywhere.
 Locations locationsFor(const LocationInputs &inputs);
