@@ -11,8 +11,6 @@
 
 #include <QAction>
 #include <QElapsedTimer>
-#include <QTcpServer>
-#include <QTcpSocket>
 #include <QTest>
 
 using namespace Qt::StringLiterals;
@@ -78,33 +76,18 @@ private slots:
 
     void probe_data()
     {
-        QTest::addColumn<QString>("answer");
-        QTest::newRow("hung") << u"hung"_s;
+        QTest::addColumn<bool>("hang");
+        QTest::newRow("hung") << true;
         // Guards the fix that made a body cut off after the status line a transport failure: the
         // whole ok object arrives, but not the announced length.
-        QTest::newRow("cut-off") << u"cut-off"_s;
+        QTest::newRow("cut-off") << false;
     }
     void probe()
     {
-        QFETCH(QString, answer);
-        const bool hang = answer == "hung"_L1, cutOff = !hang;
+        QFETCH(bool, hang);
         const int takesMs = hang ? 2500 : 0; // the probe gives up on a silent agent
-        agent->setResponse("/healthz", {200, okBody, "application/json", hang});
-        QUrl address = agent->baseURL();
-        QTcpServer peer;
-        if (cutOff) {
-            QVERIFY(peer.listen(QHostAddress::LocalHost));
-            address.setPort(peer.serverPort());
-            connect(&peer, &QTcpServer::newConnection, &peer, [&peer] {
-                QTcpSocket *socket = peer.nextPendingConnection();
-                connect(socket, &QTcpSocket::readyRead, socket, [socket] {
-                    socket->readAll();
-                    socket->write("HTTP/1.1 200 OK\r\nContent-Length: 99\r\n\r\n" + okBody);
-                    socket->disconnectFromHost();
-                });
-            });
-        }
-        auto d = makeController(address);
+        agent->setResponse("/healthz", {200, okBody, "application/json", hang, 0, hang ? -1 : okBody.size() + 50});
+        auto d = makeController(agent->baseURL());
         QList<QPair<bool, QString>> answers;
         QElapsedTimer clock;
         clock.start();

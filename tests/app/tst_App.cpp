@@ -1,22 +1,16 @@
-// The application log, child processes, runtime locations and version, and the launch sequence.
-#include "app/AppDelegate.h"
+// The application log, child processes, and where the program finds its folders.
 #include "app/Locations.h"
 #include "app/log/AppLogger.h"
 #include "app/process/ProcessRunner.h"
-#include "support/FakeAgent.h"
-#include "support/FakePlatform.h"
 #include "support/Files.h"
 #include "support/TestEnvironment.h"
-#include <QElapsedTimer>
 #include <QRegularExpression>
 #include <QTest>
-#include <QTimer>
 #include <thread>
 
 class AppTest : public QObject {
     Q_OBJECT
     TestEnvironment env;
-    FakeAgent agent;
     QString script(const QString &name, const QString &body)
     {
         TestEnvironment::writeScript(env.root() + QStringLiteral("/scripts/") + name, body);
@@ -109,32 +103,6 @@ private slots:
         QCOMPARE(env.messagesSinceMark(), QStringList{launching} + expectedLog);
     }
 
-    void runtimeLocationsAndVersionKeyOrder_data()
-    {
-        QTest::addColumn<QString>("build");
-        QTest::addColumn<QString>("marketing");
-        QTest::addColumn<QString>("expected");
-        QTest::newRow("build wins") << QStringLiteral("42") << QStringLiteral("1.3") << QStringLiteral("42");
-        QTest::newRow("blank build") << QStringLiteral(" \n\t") << QStringLiteral("1.3") << QStringLiteral("1.3");
-        QTest::newRow("both blank") << QStringLiteral(" ") << QString(u' ') << QStringLiteral("1");
-    }
-    void runtimeLocationsAndVersionKeyOrder()
-    {
-        QFETCH(QString, build);
-        QFETCH(QString, marketing);
-        QFETCH(QString, expected);
-        env.writeInfoPlist(build, marketing);
-        FakePlatform fakes;
-        Configuration config = env.configuration(agent.baseURL());
-        AppDelegate delegate(config, fakes.services(), nullptr);
-        QCOMPARE(delegate.currentBundleVersion(), expected);
-        QCOMPARE(delegate.runtimeDirectory(), std::optional<QString>(env.runtimeDir()));
-        QCOMPARE(delegate.logsDirectory(), env.logsDir());
-        config.resourceDirectory.reset();
-        QVERIFY(!AppDelegate(config, fakes.services(), nullptr).runtimeDirectory());
-        env.writeInfoPlist(QStringLiteral("1.0.0"));
-    }
-
     void locationsFollowTheExecutable_data()
     {
         // Inputs: executable, home, XDG_DATA_HOME, XDG_CONFIG_HOME, QUILLMERE_VOLUMES_DIR, and
@@ -178,30 +146,6 @@ private slots:
         QCOMPARE(locations.userDefaultsFile.value_or(QString()), out[3]);
         QCOMPARE(locations.volumeMountDirectory, out[4]);
         QCOMPARE(locations.applicationBundle, out[0].endsWith(QLatin1String("/Contents/Resources")));
-    }
-
-    void interactiveLaunchLogsInOrder()
-    {
-        agent.setHealthy(QStringLiteral("2.0.1"));
-        FakePlatform fakes;
-        ApplicationHost host;
-        AppDelegate delegate(env.configuration(agent.baseURL()), fakes.services(), &host);
-        host.setDelegate(&delegate);
-        env.markLog();
-        QElapsedTimer clock;
-        clock.start();
-        delegate.applicationDidFinishLaunching();
-        QCOMPARE(host.activationPolicy(), ApplicationHost::ActivationPolicyAccessory);
-        QVERIFY(delegate.refreshTimer && delegate.refreshTimer->isActive());
-        QVERIFY(env.waitForLogMessage(QStringLiteral("Launch flow starting. launchedAtLogin=false")));
-        QVERIFY2(clock.elapsed() >= 390, "the launch flow waits before it starts");
-        QVERIFY(env.waitForLogMessage(QStringLiteral("Agent already healthy during launch.")));
-        const QStringList log = env.messagesSinceMark();
-        QCOMPARE(log.mid(0, 2), QStringList({QStringLiteral("Application did finish launching."),
-                                             QStringLiteral("Configuring status menu.")}));
-        QVERIFY(log.indexOf(QStringLiteral("Launch flow starting. launchedAtLogin=false")) > 1);
-        QTRY_COMPARE(delegate.stateMenuItem->text(), QStringLiteral("Status: Running"));
-        QCOMPARE(delegate.versionMenuItem->text(), QStringLiteral("Version: 2.0.1"));
     }
 };
 

@@ -1,6 +1,5 @@
-// The status menu and its badge: what a state update shows, logs and enables, the status button,
-// and the badge's colours at known pixels (the renderings are also written out for the README
-// pictures). The menu's entries in order are checked as the panel sees them, in the tray test.
+// The status menu and its badge: the entries in order, what a state update shows, logs and enables,
+// the status button, and the badge's colours at known pixels (also written out as pictures).
 #include "app/AppDelegate.h"
 #include "menu/BrandImage.h"
 #include "support/FakePlatform.h"
@@ -84,6 +83,11 @@ private slots:
              {d.startMenuItem(), d.stopMenuItem(), d.openGettingStartedMenuItem(), d.openStartupPageMenuItem()})
             enabled += QString::number(item->isEnabled());
         QCOMPARE(enabled, QString::fromLatin1(row.enabled));
+        QStringList entries; // below the state and version lines
+        for (const QAction *item : d.menu->actions().mid(2))
+            entries.append(item->isSeparator() ? QStringLiteral("-") : shownText(item));
+        QCOMPARE(entries.join(u'|'), "-|Start Agent|Stop Agent|-|Open Cloud Admin|Check for Updates|Open Local Admin|"
+                                     "Open Getting Started|Open Startup Status|Open Logs|-|Run at Startup|-|Quit");
         QCOMPARE(button->toolTip(), row.running ? QStringLiteral("Quillmere Agent is running")
                                                 : QStringLiteral("Quillmere Agent is offline"));
         QVERIFY(button->title().isEmpty() && !button->appearsDisabled() && !button->image().isMask());

@@ -25,11 +25,12 @@ class PagesTest : public QObject {
     QString logsFolder() const { return support + QStringLiteral("/TallyholdAgent/runtime/logs"); }
     QString runtimeFile(const char *name) const { return env.runtimeDir() + u'/' + QLatin1String(name); }
 
-    void makeController(const QStringList &arguments = {QStringLiteral("quillmere-menu")})
+    void makeController(const QStringList &arguments = {QStringLiteral("quillmere-menu")},
+                        std::chrono::milliseconds refreshInterval = std::chrono::hours(1))
     {
         support = env.root() + QStringLiteral("/support-") + QString::fromLatin1(QTest::currentDataTag());
         Configuration config = env.configuration(agent.baseURL());
-        config.refreshInterval = std::chrono::hours(1);
+        config.refreshInterval = refreshInterval;
         config.launchFlowDelay = std::chrono::milliseconds(10);
         config.arguments = arguments;
         config.applicationSupportDirectory = support;
@@ -104,12 +105,14 @@ private slots:
             QSettings(defaults(), QSettings::IniFormat).setValue(welcomeKey, stored);
         const bool atLogin = arguments.contains(QStringLiteral("--launched-at-login"));
         const QByteArray before = readFile(defaults());
-        makeController(arguments);
+        makeController(arguments, std::chrono::milliseconds(100));
+        const int probes = agent.countFor("/healthz");
         delegate->applicationDidFinishLaunching();
         QCOMPARE(delegate->launchedAtLogin, atLogin);
         QCOMPARE(delegate->presentedWelcomeOnLaunch, welcomeShown);
         // The agent is down, so the launch flow starts it: interactively that shows the status page.
         QTRY_COMPARE(script->runs(), QList<QStringList>{{QStringLiteral("start")}});
+        QTRY_VERIFY(agent.countFor("/healthz") >= probes + 4); // the launch probe, then the repeating refresh
         QList<QUrl> expected;
         if (welcomeShown || !atLogin)
             expected = {QUrl::fromLocalFile(runtimeFile(welcomeShown ? "welcome.html" : "startup-status.html"))};

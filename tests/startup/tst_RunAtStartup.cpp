@@ -12,8 +12,6 @@
 #include "support/TestEnvironment.h"
 
 #include <QAction>
-#include <QRandomGenerator>
-#include <QXmlStreamReader>
 #include <unistd.h>
 
 namespace {
@@ -83,7 +81,7 @@ private slots:
         QTest::addColumn<bool>("available");
         QTest::addColumn<int>("status");
         QTest::addColumn<bool>("ownPlist");
-        QTest::addColumn<QByteArray>("leftover"); // under the first obsolete label; null: none
+        QTest::addColumn<QByteArray>("leftover"); // under each obsolete label; null: none
         QTest::addColumn<int>("shown");           // the item's check state
         const int off = menuItemStateOff, on = menuItemStateOn, approval = menuItemStateMixed;
         const QByteArray none;
@@ -106,8 +104,8 @@ private slots:
         QFETCH(int, shown);
         if (ownPlist)
             writeFile(plistPath(), QByteArray());
-        if (!leftover.isNull())
-            writeFile(obsoletePath(0), leftover);
+        for (int i = 0; i < obsoleteLabels.size() && !leftover.isNull(); ++i)
+            writeFile(obsoletePath(i), leftover);
         Harness h(configuration());
         h.service().available = available;
         h.service().currentStatus = status;
@@ -128,7 +126,8 @@ private slots:
         QCOMPARE(item->text(), QStringLiteral("Run at Startup"));
         QCOMPARE(QFile::exists(plistPath()), turnedOn && !available);
         // Either way marked leftovers are cleaned up, and only those.
-        QCOMPARE(QFile::exists(obsoletePath(0)), leftover == unmarked || leftover == notUtf8);
+        for (int i = 0; i < obsoleteLabels.size(); ++i)
+            QCOMPARE(QFile::exists(obsoletePath(i)), leftover == unmarked || leftover == notUtf8);
     }
 
     void serviceOutcomes_data()
@@ -254,22 +253,6 @@ private slots:
         QCOMPARE(launchctlCalls(), calls);
     }
 
-    void removalBootsOutOwnThenMarkedLeftovers()
-    {
-        writeFile(plistPath(), "installed earlier");
-        for (int i = 0; i < 3; ++i)
-            writeFile(obsoletePath(i), QList<QByteArray>{unmarked, marked, markedInComment}.at(i));
-        Harness h(configuration());
-
-        h.delegate.removeLegacyRunAtStartup();
-        QCOMPARE(launchctlCalls(), QStringList({run("bootout", plistPath()), run("bootout", obsoletePath(1)),
-                                                run("bootout", obsoletePath(2))}));
-        const QString removed = "Removed legacy run-at-startup plist at " + plistPath();
-        QCOMPARE(ownLines(), QStringList({removed, "Removed obsolete beta run-at-startup plist at " + obsoletePath(1),
-                                          "Removed obsolete beta run-at-startup plist at " + obsoletePath(2)}));
-        QVERIFY(!QFile::exists(plistPath()) && QFile::exists(obsoletePath(0)));
-    }
-
     // Guards: unescaped ampersands and quotes in the program path made launchd reject the whole file.
     void propertyListIsExact()
     {
@@ -281,27 +264,6 @@ private slots:
             logs + "menu-app.out.log", logs + "menu-app.err.log");
         QCOMPARE(text.toUtf8(), goldenPlist());
         QCOMPARE(xmlEscaped(QStringLiteral("'\"><&lt;")), QStringLiteral("&apos;&quot;&gt;&lt;&amp;lt;"));
-    }
-
-    // Guards: any path that an XML reader does not read back unchanged (escaping order, astral letters).
-    void randomExecutablePathsSurviveAnXmlReading()
-    {
-        // Mostly printable ASCII, with letters beyond it including one outside the basic plane.
-        const QStringList nonAscii{"é", "日本", "Ω", "😀"};
-        QRandomGenerator random(20240611);
-        for (int n = 0; n < 10'000; ++n) {
-            QString path = QStringLiteral("/");
-            for (int i = random.bounded(1, 60); i > 0; --i)
-                path += random.bounded(10) == 0 ? nonAscii.at(random.bounded(4)) : QChar(random.bounded(0x20, 0x7f));
-            QXmlStreamReader reader(legacyLaunchAgentPlistText(ownLabel, path, "/o.log", "/e.log"));
-            QString key, readBack; // the first string after the ProgramArguments key
-            while (!reader.atEnd())
-                if (reader.readNext() == QXmlStreamReader::StartElement && reader.name() == QLatin1String("key"))
-                    key = reader.readElementText();
-                else if (reader.name() == QLatin1String("string") && key == "ProgramArguments" && readBack.isNull())
-                    readBack = reader.readElementText();
-            QVERIFY2(!reader.hasError() && readBack == path, qPrintable(path + " read as " + readBack));
-        }
     }
 
     void autostartEntryEndToEnd()

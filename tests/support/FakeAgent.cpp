@@ -81,8 +81,9 @@ void FakeAgent::respond(QTcpSocket *socket, const RecordedRequest &request)
     const bool hasBody = response.status != 204 && response.status != 304;
     QByteArray bytes = "HTTP/1.1 " + QByteArray::number(response.status) + " Fake\r\n";
     if (hasBody)
-        bytes += "Content-Type: " + response.contentType +
-                 "\r\nContent-Length: " + QByteArray::number(response.body.size()) + "\r\n";
+        bytes += "Content-Type: " + response.contentType + "\r\nContent-Length: " +
+                 QByteArray::number(response.announcedLength < 0 ? response.body.size() : response.announcedLength) +
+                 "\r\n";
     bytes += "Connection: close\r\n\r\n" + (hasBody ? response.body : QByteArray());
     const auto send = [guarded = QPointer<QTcpSocket>(socket), bytes] {
         if (guarded) {

@@ -22,8 +22,9 @@ struct CannedResponse {
     int status = 200;
     QByteArray body;
     QByteArray contentType = "application/json";
-    bool hang = false; // accept and read the request, never answer
-    int delayMs = 0;   // answer after this long
+    bool hang = false;              // accept and read the request, never answer
+    int delayMs = 0;                // answer after this long
+    qsizetype announcedLength = -1; // a Content-Length other than the body's: the answer is cut off
 };
 
 class FakeAgent : public QObject {

@@ -1,5 +1,5 @@
 // A temporary world for one test executable: home, data, config and runtime folders, a bundle
-// stand-in with a runtime folder, a volume folder, and the log read back from its file.
+// stand-in with Info.plist (version 1.0.0) and a runtime folder, a volume folder, and the log read back from its file.
 #pragma once
 
 #include "app/Configuration.h"
@@ -27,8 +27,6 @@ public:
 
     // A configuration that reaches only this environment and the given agent address.
     Configuration configuration(const QUrl &agentBase) const;
-    // Info.plist with these versions (a null QString leaves the key out).
-    void writeInfoPlist(const QString &bundleVersion, const QString &shortVersion = QStringLiteral("1.0")) const;
     // An executable shell script (the text after the #! line).
     static void writeScript(const QString &path, const QString &body);
     static QString shellQuoted(const QString &text);
@@ -38,8 +36,6 @@ public:
     // Lines of the shared log after the last markLog(), once all queued lines are written.
     void markLog();
     QStringList messagesSinceMark() const;
-    // Waits, processing events, until the line appears after the mark.
-    bool waitForLogMessage(const QString &message, int timeoutMs = 10000) const;
 
 private:
     QStringList logMessages() const;

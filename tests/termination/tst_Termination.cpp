@@ -1,6 +1,7 @@
 // Orderly termination: the agent is stopped once before the application goes, whoever asks and
 // however often, and not before a start still running has ended; the real program does the same
-// on SIGTERM, and a second copy leaves at once, even where the session's runtime folder is unusable.
+// on SIGTERM after launching in order, and a second copy leaves at once, even where the session's
+// runtime folder is unusable.
 #include "app/AppDelegate.h"
 #include "support/FakeAgent.h"
 #include "support/FakeControlScript.h"
@@ -130,7 +131,7 @@ private slots:
         agent->setResponse("/healthz", {503, "{}", "application/json", false, 300});
         makeController(0, false);
         host->finishLaunching();
-        QVERIFY(env.waitForLogMessage(QStringLiteral("Launch flow starting. launchedAtLogin=false")));
+        QTRY_VERIFY(env.messagesSinceMark().contains(QStringLiteral("Launch flow starting. launchedAtLogin=false")));
         delegate->quitApp();
         QTRY_COMPARE(script->runs(), QList<QStringList>{QStringList{QStringLiteral("stop")}});
         QTRY_VERIFY(agent->countFor("/healthz") >= 2); // the launch probe's answer has come and gone
@@ -247,12 +248,20 @@ private slots:
         QCOMPARE(first->exitStatus(), QProcess::NormalExit);
         QCOMPARE(first->exitCode(), 0);
         QVERIFY2(!QFile::exists(agentUp), "the agent the start brought up is still running");
-        const QString stop = "Launching process: "_L1 + realScript.path() + " stop"_L1,
+        // The whole run in order: launched interactively (the welcome page, then a start as the agent
+        // is down), then the termination stop, and one more stop for the start that ended after it.
+        const QString launching = "Launching process: "_L1 + realScript.path(),
                       exited = "Process exited with code 0"_L1;
-        QStringList log = program.logMessages(); // every queued line lands before the exit
-        log = log.mid(log.indexOf(requestLine))
-                  .filter(QRegularExpression("^(Launching|Process|Termination|Application)"_L1));
-        QCOMPARE(log, QStringList({requestLine, stop, exited, stopped, exited, stop, exited, stopped, lastLine}));
+        QCOMPARE(program.logMessages().filter(
+                     QRegularExpression("^(Application|Configuring|Opening|Launch|Agent not|Process|Termination)"_L1)),
+                 QStringList({"Application did finish launching."_L1, "Configuring status menu."_L1,
+                              "Opening getting started page: "_L1 + program.runtimeDir() + "/welcome.html"_L1,
+                              "Launch flow starting. launchedAtLogin=false"_L1,
+                              "Agent not healthy during launch. Starting agent."_L1, launching + " start"_L1,
+                              requestLine, launching + " stop"_L1, exited, stopped, exited, launching + " stop"_L1,
+                              exited, stopped, lastLine}));
+        QCOMPARE(program.openedLocations(),
+                 QStringList{program.runtimeDir() + "/welcome.html"_L1}); // a path, not a URL
     }
 };
 
