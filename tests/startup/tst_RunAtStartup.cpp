@@ -6,7 +6,6 @@
 #ifdef Q_OS_LINUX
 #include "platform/linux/AutostartLoginItemService.h"
 #endif
-#include "startup/LegacyLaunchAgent.h"
 #include "support/FakePlatform.h"
 #include "support/Files.h"
 #include "support/TestEnvironment.h"
@@ -217,6 +216,9 @@ private slots:
         QFETCH(bool, launchctlRuns);
         Configuration config = configuration();
         config.applicationSupportDirectory = env.root() + QStringLiteral("/support"); // logs folder made on the way
+        // Guards: unescaped ampersands and quotes in the program path made launchd reject the whole file.
+        config.executablePath =
+            QStringLiteral("/Applications/Quillmere & Co.app/Contents/MacOS/Quillmere <Agent> \"&apos;'");
         writeFile(obsoletePath(0), marked);
         if (fault == QLatin1String("launchctl"))
             QFile::remove(config.launchctlPath);
@@ -240,30 +242,14 @@ private slots:
         // Leftovers go only once the new file is written, before it is loaded.
         const bool written = lines.last().startsWith("Enabled");
         QCOMPARE(QFile::exists(obsoletePath(0)), !written);
-        const QString logs = config.applicationSupportDirectory + QStringLiteral("/TallyholdAgent/runtime/logs/");
-        if (written)
+        if (written) // every byte counts
             QCOMPARE(readFile(plistPath()),
-                     legacyLaunchAgentPlistText(ownLabel, *config.executablePath, logs + "menu-app.out.log",
-                                                logs + "menu-app.err.log")
-                         .toUtf8());
+                     goldenPlist().replace("$SUPPORT", QFile::encodeName(config.applicationSupportDirectory)));
         QStringList calls;
         if (launchctlRuns)
             calls << run("bootout", obsoletePath(0)) << run("bootout", plistPath()) << run("bootstrap", plistPath())
                   << QStringLiteral("[kickstart][-k][gui/%1/%2]").arg(getuid()).arg(ownLabel);
         QCOMPARE(launchctlCalls(), calls);
-    }
-
-    // Guards: unescaped ampersands and quotes in the program path made launchd reject the whole file.
-    void propertyListIsExact()
-    {
-        // Every byte counts; the paths are escaped (ampersand first), the label is not.
-        const QString logs = QStringLiteral("/Users/zoë/Library/Application Support/TallyholdAgent/runtime/logs/");
-        const QString text = legacyLaunchAgentPlistText(
-            QStringLiteral("com.tallyhold.agent.app&x"),
-            QStringLiteral("/Applications/Quillmere & Co.app/Contents/MacOS/Quillmere <Agent> \"&apos;'"),
-            logs + "menu-app.out.log", logs + "menu-app.err.log");
-        QCOMPARE(text.toUtf8(), goldenPlist());
-        QCOMPARE(xmlEscaped(QStringLiteral("'\"><&lt;")), QStringLiteral("&apos;&quot;&gt;&lt;&amp;lt;"));
     }
 
     void autostartEntryEndToEnd()
@@ -329,7 +315,7 @@ private slots:
 
 namespace {
 
-// The property list for a typical installation, byte for byte.
+// The property list for an installation with an awkward path, byte for byte.
 QByteArray goldenPlist()
 {
     return R"plist(<?xml version="1.0" encoding="UTF-8"?>
@@ -337,7 +323,7 @@ QByteArray goldenPlist()
 <plist version="1.0">
 <dict>
   <key>Label</key>
-  <string>com.tallyhold.agent.app&x</string>
+  <string>com.tallyhold.agent.app</string>
   <key>ProgramArguments</key>
   <array>
     <string>/Applications/Quillmere &amp; Co.app/Contents/MacOS/Quillmere &lt;Agent&gt; &quot;&amp;apos;&apos;</string>
@@ -352,9 +338,9 @@ QByteArray goldenPlist()
   <key>ProcessType</key>
   <string>Interactive</string>
   <key>StandardOutPath</key>
-  <string>/Users/zoë/Library/Application Support/TallyholdAgent/runtime/logs/menu-app.out.log</string>
+  <string>$SUPPORT/TallyholdAgent/runtime/logs/menu-app.out.log</string>
   <key>StandardErrorPath</key>
-  <string>/Users/zoë/Library/Application Support/TallyholdAgent/runtime/logs/menu-app.err.log</string>
+  <string>$SUPPORT/TallyholdAgent/runtime/logs/menu-app.err.log</string>
 </dict>
 </plist>)plist";
 }
