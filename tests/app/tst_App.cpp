@@ -77,6 +77,8 @@ private slots:
             << QStringList{QStringLiteral(" started agent\n"), QStringLiteral("warn\n")}
             << QStringList{QStringLiteral("Process stdout: started agent"), QStringLiteral("Process stderr: warn"),
                            QStringLiteral("Process exited with code 0")};
+        QTest::newRow("undecodable output dropped") << QStringLiteral("printf 'ok\\377\\n'") << stop << 0 << none
+                                                    << QStringList{QStringLiteral("Process exited with code 0")};
         QTest::newRow("killed") << QStringLiteral("kill -9 $$") << QStringList() << 9 << none
                                 << QStringList{QStringLiteral("Process exited with code 9")};
     }

@@ -121,7 +121,8 @@ private slots:
         QCOMPARE(log.removeAll("Launching process: "_L1 + script->path() + " stop"_L1), menuStopFirst ? 0 : 1);
         stopLines << QStringLiteral("Termination stop finished with exit code %1.").arg(stopExit) << lastLine;
         QCOMPARE(log, QStringList({quitLine, requestLine, stoppingLine, quitLine}) + stopLines);
-        QVERIFY(!delegate->terminationReplyPending && !delegate->stopInFlight && host->hasTerminated());
+        QVERIFY(!delegate->terminationReplyPending && !delegate->stopInFlight && !delegate->terminateAfterStop &&
+                host->hasTerminated());
     }
 
     // Guards: a quit while the launch probe was out still started the agent once the probe answered.
