@@ -4,15 +4,6 @@
 #include <QTcpSocket>
 #include <QTimer>
 
-QByteArray RecordedRequest::header(const QByteArray &name) const
-{
-    for (const auto &[key, value] : headers) {
-        if (key.compare(name, Qt::CaseInsensitive) == 0)
-            return value;
-    }
-    return {};
-}
-
 FakeAgent::FakeAgent()
 {
     connect(&server_, &QTcpServer::newConnection, this, [this] {
@@ -54,15 +45,11 @@ void FakeAgent::onReadyRead(QTcpSocket *socket)
         const QList<QByteArray> requestLine = lines.value(0).trimmed().split(' ');
         request.method = requestLine.value(0);
         request.path = requestLine.value(1);
-        qsizetype contentLength = 0;
         for (const QByteArray &line : lines.mid(1)) {
-            const qsizetype colon = line.indexOf(':');
-            if (colon <= 0)
-                continue;
-            request.headers.append({line.left(colon).trimmed(), line.mid(colon + 1).trimmed()});
-            if (request.headers.last().first.compare("content-length", Qt::CaseInsensitive) == 0)
-                contentLength = request.headers.last().second.toLongLong();
+            if (const qsizetype colon = line.indexOf(':'); colon > 0)
+                request.headers.insert(line.left(colon).trimmed().toLower(), line.mid(colon + 1).trimmed());
         }
+        const qsizetype contentLength = request.headers.value("content-length").toLongLong();
         if (buffer.size() < headerEnd + 4 + contentLength)
             return;
         request.body = buffer.mid(headerEnd + 4, contentLength);
@@ -78,13 +65,11 @@ void FakeAgent::respond(QTcpSocket *socket, const RecordedRequest &request)
     const CannedResponse response = responses_.value(request.path, CannedResponse{404, "not found", "text/plain"});
     if (response.hang)
         return;
-    const bool hasBody = response.status != 204 && response.status != 304;
-    QByteArray bytes = "HTTP/1.1 " + QByteArray::number(response.status) + " Fake\r\n";
-    if (hasBody)
-        bytes += "Content-Type: " + response.contentType + "\r\nContent-Length: " +
-                 QByteArray::number(response.announcedLength < 0 ? response.body.size() : response.announcedLength) +
-                 "\r\n";
-    bytes += "Connection: close\r\n\r\n" + (hasBody ? response.body : QByteArray());
+    const QByteArray bytes =
+        "HTTP/1.1 " + QByteArray::number(response.status) + " Fake\r\nContent-Type: " + response.contentType +
+        "\r\nContent-Length: " +
+        QByteArray::number(response.announcedLength < 0 ? response.body.size() : response.announcedLength) +
+        "\r\nConnection: close\r\n\r\n" + response.body;
     const auto send = [guarded = QPointer<QTcpSocket>(socket), bytes] {
         if (guarded) {
             guarded->write(bytes);

@@ -12,10 +12,8 @@ class QTcpSocket;
 struct RecordedRequest {
     QByteArray method;
     QByteArray path;
-    QList<QPair<QByteArray, QByteArray>> headers; // in the order received, names as sent
+    QHash<QByteArray, QByteArray> headers; // names in lower case
     QByteArray body;
-
-    QByteArray header(const QByteArray &name) const;
 };
 
 struct CannedResponse {

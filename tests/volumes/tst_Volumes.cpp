@@ -137,7 +137,7 @@ private slots:
                                   (accepted ? QStringList() : QStringList{didMount + ":3"_L1}));
         const RecordedRequest request = agent.requestsFor(syncPath)[0];
         QCOMPARE(request.method, QByteArray("POST"));
-        QCOMPARE(request.header("Content-Type"), QByteArray("application/json"));
+        QCOMPARE(request.headers.value("content-type"), QByteArray("application/json"));
         QCOMPARE(request.body, u"{\"event\":\"app-launch\",\"source\":\"menu-app\",\"volumes\":["
                                "{\"isMounted\":true,\"name\":\"alpha\",\"path\":\"/Volumes/alpha\"},"
                                "{\"isMounted\":true,\"name\":\"Beta\",\"path\":\"/Volumes/Beta\"},"
