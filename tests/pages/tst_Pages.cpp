@@ -112,7 +112,7 @@ private slots:
         QCOMPARE(delegate->presentedWelcomeOnLaunch, welcomeShown);
         // The agent is down, so the launch flow starts it: interactively that shows the status page.
         QTRY_COMPARE(script->runs(), QList<QStringList>{{QStringLiteral("start")}});
-        QTRY_VERIFY(agent.countFor("/healthz") >= probes + 4); // the launch probe, then the repeating refresh
+        QTRY_VERIFY_WITH_TIMEOUT(agent.countFor("/healthz") >= probes + 4, 3000); // the launch probe, then the refresh
         QList<QUrl> expected;
         if (welcomeShown || !atLogin)
             expected = {QUrl::fromLocalFile(runtimeFile(welcomeShown ? "welcome.html" : "startup-status.html"))};
