@@ -21,67 +21,49 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int timeoutMs = 20000;
-const QString watcherService = u"org.kde.StatusNotifierWatcher"_s;
+const QString watcherService = u"org.kde.StatusNotifierWatcher"_s, itemInterface = u"org.kde.StatusNotifierItem"_s;
 
-// A panel's side of one tray item, "<bus name>[/<object path>]" as the watcher lists it.
-class TrayClient {
-public:
-    explicit TrayClient(const QString &item) : service_(item.section(u'/', 0, 0)) {}
+// Asks a tray item (by its bus name) or its menu what a panel asks. Not a blocking call: once,
+// under load, one never returned and the suite sat until its time-out. Events keep running
+// meanwhile (the fake agent lives on this thread).
+QDBusMessage askItem(const QString &item, const QString &interface, const QString &method,
+                     const QVariantList &arguments, const QString &path = u"/StatusNotifierItem"_s)
+{
+    QDBusMessage message = QDBusMessage::createMethodCall(item, path, interface, method);
+    message.setArguments(arguments);
+    QDBusPendingCallWatcher watcher(QDBusConnection::sessionBus().asyncCall(message, 5000));
+    return QTest::qWaitFor([&] { return watcher.isFinished(); }, 6000) ? watcher.reply() : QDBusMessage();
+}
 
-    // Each top-level menu entry as a panel shows it: "-" a separator, "(...)" disabled, "[x]"/"[ ]"
-    // a check mark on or off, "+icon" an icon beside it.
-    QStringList shown() const
-    {
-        const QString menu =
-            get(u"Menu"_s).arguments().value(0).value<QDBusVariant>().variant().value<QDBusObjectPath>().path();
-        const QDBusMessage reply = call(menu, u"com.canonical.dbusmenu"_s, u"GetLayout"_s, {0, -1, QStringList()});
-        QStringList entries;
-        const QDBusArgument root = reply.arguments().value(1).value<QDBusArgument>();
-        int id = 0;
-        QVariantMap p;
-        root.beginStructure();
-        root >> id >> p;
-        root.beginArray();
-        while (!root.atEnd()) {
-            const QDBusArgument item = qvariant_cast<QDBusVariant>(root.asVariant()).variant().value<QDBusArgument>();
-            item.beginStructure();
-            item >> id >> p;
-            QString shown = p.value(u"type"_s) == "separator"_L1 ? u"-"_s : p.value(u"label"_s).toString();
-            if (!p.value(u"enabled"_s, true).toBool())
-                shown = u'(' + shown + u')';
-            if (p.value(u"toggle-type"_s) == "checkmark"_L1)
-                shown += p.value(u"toggle-state"_s).toInt() == 1 ? " [x]"_L1 : " [ ]"_L1;
-            if (p.contains(u"icon-data"_s) || p.contains(u"icon-name"_s))
-                shown += " +icon"_L1;
-            entries.append(shown);
-        }
-        return entries;
+// Each top-level menu entry as a panel shows it: "-" a separator, "(...)" disabled, "[x]"/"[ ]" a
+// check mark on or off, "+icon" an icon beside it.
+QStringList menuShown(const QString &item)
+{
+    // Qt exports an icon's menu at /MenuBar.
+    const QDBusMessage layout =
+        askItem(item, u"com.canonical.dbusmenu"_s, u"GetLayout"_s, {0, -1, QStringList()}, u"/MenuBar"_s);
+    const QDBusArgument root = layout.arguments().value(1).value<QDBusArgument>();
+    QStringList entries;
+    int id = 0;
+    QVariantMap p;
+    root.beginStructure();
+    root >> id >> p;
+    root.beginArray();
+    while (!root.atEnd()) {
+        const QDBusArgument entry = qvariant_cast<QDBusVariant>(root.asVariant()).variant().value<QDBusArgument>();
+        entry.beginStructure();
+        entry >> id >> p;
+        QString shown = p.value(u"type"_s) == "separator"_L1 ? u"-"_s : p.value(u"label"_s).toString();
+        if (!p.value(u"enabled"_s, true).toBool())
+            shown = u'(' + shown + u')';
+        if (p.value(u"toggle-type"_s) == "checkmark"_L1)
+            shown += p.value(u"toggle-state"_s).toInt() == 1 ? " [x]"_L1 : " [ ]"_L1;
+        if (p.contains(u"icon-data"_s) || p.contains(u"icon-name"_s))
+            shown += " +icon"_L1;
+        entries.append(shown);
     }
-    bool activate() const
-    {
-        return call(itemPath, itemInterface, u"Activate"_s, {0, 0}).type() == QDBusMessage::ReplyMessage;
-    }
-    QDBusMessage get(const QString &property) const
-    {
-        return call(itemPath, u"org.freedesktop.DBus.Properties"_s, u"Get"_s, {itemInterface, property});
-    }
-
-private:
-    static inline const QString itemInterface = u"org.kde.StatusNotifierItem"_s, itemPath = u"/StatusNotifierItem"_s;
-
-    QDBusMessage call(const QString &path, const QString &interface, const QString &method,
-                      const QVariantList &arguments) const
-    {
-        QDBusMessage message = QDBusMessage::createMethodCall(service_, path, interface, method);
-        message.setArguments(arguments);
-        // Not a blocking call: once, under load, one never returned and the suite sat until its
-        // time-out. Events keep running meanwhile (the fake agent lives on this thread).
-        QDBusPendingCallWatcher watcher(QDBusConnection::sessionBus().asyncCall(message, 5000));
-        return QTest::qWaitFor([&] { return watcher.isFinished(); }, 6000) ? watcher.reply() : QDBusMessage();
-    }
-
-    QString service_;
-};
+    return entries;
+}
 
 // The desktop's notification service, as a notification daemon offers it.
 class NotificationService : public QObject {
@@ -383,21 +365,24 @@ private slots:
         QDBusInterface watcher(watcherService, u"/StatusNotifierWatcher"_s, watcherService);
         QTRY_VERIFY_WITH_TIMEOUT(!watcher.property("RegisteredStatusNotifierItems").toStringList().isEmpty(),
                                  timeoutMs);
-        const TrayClient tray(watcher.property("RegisteredStatusNotifierItems").toStringList()[0]);
+        // Listed as "<bus name>[/<object path>]".
+        const QString tray = watcher.property("RegisteredStatusNotifierItems").toStringList()[0].section(u'/', 0, 0);
         // The whole menu while the agent runs, as a panel shows it.
-        QTRY_COMPARE_WITH_TIMEOUT(tray.shown(),
+        QTRY_COMPARE_WITH_TIMEOUT(menuShown(tray),
                                   u"(Status: Running)|(Version: 1.4.2)|-|(Start Agent)|Stop Agent|-|Open Cloud Admin|"
                                   "Check for Updates|Open Local Admin|Open Getting Started|Open Startup Status|"
                                   "Open Logs|-|Run at Startup [ ]|-|Quit"_s.split(u'|'),
                                   timeoutMs);
         // The tool tip's icon name, images, title and text, as Qt prints them.
-        QTRY_VERIFY_WITH_TIMEOUT(QDebug::toString(tray.get(u"ToolTip"_s)).contains("\"Quillmere Agent is running\""_L1),
+        QTRY_VERIFY_WITH_TIMEOUT(QDebug::toString(askItem(tray, u"org.freedesktop.DBus.Properties"_s, u"Get"_s,
+                                                          {itemInterface, u"ToolTip"_s}))
+                                     .contains("\"Quillmere Agent is running\""_L1),
                                  timeoutMs);
         // A plain click opens the menu without a pointer position Wayland cannot give. The program
         // answers its bus in order, so the next answer comes after the menu was asked for; and Qt gives
         // up at once when it cannot reach the compositor: still running, the program runs on Wayland.
-        QVERIFY(tray.activate());
-        QCOMPARE(tray.shown().value(0), u"(Status: Running)"_s);
+        QCOMPARE(askItem(tray, itemInterface, u"Activate"_s, {0, 0}).type(), QDBusMessage::ReplyMessage);
+        QCOMPARE(menuShown(tray).value(0), u"(Status: Running)"_s);
         QCOMPARE(process->state(), QProcess::Running);
     }
 };
