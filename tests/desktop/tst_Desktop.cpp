@@ -143,6 +143,7 @@ std::optional<QString> runTool(const QString &tool, const QStringList &arguments
     qWarning().noquote() << tool << arguments << "failed:" << process.errorString() << process.readAllStandardError();
     return std::nullopt;
 }
+
 // Points with the mouse, clicks or presses keys; then waits for the screen to change in an area at
 // least minimum in size and hold still, and gives that area (empty if it did not) and the screen.
 QRect xdotool(const QStringList &arguments, QSize minimum, QImage *settled)
