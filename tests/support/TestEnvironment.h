@@ -1,5 +1,5 @@
 // A temporary world for one test executable: home, data, config and runtime folders, a bundle
-// stand-in with Info.plist (version 1.0.0) and a runtime folder, a volume folder, and the log read back from its file.
+// stand-in (Info.plist of version 1.0.0, a runtime folder), a volume folder, and the log read back.
 #pragma once
 
 #include "app/Configuration.h"
