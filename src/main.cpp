@@ -3,8 +3,14 @@
 #include "app/ApplicationHost.h"
 #include "app/CommandLine.h"
 #include "app/log/AppLogger.h"
+#include "control/AgentNotifications.h"
+#include "control/CommandClient.h"
+#include "control/ControlProtocol.h"
+#include "control/ControlServer.h"
 
 #include <QApplication>
+#include <QDir>
+#include <cstdio>
 #ifdef Q_OS_MACOS
 #include "platform/macos/AppKitApplicationDelegate.h"
 #endif
@@ -22,12 +28,37 @@ void chooseHeadlessPlatformWithoutDisplay()
 #endif
 }
 
+QStringList argumentList(int argc, char *argv[])
+{
+    QStringList arguments;
+    for (int i = 0; i < argc; ++i)
+        arguments.append(QString::fromLocal8Bit(argv[i]));
+    return arguments;
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
 {
-    if (const auto exitCode = answerInformationalOption(argc, argv))
-        return *exitCode;
+    const CommandLine commandLine = parseCommandLine(argumentList(argc, argv));
+    switch (commandLine.kind) {
+    case CommandLine::Kind::help:
+        std::fputs(qPrintable(usageText()), stdout);
+        return ExitCode::done;
+    case CommandLine::Kind::version:
+        std::fputs(qPrintable(versionText()), stdout);
+        return ExitCode::done;
+    case CommandLine::Kind::badUsage:
+        std::fprintf(stderr, "quillmere-menu: %s; --help lists the options.\n", qPrintable(commandLine.problem));
+        return ExitCode::badUsage;
+    case CommandLine::Kind::launch:
+        break;
+    default:
+        return runControlCommand(argc, argv, commandLine);
+    }
+    if (!commandLine.problem.isEmpty())
+        std::fprintf(stderr, "quillmere-menu: %s, ignored; --help lists the options.\n",
+                     qPrintable(commandLine.problem));
     chooseHeadlessPlatformWithoutDisplay();
 #ifdef Q_OS_MACOS
     installAppKitApplicationDelegate(); // before Qt's own, which then forwards to it
@@ -40,6 +71,10 @@ int main(int argc, char *argv[])
     PlatformServices platform = PlatformServices::forThisSystem(configuration);
     AppDelegate delegate(std::move(configuration), std::move(platform), &host);
     host.setDelegate(&delegate);
+    // Commands from outside the menu, and notifications of what the menu alone would not tell.
+    ControlServer control(delegate, controlSocketPath(delegate.configuration().runtimeStateDirectory, QDir::tempPath(),
+                                                      delegate.configuration().bundleIdentifier));
+    AgentNotifications notifications(delegate);
 #ifdef Q_OS_MACOS
     connectAppKitApplicationDelegate(&host);
 #endif

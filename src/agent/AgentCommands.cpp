@@ -79,6 +79,7 @@ void AppDelegate::startAgent(bool openStatusPage)
                 }
                 self.updateStateMenu(QStringLiteral("Status: Start failed"), self.lastKnownVersion, false);
             }
+            emit self.agentCommandFinished(QStringLiteral("start"), exitCode);
             if (self.terminationWaitsForStart_)
                 self.answerTerminationOnceStartsHaveEnded();
         }));
@@ -112,6 +113,7 @@ void AppDelegate::requestAgentStop(bool terminateWhenFinished)
                            if (exitCode != 0)
                                AppLogger::shared().log(QStringLiteral("Agent stop command finished with exit code ") +
                                                        QString::number(exitCode));
+                           emit self.agentCommandFinished(QStringLiteral("stop"), exitCode);
                            if (self.terminateAfterStop)
                                self.finishTerminationAfterStop(exitCode);
                        }));

@@ -76,11 +76,14 @@ void AppDelegate::applicationDidFinishLaunching()
         if (platform_.runningApplications && platform_.runningApplications->runningApplicationCount(*identifier) >= 2) {
             logger.log(QStringLiteral("Duplicate app instance detected. Terminating new instance."));
             stopAgentOnTerminate = false;
+            emit instanceChecked(true);
             if (application_)
                 application_->terminate();
             return;
         }
     }
+
+    emit instanceChecked(false);
 
     if (application_)
         application_->setActivationPolicy(ApplicationHost::ActivationPolicyAccessory);

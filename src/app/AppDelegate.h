@@ -157,6 +157,16 @@ public:
     ApplicationHost *application() const { return application_; }
     QSettings &userDefaults();
 
+signals:
+    // For those outside the menu who act on the controller (commands, notifications); none of
+    // them changes what the controller does.
+    // The launch has checked for another copy: a duplicate leaves, the only copy goes on.
+    void instanceChecked(bool duplicate);
+    // The state line, version line, badge and availability were just updated.
+    void stateMenuUpdated();
+    // A control script run ("start" or "stop") has ended and its outcome has been applied.
+    void agentCommandFinished(const QString &argument, int exitCode);
+
 private:
     // Gives the deferred termination answer once no start script runs any more, stopping the
     // agent once more first if a start ended after the last stop was launched.

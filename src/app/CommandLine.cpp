@@ -1,35 +1,153 @@
 #include "app/CommandLine.h"
 
-#include <cstdio>
-#include <string_view>
+#include <QCommandLineParser>
+#include <algorithm>
 
 namespace {
 
-constexpr const char *usage = "Usage: quillmere-menu [--launched-at-login]\n"
-                              "\n"
-                              "Tray controller for the local Quillmere agent: shows whether it runs, starts it\n"
-                              "when the program starts and stops it when the program quits.\n"
-                              "\n"
-                              "  --launched-at-login  started by the desktop session at login\n"
-                              "  --help               print this help and exit\n"
-                              "  --version            print the version and exit\n"
-                              "\n"
-                              "Log: $XDG_DATA_HOME/TallyholdAgent/runtime/logs/menu-app.log\n";
+const QString launchedAtLoginName = QStringLiteral("launched-at-login");
 
 } // namespace
 
-std::optional<int> answerInformationalOption(int argc, const char *const argv[])
+const QStringList &pageNames()
 {
-    for (int i = 1; i < argc; ++i) {
-        const std::string_view argument = argv[i];
-        if (argument == "--help") {
-            std::fputs(usage, stdout);
-            return 0;
+    static const QStringList names = {QStringLiteral("cloud-admin"),    QStringLiteral("updates"),
+                                      QStringLiteral("local-admin"),    QStringLiteral("getting-started"),
+                                      QStringLiteral("startup-status"), QStringLiteral("logs")};
+    return names;
+}
+
+QString usageText()
+{
+    return QStringLiteral(
+               "Usage: quillmere-menu [--launched-at-login]\n"
+               "       quillmere-menu --status [--json] | --start-agent | --stop-agent | --open PAGE | --quit\n"
+               "\n"
+               "Tray controller for the local Quillmere agent: shows whether it runs, starts it\n"
+               "when the program starts and stops it when the program quits.\n"
+               "\n"
+               "  --launched-at-login  started by the desktop session at login\n"
+               "  --status             print the agent's state and version (--json: as one JSON object)\n"
+               "  --start-agent        start the agent, as the menu's Start Agent does, and wait\n"
+               "  --stop-agent         stop the agent, as the menu's Stop Agent does, and wait\n"
+               "  --open PAGE          open a page: ") +
+           pageNames().join(QStringLiteral(", ")) +
+           QStringLiteral("\n"
+                          "  --quit               quit the running program (it stops the agent first) and wait\n"
+                          "  -h, --help           print this help and exit\n"
+                          "  -v, --version        print the version and exit\n"
+                          "\n"
+                          "A command talks to the program running in this session; with none running it\n"
+                          "does the job itself. Exit codes: 0 done (--status: the agent runs), 1 failed,\n"
+                          "2 bad usage, 3 not running (--status: the agent; --quit: the program), 4 no\n"
+                          "answer from the running program, 5 not available now.\n"
+                          "\n"
+                          "Example: quillmere-menu --status --json\n"
+                          "\n"
+                          "Log: $XDG_DATA_HOME/TallyholdAgent/runtime/logs/menu-app.log\n");
+}
+
+QString versionText()
+{
+    return QStringLiteral("quillmere-menu " QUILLMERE_VERSION "\n");
+}
+
+CommandLine parseCommandLine(const QStringList &arguments)
+{
+    QCommandLineParser parser;
+    // "-help" and "--help" alike; no bundling of single letters into words.
+    parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
+    const QCommandLineOption help(QStringList{QStringLiteral("h"), QStringLiteral("help")});
+    const QCommandLineOption version(QStringList{QStringLiteral("v"), QStringLiteral("version")});
+    const QCommandLineOption launchedAtLogin(launchedAtLoginName);
+    const QCommandLineOption status(QStringLiteral("status"));
+    const QCommandLineOption json(QStringLiteral("json"));
+    const QCommandLineOption startAgent(QStringLiteral("start-agent"));
+    const QCommandLineOption stopAgent(QStringLiteral("stop-agent"));
+    const QCommandLineOption open(QStringLiteral("open"), QString(), QStringLiteral("page"));
+    const QCommandLineOption quit(QStringLiteral("quit"));
+    parser.addOptions({help, version, launchedAtLogin, status, json, startAgent, stopAgent, open, quit});
+
+    CommandLine result;
+    const bool parsed = parser.parse(arguments);
+    // Help and version win over everything else on the line, as they always have.
+    if (parser.isSet(help)) {
+        result.kind = CommandLine::Kind::help;
+        return result;
+    }
+    if (parser.isSet(version)) {
+        result.kind = CommandLine::Kind::version;
+        return result;
+    }
+
+    // The first argument not understood, as the user typed it.
+    QString notUnderstood;
+    if (!parser.unknownOptionNames().isEmpty()) {
+        const QString name = parser.unknownOptionNames().constFirst();
+        notUnderstood = QStringLiteral("-") + name;
+        for (const QString &argument : arguments.mid(1)) {
+            QString bare = argument.section(u'=', 0, 0);
+            while (bare.startsWith(u'-'))
+                bare.remove(0, 1);
+            if (argument.startsWith(u'-') && bare == name) {
+                notUnderstood = argument.section(u'=', 0, 0);
+                break;
+            }
         }
-        if (argument == "--version") {
-            std::puts("quillmere-menu " QUILLMERE_VERSION);
-            return 0;
+        notUnderstood = QStringLiteral("unknown option '%1'").arg(notUnderstood);
+    } else if (!parser.positionalArguments().isEmpty()) {
+        notUnderstood = QStringLiteral("unexpected argument '%1'").arg(parser.positionalArguments().constFirst());
+    } else if (!parsed) {
+        // A value where none goes, or none where one must; Qt's sentence loses its full stop.
+        notUnderstood = parser.errorText();
+        if (notUnderstood.endsWith(u'.'))
+            notUnderstood.chop(1);
+    } else if (parser.isSet(launchedAtLogin) && !arguments.contains(QStringLiteral("--") + launchedAtLoginName)) {
+        notUnderstood = QStringLiteral("'-%1' is not the login flag --%1").arg(launchedAtLoginName);
+    }
+
+    const QList<std::pair<const QCommandLineOption *, CommandLine::Kind>> commands = {
+        {&status, CommandLine::Kind::status},       {&startAgent, CommandLine::Kind::startAgent},
+        {&stopAgent, CommandLine::Kind::stopAgent}, {&open, CommandLine::Kind::open},
+        {&quit, CommandLine::Kind::quit},           {&json, CommandLine::Kind::status}};
+    QStringList given;
+    for (const auto &[option, kind] : commands) {
+        const QString name = option->names().constFirst();
+        const bool mentioned = std::any_of(arguments.begin() + 1, arguments.end(), [&name](const QString &argument) {
+            return argument.startsWith(QStringLiteral("--") + name) || argument.startsWith(QStringLiteral("-") + name);
+        });
+        if (parser.isSet(*option) || mentioned) {
+            if (option != &json)
+                given.append(QStringLiteral("--") + name);
+            if (result.kind == CommandLine::Kind::launch)
+                result.kind = kind;
         }
     }
-    return std::nullopt;
+
+    if (result.kind == CommandLine::Kind::launch) {
+        // Anything else keeps starting the program as it always has; the user is told what was not understood.
+        result.problem = notUnderstood;
+        return result;
+    }
+    const auto badUsage = [&result](const QString &problem) {
+        result.kind = CommandLine::Kind::badUsage;
+        result.problem = problem;
+        return result;
+    };
+    if (given.size() > 1)
+        return badUsage(QStringLiteral("one command at a time, not ") + given.join(QStringLiteral(" and ")));
+    if (!notUnderstood.isEmpty())
+        return badUsage(notUnderstood);
+    if (given.isEmpty() || (parser.isSet(json) && result.kind != CommandLine::Kind::status))
+        return badUsage(QStringLiteral("--json goes with --status"));
+    if (parser.isSet(launchedAtLogin))
+        return badUsage(QStringLiteral("--launched-at-login is for a plain launch, not with ") + given.constFirst());
+    result.json = parser.isSet(json);
+    if (result.kind == CommandLine::Kind::open) {
+        result.page = parser.value(open);
+        if (!pageNames().contains(result.page))
+            return badUsage(QStringLiteral("unknown page '%1' (one of %2)")
+                                .arg(result.page, pageNames().join(QStringLiteral(", "))));
+    }
+    return result;
 }

@@ -1,9 +1,34 @@
-// The two informational options, answered before anything else starts.
+// The command line: a plain launch (with --launched-at-login or not), the informational options,
+// and the commands that reach the running program. Decided before any application object exists.
 #pragma once
 
-#include <optional>
+#include <QString>
+#include <QStringList>
 
-// For --help or --version anywhere on the command line: prints the usage or the version to
-// standard output and returns the exit code; the caller exits without opening the log, taking the
-// instance lock or reaching the agent. Any other command line gives nothing.
-std::optional<int> answerInformationalOption(int argc, const char *const argv[]);
+// Exit codes of the commands, after the usual service conventions.
+namespace ExitCode {
+constexpr int done = 0;            // done; for --status: the agent runs
+constexpr int failed = 1;          // the control script failed or could not be run
+constexpr int badUsage = 2;        // unknown option, missing or unknown page, two commands at once
+constexpr int notRunning = 3;      // --status: the agent does not run; --quit: the program does not run
+constexpr int noAnswer = 4;        // the running program did not answer, or its channel is not trusted
+constexpr int notAvailableNow = 5; // the menu item is not available now (a start while one runs, ...)
+} // namespace ExitCode
+
+struct CommandLine {
+    enum class Kind { launch, help, version, status, startAgent, stopAgent, open, quit, badUsage };
+    Kind kind = Kind::launch;
+    bool json = false;
+    QString page;
+    // badUsage: what is wrong. launch: the first argument not understood (the launch goes on).
+    QString problem;
+
+    bool isCommand() const { return kind >= Kind::status && kind <= Kind::quit; }
+};
+
+// arguments: the program name first, then its arguments as given.
+CommandLine parseCommandLine(const QStringList &arguments);
+// The page names --open takes, in menu order.
+const QStringList &pageNames();
+QString usageText();
+QString versionText();

@@ -115,11 +115,13 @@ void AppDelegate::updateStateMenu(const QString &title, const QString &version, 
     configureStatusButton(running);
     updateMenuAvailability();
 
-    if (title == lastStateTitle)
-        return;
-    lastStateTitle = title;
-    AppLogger::shared().log(QStringLiteral("State updated: ") + title + QStringLiteral(" version=") + lastKnownVersion +
-                            QStringLiteral(" running=") + (running ? QStringLiteral("true") : QStringLiteral("false")));
+    if (title != lastStateTitle) {
+        lastStateTitle = title;
+        AppLogger::shared().log(QStringLiteral("State updated: ") + title + QStringLiteral(" version=") +
+                                lastKnownVersion + QStringLiteral(" running=") +
+                                (running ? QStringLiteral("true") : QStringLiteral("false")));
+    }
+    emit stateMenuUpdated();
 }
 
 void AppDelegate::updateMenuAvailability()

@@ -49,4 +49,11 @@ public:
     virtual StatusButton *button() = 0;
     virtual void setMenu(QMenu *menu) = 0;
     virtual QMenu *menu() const = 0;
+    // Tells the user something worth a look outside the menu; a platform without a way to do so
+    // drops it.
+    virtual void notify(const QString &title, const QString &body)
+    {
+        Q_UNUSED(title);
+        Q_UNUSED(body);
+    }
 };

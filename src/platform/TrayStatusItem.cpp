@@ -40,6 +40,14 @@ void TrayStatusItem::setMenu(QMenu *menu)
         tray_->setContextMenu(menu);
 }
 
+void TrayStatusItem::notify(const QString &title, const QString &body)
+{
+    if (tray_ && tray_->isVisible() && QSystemTrayIcon::isSystemTrayAvailable())
+        tray_->showMessage(title, body);
+    else
+        notifyWithoutTray(title, body);
+}
+
 void TrayStatusItem::apply()
 {
     if (!tray_)

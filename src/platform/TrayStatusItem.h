@@ -19,8 +19,15 @@ public:
     StatusButton *button() override { return &button_; }
     void setMenu(QMenu *menu) override;
     QMenu *menu() const override { return menu_; }
+    // As a message from the tray icon while a tray shows it; otherwise notifyWithoutTray.
+    void notify(const QString &title, const QString &body) override;
 
 protected:
+    virtual void notifyWithoutTray(const QString &title, const QString &body)
+    {
+        Q_UNUSED(title);
+        Q_UNUSED(body);
+    }
     // Makes the icon (once) and shows what the button holds; returns the icon.
     QSystemTrayIcon *createTrayIcon();
     QSystemTrayIcon *trayIcon() const { return tray_.get(); }

@@ -27,13 +27,13 @@ bool onDesktop()
 }
 
 // Tells the user through the desktop's notification service; a session without one shows nothing.
-void notifyNoTray()
+void notifyThroughDesktop(const QString &title, const QString &body)
 {
     QDBusMessage notify = QDBusMessage::createMethodCall(
         QStringLiteral("org.freedesktop.Notifications"), QStringLiteral("/org/freedesktop/Notifications"),
         QStringLiteral("org.freedesktop.Notifications"), QStringLiteral("Notify"));
     notify.setArguments(
-        {QStringLiteral("Quillmere Agent"), 0u, QString(), noTrayTitle, noTrayBody, QStringList(), QVariantMap(), -1});
+        {QStringLiteral("Quillmere Agent"), 0u, QString(), title, body, QStringList(), QVariantMap(), -1});
     QDBusConnection::sessionBus().asyncCall(notify);
 }
 
@@ -54,10 +54,15 @@ LinuxTrayStatusItem::LinuxTrayStatusItem() : TrayStatusItem(Start::WhenHostReady
     QObject::connect(&noTrayNotice_, &QTimer::timeout, &hostWatcher_, [] {
         AppLogger::shared().log(QStringLiteral("No system tray found after 10 seconds; the agent keeps being "
                                                "supervised. Send SIGTERM or log out to quit."));
-        notifyNoTray();
+        notifyThroughDesktop(noTrayTitle, noTrayBody);
     });
     noTrayNotice_.start();
     hostWatcher_.watch();
+}
+
+void LinuxTrayStatusItem::notifyWithoutTray(const QString &title, const QString &body)
+{
+    notifyThroughDesktop(title, body);
 }
 
 void LinuxTrayStatusItem::start()

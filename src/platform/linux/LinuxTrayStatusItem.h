@@ -11,6 +11,9 @@ class LinuxTrayStatusItem : public TrayStatusItem {
 public:
     LinuxTrayStatusItem();
 
+protected:
+    void notifyWithoutTray(const QString &title, const QString &body) override;
+
 private:
     void start();
     void popUpMenu();

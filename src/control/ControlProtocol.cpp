@@ -1,0 +1,55 @@
+#include "control/ControlProtocol.h"
+
+#include "app/CommandLine.h"
+
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <unistd.h>
+
+QByteArray encodeControlMessage(const QJsonObject &message)
+{
+    return QJsonDocument(message).toJson(QJsonDocument::Compact) + '\n';
+}
+
+QByteArray encodeControlRequest(const ControlRequest &request)
+{
+    QJsonObject message{{QStringLiteral("command"), request.command}};
+    if (!request.page.isEmpty())
+        message.insert(QStringLiteral("page"), request.page);
+    return encodeControlMessage(message);
+}
+
+std::variant<ControlRequest, QString> decodeControlRequest(const QByteArray &line)
+{
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(line, &error);
+    if (error.error != QJsonParseError::NoError || !document.isObject())
+        return QStringLiteral("not a JSON object");
+    const QJsonObject message = document.object();
+    ControlRequest request{message.value(QStringLiteral("command")).toString(),
+                           message.value(QStringLiteral("page")).toString()};
+    static const QStringList commands = {ControlCommand::status,    ControlCommand::startAgent,
+                                         ControlCommand::stopAgent, ControlCommand::open,
+                                         ControlCommand::quit,      ControlCommand::alreadyRunning};
+    if (!commands.contains(request.command))
+        return QStringLiteral("unknown command");
+    if ((request.command == ControlCommand::open) != pageNames().contains(request.page))
+        return request.command == ControlCommand::open ? QStringLiteral("unknown page")
+                                                       : QStringLiteral("a page where none goes");
+    return request;
+}
+
+QJsonObject decodeControlReply(const QByteArray &line)
+{
+    return QJsonDocument::fromJson(line).object();
+}
+
+QString controlSocketPath(const QString &runtimeDirectory, const QString &fallbackDirectory,
+                          const QString &bundleIdentifier)
+{
+    const QFileInfo runtime(runtimeDirectory);
+    if (!runtimeDirectory.isEmpty() && runtime.isDir() && runtime.isWritable())
+        return runtimeDirectory + QLatin1Char('/') + bundleIdentifier + QStringLiteral(".socket");
+    return fallbackDirectory + QLatin1Char('/') + bundleIdentifier + QLatin1Char('-') + QString::number(::getuid()) +
+           QStringLiteral(".socket");
+}

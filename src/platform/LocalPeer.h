@@ -1,0 +1,14 @@
+// Who is at the other end of the local channel, and whose its socket file is.
+#pragma once
+
+#include <QString>
+#include <QtGlobal>
+#include <optional>
+
+// The user id of the process connected to a local stream socket; none when the system does not say.
+std::optional<uint> peerUserId(qintptr socketDescriptor);
+// The user id that owns the file at path itself (a link is not followed); none when nothing is there.
+std::optional<uint> fileOwnerId(const QString &path);
+// Keeps the connection's descriptor open until this process ends (the system closes it then), so
+// that the peer learns of the exit itself, after everything that runs on the way out.
+void holdOpenUntilExit(qintptr socketDescriptor);
