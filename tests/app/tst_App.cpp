@@ -16,6 +16,12 @@ class AppTest : public QObject {
         TestEnvironment::writeScript(env.root() + QStringLiteral("/scripts/") + name, body);
         return env.root() + QStringLiteral("/scripts/") + name;
     }
+    // A /proc/self/status figure in kB: VmRSS now, VmHWM the peak so far.
+    static qint64 memoryKb(const QByteArray &key)
+    {
+        const QByteArray status = readFile(QStringLiteral("/proc/self/status"));
+        return status.mid(status.indexOf(key + ':') + key.size() + 1).trimmed().split(' ').value(0).toLongLong();
+    }
 
 private slots:
     void logLinesAreUtcStampedOrderedWholeAndNeverLost()
@@ -74,6 +80,16 @@ private slots:
                                                     << QStringList{QStringLiteral("Process exited with code 0")};
         QTest::newRow("killed") << QStringLiteral("kill -9 $$") << QStringList() << 9 << none
                                 << QStringList{QStringLiteral("Process exited with code 9")};
+        // 16 MiB on each stream at once; the limit falls inside a two-byte character.
+        const QString out = u'a' + QString(ProcessRunner::outputLimitBytes / 2 - 1, u'é'),
+                      err(ProcessRunner::outputLimitBytes, u'x');
+        QTest::newRow("flood kept to the limit")
+            << QStringLiteral("head -c 16777216 /dev/zero | tr '\\0' x >&2 & printf a; yes é | tr -d '\\n' | "
+                              "head -c 16777216; wait")
+            << stop << 0 << QStringList{out, err}
+            << QStringList{"Process stdout: " + out + " [15728642 more bytes left out]",
+                           "Process stderr: " + err + " [15728640 more bytes left out]",
+                           QStringLiteral("Process exited with code 0")};
     }
     void processResultAndLogLines()
     {
@@ -85,6 +101,7 @@ private slots:
         const QString path = body.isNull() ? env.root() + QStringLiteral("/nowhere")
                                            : script(QString::fromLatin1(QTest::currentDataTag()), body);
         env.markLog();
+        const qint64 before = memoryKb("VmRSS");
         const ProcessResult result = ProcessRunner::runSync(path, arguments);
         QCOMPARE(result.exitCode, exitCode);
         if (exitCode == 1) { // could not start: the reason is the error output and its log line
@@ -96,6 +113,7 @@ private slots:
         // With no arguments the launching line ends in the blank after the path.
         const QString launching = QStringLiteral("Launching process: ") + path + u' ' + arguments.join(u' ');
         QCOMPARE(env.messagesSinceMark(), QStringList{launching} + expectedLog);
+        QCOMPARE_LT(memoryKb("VmHWM") - before, 48 * 1024); // a generous bound: ASan keeps freed memory
     }
 
     void locationsFollowTheExecutable_data()

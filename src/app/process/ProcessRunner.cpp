@@ -31,6 +31,41 @@ QString decodeUtf8(const QByteArray &bytes)
     return decoder.hasError() ? QString() : text;
 }
 
+// One stream's output as it arrives: the first ProcessRunner::outputLimitBytes and a count of
+// the rest, which is read (so that the child never blocks on a full pipe) and dropped.
+struct BoundedOutput {
+    QByteArray kept;
+    qint64 leftOut = 0;
+
+    void append(const QByteArray &chunk)
+    {
+        if (leftOut > 0) {
+            leftOut += chunk.size();
+            return;
+        }
+        kept += chunk;
+        if (kept.size() <= ProcessRunner::outputLimitBytes)
+            return;
+        qsizetype cut = ProcessRunner::outputLimitBytes;
+        // A UTF-8 character cut in two would make all that is kept undecodable: it goes whole.
+        for (int back = 0; back < 3 && cut > 0 && (uchar(kept[cut]) & 0xC0) == 0x80; ++back)
+            --cut;
+        leftOut = kept.size() - cut;
+        kept.truncate(cut);
+        kept.squeeze();
+    }
+
+    // The log's copy: trimmed, and saying how much was left out.
+    QString logged(const QString &text) const
+    {
+        QString shown = text.trimmed();
+        if (leftOut > 0)
+            shown += (shown.isEmpty() ? QString() : QStringLiteral(" ")) +
+                     QStringLiteral("[%1 more bytes left out]").arg(leftOut);
+        return shown;
+    }
+};
+
 } // namespace
 
 ProcessResult ProcessRunner::runSync(const QString &executablePath, const QStringList &arguments)
@@ -43,6 +78,12 @@ ProcessResult ProcessRunner::runSync(const QString &executablePath, const QStrin
     process.setProgram(executablePath);
     process.setArguments(arguments);
     process.setInputChannelMode(QProcess::ForwardedInputChannel);
+    // QProcess drains both pipes while it waits and reports each read here, on this thread, so
+    // output of any size is collected and no more than the limit of it is held.
+    BoundedOutput out, err;
+    QObject::connect(&process, &QProcess::readyReadStandardOutput,
+                     [&] { out.append(process.readAllStandardOutput()); });
+    QObject::connect(&process, &QProcess::readyReadStandardError, [&] { err.append(process.readAllStandardError()); });
     process.start();
     if (!process.waitForStarted(-1)) {
         const QString description = process.errorString();
@@ -50,18 +91,18 @@ ProcessResult ProcessRunner::runSync(const QString &executablePath, const QStrin
         return {1, QString(), description};
     }
 
-    // QProcess drains both pipes while it waits, so output of any size is collected.
     // A child ended by a signal reports the signal's number, as the termination status does.
     process.waitForFinished(-1);
-    ProcessResult result{process.exitCode(), decodeUtf8(process.readAllStandardOutput()),
-                         decodeUtf8(process.readAllStandardError())};
+    out.append(process.readAllStandardOutput());
+    err.append(process.readAllStandardError());
+    ProcessResult result{process.exitCode(), decodeUtf8(out.kept), decodeUtf8(err.kept)};
 
-    const QString trimmedOut = result.stdOut.trimmed();
-    if (!trimmedOut.isEmpty())
-        logger.log(QStringLiteral("Process stdout: ") + trimmedOut);
-    const QString trimmedErr = result.stdErr.trimmed();
-    if (!trimmedErr.isEmpty())
-        logger.log(QStringLiteral("Process stderr: ") + trimmedErr);
+    const QString loggedOut = out.logged(result.stdOut);
+    if (!loggedOut.isEmpty())
+        logger.log(QStringLiteral("Process stdout: ") + loggedOut);
+    const QString loggedErr = err.logged(result.stdErr);
+    if (!loggedErr.isEmpty())
+        logger.log(QStringLiteral("Process stderr: ") + loggedErr);
     logger.log(QStringLiteral("Process exited with code ") + QString::number(result.exitCode));
     return result;
 }

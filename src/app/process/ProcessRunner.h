@@ -18,6 +18,11 @@ public:
 
     ProcessRunner() = delete;
 
+    // Bytes kept of each output stream: a child that writes more (a script gone wrong) costs no
+    // more memory than this. The rest is read and left out of the result; its log line says how
+    // many bytes were left out. A character the limit would cut in two is left out whole.
+    static constexpr qsizetype outputLimitBytes = 1024 * 1024;
+
     // Blocks the calling thread until the child has exited. A child that cannot be started
     // gives exit code 1, empty output and the start error's description as standard error.
     static ProcessResult runSync(const QString &executablePath, const QStringList &arguments);
