@@ -26,6 +26,12 @@ int checkStateFor(RunAtStartupState state)
     return menuItemStateOff;
 }
 
+// A code means what the service documents only in the service's own domain.
+bool isServiceError(const LoginItemService &service, const LoginItemError &error, int code)
+{
+    return error.code == code && error.domain == service.errorDomain();
+}
+
 QString serviceErrorLine(const QString &prefix, const LoginItemError &error)
 {
     return prefix + error.domain + QStringLiteral(" code=") + QString::number(error.code) +
@@ -95,18 +101,15 @@ void AppDelegate::enableRunAtStartup()
     }
 
     logger.log(serviceErrorLine(QStringLiteral("SMAppService registration failed: domain="), *error));
-    switch (error->code) {
-    case LoginItemService::errorAlreadyRegistered:
+    if (isServiceError(*service, *error, LoginItemService::errorAlreadyRegistered)) {
         // The login item already does the job; a legacy agent would start a second copy.
         removeLegacyRunAtStartup();
         return;
-    case LoginItemService::errorLaunchDeniedByUser:
-        break;
-    default:
-        if (service->status() != LoginItemService::statusRequiresApproval) {
-            installLegacyRunAtStartup();
-            return;
-        }
+    }
+    if (!isServiceError(*service, *error, LoginItemService::errorLaunchDeniedByUser) &&
+        service->status() != LoginItemService::statusRequiresApproval) {
+        installLegacyRunAtStartup();
+        return;
     }
     logger.log(approvalRequiredMessage);
     service->openSystemSettingsLoginItems();
@@ -119,7 +122,7 @@ void AppDelegate::disableRunAtStartup()
         const std::optional<LoginItemError> error = service->unregisterApp();
         if (!error)
             AppLogger::shared().log(QStringLiteral("Disabled run-at-startup with SMAppService."));
-        else if (error->code != LoginItemService::errorJobNotFound)
+        else if (!isServiceError(*service, *error, LoginItemService::errorJobNotFound))
             AppLogger::shared().log(
                 serviceErrorLine(QStringLiteral("SMAppService unregister failed: domain="), *error));
     }

@@ -16,7 +16,8 @@ const QString desktopEntryGroup = QStringLiteral("[Desktop Entry]");
 
 LoginItemError writeError(const QString &message)
 {
-    return LoginItemError{AutostartLoginItemService::errorDomain, AutostartLoginItemService::errorWriteFailed, message};
+    return LoginItemError{AutostartLoginItemService::autostartErrorDomain, AutostartLoginItemService::errorWriteFailed,
+                          message};
 }
 
 // True when the entry's own group says it is switched off, as desktop session managers do.
@@ -71,7 +72,7 @@ int AutostartLoginItemService::status() const
 std::optional<LoginItemError> AutostartLoginItemService::registerApp()
 {
     if (status() == statusEnabled)
-        return LoginItemError{errorDomain, errorAlreadyRegistered,
+        return LoginItemError{autostartErrorDomain, errorAlreadyRegistered,
                               QStringLiteral("The autostart entry already exists.")};
     if (executablePath_.isEmpty())
         return writeError(QStringLiteral("The program's location is unknown."));
@@ -94,7 +95,7 @@ std::optional<LoginItemError> AutostartLoginItemService::unregisterApp()
 {
     QFile file(entryPath());
     if (!QFileInfo(file).isFile())
-        return LoginItemError{errorDomain, errorJobNotFound, QStringLiteral("There is no autostart entry.")};
+        return LoginItemError{autostartErrorDomain, errorJobNotFound, QStringLiteral("There is no autostart entry.")};
     if (!file.remove())
         return writeError(file.errorString());
     return std::nullopt;
