@@ -69,8 +69,10 @@ void AppDelegate::applicationDidFinishLaunching()
     AppLogger &logger = AppLogger::shared();
     logger.log(QStringLiteral("Application did finish launching."));
 
-    // Whole argument, same letter case: a prefix or another spelling is not the flag.
-    launchedAtLogin = configuration_.arguments.contains(launchedAtLoginArgument, Qt::CaseSensitive);
+    // Whole argument, same letter case: a prefix or another spelling is not the flag. A start by
+    // the login-item service, which passes no arguments, counts the same.
+    launchedAtLogin = configuration_.arguments.contains(launchedAtLoginArgument, Qt::CaseSensitive) ||
+                      (application_ && application_->launchedAsLoginItem());
 
     if (const auto identifier = bundleIdentifier(configuration_.infoPlistPath)) {
         if (platform_.runningApplications && platform_.runningApplications->runningApplicationCount(*identifier) >= 2) {

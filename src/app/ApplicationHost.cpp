@@ -36,6 +36,13 @@ bool prepareSignalSocket(int fd)
 
 } // namespace
 
+bool isLoginItemLaunch(const OpenApplicationEvent &event)
+{
+    return event.eventClass == OpenApplicationEvent::coreEventClass &&
+           event.eventID == OpenApplicationEvent::openApplication &&
+           event.propertyData == OpenApplicationEvent::launchedAsLogInItem;
+}
+
 ApplicationHost::ApplicationHost(QObject *parent) : QObject(parent) {}
 
 ApplicationHost::~ApplicationHost() = default;
@@ -47,6 +54,10 @@ void ApplicationHost::setDelegate(AppDelegate *delegate)
 
 void ApplicationHost::finishLaunching()
 {
+    if (awaitingSystemLaunch_) {
+        launchWaiting_ = true;
+        return;
+    }
     QTimer::singleShot(0, this, [this] {
         if (delegate_ && !terminated_)
             delegate_->applicationDidFinishLaunching();
@@ -58,6 +69,21 @@ void ApplicationHost::finishLaunching()
             terminateForQuitSignal();
         }
     });
+}
+
+void ApplicationHost::systemDidFinishLaunching(const OpenApplicationEvent &event)
+{
+    launchedAsLoginItem_ = isLoginItemLaunch(event);
+    awaitingSystemLaunch_ = false;
+    if (std::exchange(launchWaiting_, false))
+        finishLaunching();
+}
+
+void ApplicationHost::setActivationPolicy(ActivationPolicy policy)
+{
+    activationPolicy_ = policy;
+    if (applyActivationPolicy_)
+        applyActivationPolicy_(policy);
 }
 
 ApplicationHost::TerminateReply ApplicationHost::askDelegate()

@@ -11,6 +11,30 @@
 class AppDelegate;
 class QSocketNotifier;
 
+// A four-character code of the Apple Event Manager as the integer the system uses.
+constexpr quint32 fourCharCode(const char (&code)[5])
+{
+    return quint32(quint8(code[0])) << 24 | quint32(quint8(code[1])) << 16 | quint32(quint8(code[2])) << 8 |
+           quint32(quint8(code[3]));
+}
+
+// The open-application Apple event with which macOS starts an application, reduced to what the
+// launch reads: its class and ID, and the enumerated value of its property-data parameter (0
+// where the event or that parameter is missing).
+struct OpenApplicationEvent {
+    static constexpr quint32 coreEventClass = fourCharCode("aevt");
+    static constexpr quint32 openApplication = fourCharCode("oapp");
+    static constexpr quint32 launchedAsLogInItem = fourCharCode("lgit");
+
+    quint32 eventClass = 0;
+    quint32 eventID = 0;
+    quint32 propertyData = 0;
+};
+
+// Whether the system started the application as a login item, which the login-item service
+// says only through the open-application event, never on the command line.
+bool isLoginItemLaunch(const OpenApplicationEvent &event);
+
 class ApplicationHost : public QObject {
     Q_OBJECT
 public:
@@ -22,8 +46,17 @@ public:
 
     void setDelegate(AppDelegate *delegate);
 
-    // Tells the delegate, on the next turn of the event loop, that launching has finished.
+    // Tells the delegate, on the next turn of the event loop, that launching has finished; while
+    // the host awaits the system's own report, only once that has come.
     void finishLaunching();
+    // Where the system reports the end of launching itself (AppKit), that report also tells how
+    // the process was started, which the launch sequence must know before it begins: the launch
+    // then waits for systemDidFinishLaunching(). Called before finishLaunching().
+    void awaitSystemLaunch() { awaitingSystemLaunch_ = true; }
+    void systemDidFinishLaunching(const OpenApplicationEvent &event);
+    // True when the system started this process as a login item; settled before the delegate
+    // hears that launching has finished.
+    bool launchedAsLoginItem() const { return launchedAsLoginItem_; }
 
     // Starts an orderly termination from inside the program: asks the delegate, then ends now,
     // later or not at all.
@@ -43,8 +76,14 @@ public:
     // Runs the delegate's will-terminate handling once and emits terminated().
     void systemWillTerminate() { finishTermination(); }
 
-    void setActivationPolicy(ActivationPolicy policy) { activationPolicy_ = policy; }
+    // The policy is passed on to the platform's application object where there is one (AppKit's
+    // NSApp); Linux desktops have no such notion.
+    void setActivationPolicy(ActivationPolicy policy);
     ActivationPolicy activationPolicy() const { return activationPolicy_; }
+    void setActivationPolicyHandler(std::function<void(ActivationPolicy)> handler)
+    {
+        applyActivationPolicy_ = std::move(handler);
+    }
 
     bool hasTerminated() const { return terminated_; }
 
@@ -65,6 +104,10 @@ private:
 
     QPointer<AppDelegate> delegate_;
     ActivationPolicy activationPolicy_ = ActivationPolicyRegular;
+    std::function<void(ActivationPolicy)> applyActivationPolicy_;
+    bool awaitingSystemLaunch_ = false;
+    bool launchWaiting_ = false;
+    bool launchedAsLoginItem_ = false;
     bool askingDelegate_ = false;
     bool replyPending_ = false;
     // Where the final answer goes when the system asked; empty when the program asked itself.

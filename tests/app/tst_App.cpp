@@ -2,6 +2,7 @@
 #include "app/Locations.h"
 #include "app/log/AppLogger.h"
 #include "app/process/ProcessRunner.h"
+#include "platform/QtPlatformChoice.h"
 #include "support/Files.h"
 #include "support/TestEnvironment.h"
 #include <QRegularExpression>
@@ -159,6 +160,30 @@ private slots:
         QCOMPARE(locations.userDefaultsFile.value_or(QString()), out[3]);
         QCOMPARE(locations.volumeMountDirectory, out[4]);
         QCOMPARE(locations.applicationBundle, out[0].endsWith(QLatin1String("/Contents/Resources")));
+    }
+
+    // The macOS application delegate goes in only for Qt's cocoa plugin, chosen before Qt loads it.
+    void qtPlatformKnownBeforeTheApplicationExists_data()
+    {
+        QTest::addColumn<QStringList>("arguments");  // after the program's name
+        QTest::addColumn<QByteArray>("environment"); // QT_QPA_PLATFORM
+        QTest::addColumn<QString>("chosen");
+        QTest::newRow("built-in default") << QStringList() << QByteArray() << "cocoa";
+        QTest::newRow("environment") << QStringList{"--launched-at-login"} << QByteArray("offscreen") << "offscreen";
+        QTest::newRow("options and fallbacks")
+            << QStringList() << QByteArray("minimal:enable_fonts;cocoa") << "minimal";
+        QTest::newRow("argument over environment")
+            << QStringList{"-platform", "cocoa"} << QByteArray("offscreen") << "cocoa";
+        QTest::newRow("double dash, last one")
+            << QStringList{"--platform", "minimal", "--platform", "offscreen"} << QByteArray() << "offscreen";
+        QTest::newRow("argument without a value") << QStringList{"-platform"} << QByteArray("offscreen") << "offscreen";
+    }
+    void qtPlatformKnownBeforeTheApplicationExists()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QByteArray, environment);
+        QFETCH(QString, chosen);
+        QCOMPARE(chosenQtPlatform(QStringList{"quillmere-menu"} + arguments, environment, "cocoa"), chosen);
     }
 };
 

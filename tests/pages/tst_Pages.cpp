@@ -9,6 +9,7 @@
 #include <QMenu>
 #include <QSettings>
 #include <QTest>
+#include <QtEndian>
 
 static const QString welcomeKey = QStringLiteral("QuillmereAgentWelcomePresentedBundleVersion");
 
@@ -88,26 +89,46 @@ private slots:
     void gettingStartedOnLaunch_data()
     {
         QTest::addColumn<QStringList>("arguments");
+        // The system's open-application event: class, ID, property data (four-character codes).
+        QTest::addColumn<QByteArrayList>("event");
         QTest::addColumn<QString>("stored"); // null: nothing stored
+        QTest::addColumn<bool>("atLogin");
         QTest::addColumn<bool>("welcomeShown");
         const QString program = QStringLiteral("quillmere-menu"), flag = QStringLiteral("--launched-at-login");
-        QTest::newRow("first") << QStringList{program} << QString() << true;
-        QTest::newRow("same") << QStringList{program} << QStringLiteral("1.0.0") << false;
-        QTest::newRow("older") << QStringList{program} << QStringLiteral("0.9.0") << true;
-        QTest::newRow("login") << QStringList{program, flag} << QStringLiteral("0.9.0") << false;
+        const QByteArrayList open{"aevt", "oapp"}, loginItem{"aevt", "oapp", "lgit"};
+        QTest::newRow("first") << QStringList{program} << open << QString() << false << true;
+        QTest::newRow("same") << QStringList{program} << open << QStringLiteral("1.0.0") << false << false;
+        QTest::newRow("older") << QStringList{program} << open << QStringLiteral("0.9.0") << false << true;
+        QTest::newRow("login") << QStringList{program, flag} << QByteArrayList() << QStringLiteral("0.9.0") << true
+                               << false;
+        QTest::newRow("login item") << QStringList{program} << loginItem << QStringLiteral("0.9.0") << true << false;
+        QTest::newRow("service item") << QStringList{program} << QByteArrayList{"aevt", "oapp", "svit"}
+                                      << QStringLiteral("1.0.0") << false << false;
+        QTest::newRow("login mark on another event") << QStringList{program} << QByteArrayList{"aevt", "odoc", "lgit"}
+                                                     << QStringLiteral("1.0.0") << false << false;
     }
     void gettingStartedOnLaunch()
     {
         QFETCH(QStringList, arguments);
+        QFETCH(QByteArrayList, event);
         QFETCH(QString, stored);
+        QFETCH(bool, atLogin);
         QFETCH(bool, welcomeShown);
         if (!stored.isNull())
             QSettings(defaults(), QSettings::IniFormat).setValue(welcomeKey, stored);
-        const bool atLogin = arguments.contains(QStringLiteral("--launched-at-login"));
         const QByteArray before = readFile(defaults());
         makeController(arguments, std::chrono::milliseconds(100));
         const int probes = agent.countFor("/healthz");
-        delegate->applicationDidFinishLaunching();
+        // As under AppKit: the launch waits for the system's report, which comes after a turn of the loop.
+        host.awaitSystemLaunch();
+        host.finishLaunching();
+        QCoreApplication::processEvents();
+        OpenApplicationEvent report;
+        for (quint32 *code : {&report.eventClass, &report.eventID, &report.propertyData})
+            if (!event.isEmpty())
+                *code = qFromBigEndian<quint32>(event.takeFirst().constData());
+        host.systemDidFinishLaunching(report);
+        QTRY_VERIFY(env.messagesSinceMark().contains(QStringLiteral("Application did finish launching.")));
         QCOMPARE(delegate->launchedAtLogin, atLogin);
         QCOMPARE(delegate->presentedWelcomeOnLaunch, welcomeShown);
         // The agent is down, so the launch flow starts it: interactively that shows the status page.

@@ -2,10 +2,18 @@
 
 #include "app/ApplicationHost.h"
 #include "app/log/AppLogger.h"
+#include "platform/QtPlatformChoice.h"
 
 #include <QPointer>
+#include <QStringList>
+#include <QtGlobal>
 
 #import <AppKit/AppKit.h>
+
+// The launch decides on these codes as plain integers; they must be Apple's.
+static_assert(OpenApplicationEvent::coreEventClass == quint32(kCoreEventClass));
+static_assert(OpenApplicationEvent::openApplication == quint32(kAEOpenApplication));
+static_assert(OpenApplicationEvent::launchedAsLogInItem == quint32(keyAELaunchedAsLogInItem));
 
 @interface QuillmereApplicationDelegate : NSObject <NSApplicationDelegate>
 @end
@@ -29,9 +37,29 @@ NSApplicationTerminateReply appKitReply(ApplicationHost::TerminateReply reply)
     return NSTerminateNow;
 }
 
+// The Apple event AppKit is handling: while it reports the end of launching, the
+// open-application event. A missing event or parameter reads as 0.
+OpenApplicationEvent currentOpenApplicationEvent()
+{
+    NSAppleEventDescriptor *event = NSAppleEventManager.sharedAppleEventManager.currentAppleEvent;
+    if (!event)
+        return {};
+    return {event.eventClass, event.eventID, [event paramDescriptorForKeyword:keyAEPropData].enumCodeValue};
+}
+
 } // namespace
 
 @implementation QuillmereApplicationDelegate
+
+- (void)applicationDidFinishLaunching:(NSNotification *)notification
+{
+    (void)notification;
+    // Qt's delegate passes this on first thing. A start by the login-item service is marked only
+    // in the open-application event, so the launch sequence waits for it (see
+    // connectAppKitApplicationDelegate).
+    if (ApplicationHost *host = answeringHost.data())
+        host->systemDidFinishLaunching(currentOpenApplicationEvent());
+}
 
 - (NSApplicationTerminateReply)applicationShouldTerminate:(NSApplication *)sender
 {
@@ -48,8 +76,19 @@ NSApplicationTerminateReply appKitReply(ApplicationHost::TerminateReply reply)
 - (void)applicationWillTerminate:(NSNotification *)notification
 {
     (void)notification;
-    // AppKit exits the process after this message without returning to main(): the delegate's
-    // last steps and the log's last lines happen here.
+    // AppKit calls exit() after this message: main() does not resume, and the application
+    // object, the controller and the platform services are never destroyed. So what must happen
+    // at exit happens here or needs no destructor:
+    // - the controller's last steps (timer, volume observers, last log line) and the host's
+    //   terminated() signal, where anything else that must not outlive the process is released,
+    //   run in systemWillTerminate();
+    // - the log is flushed here (and once more by its atexit handler);
+    // - no control script is left running: the final yes comes only after the termination stop
+    //   and any start still running have ended, and "now" is answered only to a copy that
+    //   started none (a duplicate);
+    // - the single-instance lock of a copy outside a bundle stays on disk, and the next copy
+    //   takes it over because its holder no longer runs; a bundled copy holds no lock;
+    // - the signal socket pair closes with the process.
     if (ApplicationHost *host = answeringHost.data())
         host->systemWillTerminate();
     AppLogger::shared().flush();
@@ -61,6 +100,16 @@ void installAppKitApplicationDelegate()
 {
     if (installedDelegate)
         return;
+    QStringList arguments;
+    for (NSString *argument in NSProcessInfo.processInfo.arguments)
+        arguments.append(QString::fromNSString(argument));
+    if (chosenQtPlatform(arguments, qgetenv("QT_QPA_PLATFORM"), QStringLiteral("cocoa")) != QLatin1String("cocoa"))
+        return;
+    // Unless told otherwise, Qt's cocoa plugin makes the process a Dock application when it runs
+    // outside a bundle, and activates it when launching has finished: a menu-bar item would take
+    // the focus from whatever the user is doing at every launch and login. The activation policy
+    // is set by the launch sequence instead.
+    qputenv("QT_MAC_DISABLE_FOREGROUND_APPLICATION_TRANSFORM", "1");
     installedDelegate = [[QuillmereApplicationDelegate alloc] init];
     NSApplication.sharedApplication.delegate = installedDelegate;
 }
@@ -68,4 +117,12 @@ void installAppKitApplicationDelegate()
 void connectAppKitApplicationDelegate(ApplicationHost *host)
 {
     answeringHost = host;
+    if (!installedDelegate || !host)
+        return;
+    host->awaitSystemLaunch();
+    host->setActivationPolicyHandler([](ApplicationHost::ActivationPolicy policy) {
+        [NSApp setActivationPolicy:policy == ApplicationHost::ActivationPolicyAccessory
+                                       ? NSApplicationActivationPolicyAccessory
+                                       : NSApplicationActivationPolicyRegular];
+    });
 }
