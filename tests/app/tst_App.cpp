@@ -3,6 +3,7 @@
 #include "app/log/AppLogger.h"
 #include "app/process/ProcessRunner.h"
 #include "platform/QtPlatformChoice.h"
+#include "platform/RunningApplications.h"
 #include "support/Files.h"
 #include "support/TestEnvironment.h"
 #include <QRegularExpression>
@@ -184,6 +185,15 @@ private slots:
         QFETCH(QByteArray, environment);
         QFETCH(QString, chosen);
         QCOMPARE(chosenQtPlatform(QStringList{"quillmere-menu"} + arguments, environment, "cocoa"), chosen);
+    }
+
+    // The system's list of running copies may not hold this process yet when the launch asks.
+    void runningCopiesCountThisProcessOnce()
+    {
+        QCOMPARE(runningCopiesIncludingThisOne({}, 7), 1);
+        QCOMPARE(runningCopiesIncludingThisOne({7}, 7), 1);
+        QCOMPARE(runningCopiesIncludingThisOne({3}, 7), 2);
+        QCOMPARE(runningCopiesIncludingThisOne({3, 7, 9}, 7), 3);
     }
 };
 
