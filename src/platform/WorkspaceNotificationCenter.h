@@ -7,6 +7,8 @@
 #include <QString>
 #include <functional>
 
+// The volume events by the names the agent receives as the sync's event; each platform maps its
+// own notifications onto these.
 namespace WorkspaceNotification {
 inline const QString didMount = QStringLiteral("NSWorkspaceDidMountNotification");
 inline const QString didUnmount = QStringLiteral("NSWorkspaceDidUnmountNotification");

@@ -1,6 +1,6 @@
 // Posts the workspace's volume notifications (did mount, did unmount, did rename) into the
-// program's WorkspaceNotificationCenter, on the main thread, each under its own name, which the
-// volume sync sends to the agent as the event. Built only on macOS.
+// program's WorkspaceNotificationCenter, on the main thread, each as the program's own event
+// name, which the volume sync sends to the agent as the event. Built only on macOS.
 #pragma once
 
 #include <QObject>

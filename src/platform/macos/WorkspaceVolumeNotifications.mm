@@ -4,6 +4,7 @@
 
 #include <QPointer>
 #include <QString>
+#include <utility>
 
 #import <AppKit/AppKit.h>
 
@@ -17,16 +18,23 @@ WorkspaceVolumeNotifications::WorkspaceVolumeNotifications(WorkspaceNotification
     // The workspace posts these only on its own centre, not on the process's default one.
     NSNotificationCenter *workspaceCenter = NSWorkspace.sharedWorkspace.notificationCenter;
     QPointer<WorkspaceNotificationCenter> target = center;
-    NSArray<NSNotificationName> *names =
-        @[ NSWorkspaceDidMountNotification, NSWorkspaceDidUnmountNotification, NSWorkspaceDidRenameVolumeNotification ];
-    for (NSNotificationName name in names) {
+    // Each of Apple's notifications becomes one of the program's own events by name: the value of
+    // Apple's constants is not documented, so it is never passed on.
+    const std::pair<NSNotificationName, QString> events[] = {
+        {NSWorkspaceDidMountNotification, WorkspaceNotification::didMount},
+        {NSWorkspaceDidUnmountNotification, WorkspaceNotification::didUnmount},
+        {NSWorkspaceDidRenameVolumeNotification, WorkspaceNotification::didRenameVolume},
+    };
+    for (const auto &[name, event] : events) {
         // The main queue runs the block on the main thread, where the controller lives.
+        const QString posted = event;
         id<NSObject> token = [workspaceCenter addObserverForName:name
                                                           object:nil
                                                            queue:NSOperationQueue.mainQueue
                                                       usingBlock:^(NSNotification *notification) {
+                                                        (void)notification;
                                                         if (target)
-                                                            target->post(QString::fromNSString(notification.name));
+                                                            target->post(posted);
                                                       }];
         [tokens_->list addObject:token];
     }
