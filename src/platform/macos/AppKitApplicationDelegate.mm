@@ -88,6 +88,8 @@ OpenApplicationEvent currentOpenApplicationEvent()
     //   started none (a duplicate);
     // - the single-instance lock of a copy outside a bundle stays on disk, and the next copy
     //   takes it over because its holder no longer runs; a bundled copy holds no lock;
+    // - the control socket's file stays on disk too, and the next copy that is not a duplicate
+    //   removes it before it listens;
     // - the signal socket pair closes with the process.
     if (ApplicationHost *host = answeringHost.data())
         host->systemWillTerminate();
