@@ -36,7 +36,7 @@ ControlRequest requestFor(const CommandLine &command)
     }
 }
 
-enum class Exchange { noProgram, answered, noAnswer };
+enum class Exchange { noProgram, answered, noAnswer, noAccess };
 
 // Sends the request and reads replies up to the last one; an "accepted" is followed by the
 // outcome, or for a quit by the end of the connection when the program has exited.
@@ -47,6 +47,8 @@ Exchange askRunningProgram(const QString &socketPath, const ControlRequest &requ
     if (!socket.waitForConnected(answerTimeoutMs)) {
         const bool nobodyThere = socket.error() == QLocalSocket::ServerNotFoundError ||
                                  socket.error() == QLocalSocket::ConnectionRefusedError;
+        if (socket.error() == QLocalSocket::SocketAccessError)
+            return Exchange::noAccess;
         return nobodyThere ? Exchange::noProgram : Exchange::noAnswer;
     }
     socket.write(encodeControlRequest(request));
@@ -137,6 +139,9 @@ int runControlCommand(int argc, char *argv[], const CommandLine &command)
     case Exchange::noAnswer:
         std::fprintf(stderr, "quillmere-menu: the running program did not answer within %d s.\n",
                      answerTimeoutMs / 1000);
+        return ExitCode::noAnswer;
+    case Exchange::noAccess:
+        std::fprintf(stderr, "quillmere-menu: %s cannot be reached by this user.\n", qPrintable(socketPath));
         return ExitCode::noAnswer;
     case Exchange::answered:
         if (last.value(QStringLiteral("reply")).toString() == QLatin1String("accepted") &&

@@ -27,7 +27,7 @@ InstalledProgram::~InstalledProgram()
     }
 }
 
-QProcess *InstalledProgram::start(quint16 agentPort, const QStringList &arguments, const QString &user)
+QProcessEnvironment InstalledProgram::environmentFor(quint16 agentPort, const QString &user) const
 {
     const QString run = root() + QStringLiteral("/xdg-runtime"), volumes = root() + QStringLiteral("/volumes"),
                   dataHome = homeOf(user) + QStringLiteral("/.local/share"), temp = root() + QStringLiteral("/tmp");
@@ -52,11 +52,36 @@ QProcess *InstalledProgram::start(quint16 agentPort, const QStringList &argument
         {"PATH", root() + QStringLiteral("/fakebin:") + environment.value(QStringLiteral("PATH"))}};
     for (const auto &[name, value] : settings)
         environment.insert(QString::fromLatin1(name), value);
+    return environment;
+}
+
+void InstalledProgram::launch(QProcess &process, const QStringList &arguments) const
+{
+    const QString program = root() + QStringLiteral("/bin/quillmere-menu");
+    if (launcher.isEmpty())
+        process.start(program, arguments);
+    else
+        process.start(launcher.first(), launcher.mid(1) + QStringList{program} + arguments);
+}
+
+InstalledProgram::Result InstalledProgram::run(quint16 agentPort, const QStringList &arguments, const QString &user)
+{
+    QProcess process;
+    process.setProcessEnvironment(environmentFor(agentPort, user));
+    launch(process, arguments);
+    if (!QTest::qWaitFor([&process] { return process.state() == QProcess::NotRunning; }, 30000))
+        return {-1, QStringLiteral("did not end within 30 s")};
+    return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
+            QString::fromUtf8(process.readAllStandardOutput() + process.readAllStandardError())};
+}
+
+QProcess *InstalledProgram::start(quint16 agentPort, const QStringList &arguments, const QString &user)
+{
     auto &process = processes_.emplace_back(std::make_unique<QProcess>());
-    process->setProcessEnvironment(environment);
+    process->setProcessEnvironment(environmentFor(agentPort, user));
     process->setStandardOutputFile(QProcess::nullDevice());
     process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    process->start(root() + QStringLiteral("/bin/quillmere-menu"), arguments);
+    launch(*process, arguments);
     if (!process->waitForStarted(10000))
         qFatal("cannot start the program");
     return process.get();

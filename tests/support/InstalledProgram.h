@@ -4,6 +4,7 @@
 #pragma once
 
 #include <QProcess>
+#include <QTest>
 #include <QTemporaryDir>
 #include <memory>
 #include <vector>
@@ -27,14 +28,37 @@ public:
     // Starts a copy as the given user, talking to an agent on agentPort; the tree owns it.
     QProcess *start(quint16 agentPort, const QStringList &arguments = {},
                     const QString &user = QStringLiteral("first"));
+    // Runs a command to its end while this thread's events (the fake agent) keep running.
+    struct Result {
+        int exitCode = 0;
+        QString output; // standard output, then standard error
+
+        friend bool operator==(const Result &, const Result &) = default;
+    };
+    Result run(quint16 agentPort, const QStringList &arguments, const QString &user = QStringLiteral("first"));
+    QString socketPath() const
+    {
+        return root() + QStringLiteral("/xdg-runtime/" QUILLMERE_BUNDLE_IDENTIFIER ".socket");
+    }
     // The user's log without timestamps (runs of one user share it).
     QStringList logMessages(const QString &user = QStringLiteral("first")) const;
     // Every location handed to xdg-open, in order.
     QStringList openedLocations() const;
 
+    // A command that the program is run through (another user's: setpriv ...); none by default.
+    QStringList launcher;
+
 private:
+    QProcessEnvironment environmentFor(quint16 agentPort, const QString &user) const;
+    void launch(QProcess &process, const QStringList &arguments) const;
+
     QTemporaryDir dir_;
     bool onDesktop_;
     QString desktopPlatform_;
     std::vector<std::unique_ptr<QProcess>> processes_;
 };
+
+inline char *toString(const InstalledProgram::Result &result)
+{
+    return QTest::toString(QStringLiteral("exit %1: %2").arg(result.exitCode).arg(result.output));
+}

@@ -1,0 +1,248 @@
+// Commands from outside the menu, as a user or a script gives them: read as meant, carried out by
+// the running program under its menu's own rules, done by the command itself when none runs, over
+// a channel that only this user reaches and that a flood of bad requests does not hurt.
+#include "app/CommandLine.h"
+#include "support/FakeAgent.h"
+#include "support/FakeControlScript.h"
+#include "support/InstalledProgram.h"
+
+#include <QLocalSocket>
+#include <QRegularExpression>
+#include <QTest>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+using Result = InstalledProgram::Result;
+
+namespace {
+
+int openDescriptors(qint64 pid)
+{
+    return int(
+        QDir(u"/proc/%1/fd"_s.arg(pid)).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System).size());
+}
+
+qint64 residentKb(qint64 pid)
+{
+    static const QRegularExpression rss(u"VmRSS:\\s+(\\d+)"_s);
+    return rss.match(QString::fromLatin1(readFile(u"/proc/%1/status"_s.arg(pid)))).captured(1).toLongLong();
+}
+
+// Gone, or a zombie its parent has not yet reaped: it runs no more.
+bool exited(qint64 pid)
+{
+    const QByteArray stat = readFile(u"/proc/%1/stat"_s.arg(pid));
+    return stat.isEmpty() || stat.mid(stat.lastIndexOf(')') + 2, 1) == "Z";
+}
+
+// A socket file nobody listens at, as a copy that crashed leaves it.
+void leaveStaleSocket(const QString &path)
+{
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    qstrncpy(address.sun_path, QFile::encodeName(path).constData(), sizeof address.sun_path);
+    QVERIFY(::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0);
+    ::close(fd);
+}
+
+} // namespace
+
+class ControlTest : public QObject {
+    Q_OBJECT
+    FakeAgent agent;
+
+private slots:
+    void commandLineIsReadAsMeant_data()
+    {
+        QTest::addColumn<QString>("arguments");
+        QTest::addColumn<QString>("reading"); // kind|json|page|problem
+        const QString pages = pageNames().join(u", "_s);
+        const QList<std::pair<const char *, QString>> rows = {
+            {"", u"launch|||"_s},
+            {"--launched-at-login", u"launch|||"_s},
+            {"--status -h", u"help|||"_s},
+            {"-v --bogus", u"version|||"_s},
+            // Not understood: the program starts as it always has, and says so.
+            {"--versio", u"launch|||unknown option '--versio'"_s},
+            {"stray", u"launch|||unexpected argument 'stray'"_s},
+            {"-launched-at-login", u"launch|||'-launched-at-login' is not the login flag --launched-at-login"_s},
+            {"--launched-at-login=yes", u"launch|||Unexpected value after '--launched-at-login'"_s},
+            {"--status --json", u"status|json||"_s},
+            {"--open local-admin", u"open||local-admin|"_s},
+            {"--quit", u"quit|||"_s},
+            {"--open", u"badUsage|||Missing value after '--open'"_s},
+            {"--open=bogus", u"badUsage||bogus|unknown page 'bogus' (one of "_s + pages + u')'},
+            {"--start-agent --stop-agent", u"badUsage|||one command at a time, not --start-agent and --stop-agent"_s},
+            {"--json", u"badUsage|||--json goes with --status"_s},
+            {"--stop-agent --json", u"badUsage|||--json goes with --status"_s},
+            {"--status --launched-at-login",
+             u"badUsage|||--launched-at-login is for a plain launch, not with --status"_s},
+            {"--status --bogus", u"badUsage|||unknown option '--bogus'"_s}};
+        for (const auto &[arguments, reading] : rows)
+            QTest::newRow(*arguments ? arguments : "plain") << QString::fromLatin1(arguments) << reading;
+    }
+    void commandLineIsReadAsMeant()
+    {
+        QFETCH(QString, arguments);
+        QFETCH(QString, reading);
+        static const QStringList kinds = {u"launch"_s,    u"help"_s, u"version"_s, u"status"_s,  u"startAgent"_s,
+                                          u"stopAgent"_s, u"open"_s, u"quit"_s,    u"badUsage"_s};
+        const CommandLine line =
+            parseCommandLine(QStringList{u"quillmere-menu"_s} + arguments.split(u' ', Qt::SkipEmptyParts));
+        QCOMPARE(
+            QStringList({kinds[int(line.kind)], line.json ? u"json"_s : QString(), line.page, line.problem}).join(u'|'),
+            reading);
+    }
+
+    void commandsDriveTheRunningProgram_data()
+    {
+        QTest::addColumn<bool>("staleSocket");
+        QTest::newRow("first launch") << false;
+        QTest::newRow("socket left by a crashed copy") << true;
+    }
+    // With no program the command does the job itself; with one, the program does it through its menu.
+    void commandsDriveTheRunningProgram()
+    {
+        QFETCH(bool, staleSocket);
+        InstalledProgram program;
+        FakeControlScript script(program.controlScript());
+        script.write({0, true, {}}, {0, false, {}}); // the launch start waits for the test
+        agent.setHealthDown();
+        const quint16 port = agent.port();
+        QCOMPARE(
+            program.run(port, {u"--status"_s}),
+            (Result{
+                3, u"Status: Stopped\nVersion: --\nquillmere-menu is not running; the agent was asked directly.\n"_s}));
+        QCOMPARE(program.run(port, {u"--quit"_s}),
+                 (Result{3, u"quillmere-menu is not running; there is nothing to quit.\n"_s}));
+        if (staleSocket)
+            leaveStaleSocket(program.socketPath());
+
+        QProcess *running = program.start(port);
+        QTRY_COMPARE_WITH_TIMEOUT(script.runs().size(), 1, 15000);
+        QCOMPARE(program.run(port, {u"--status"_s, u"--json"_s}),
+                 (Result{3, uR"({"agentRunning":false,"programRunning":true,"startInFlight":true,)"
+                            uR"("state":"Status: Starting...","stopInFlight":false,"version":"--"})"
+                            "\n"_s}));
+        QCOMPARE(program.run(port, {u"--start-agent"_s}),
+                 (Result{5, u"Start Agent is not available now: a start is already in progress.\n"_s}));
+        agent.setHealthy();
+        script.release(u"start"_s);
+        QTRY_COMPARE_WITH_TIMEOUT(program.run(port, {u"--status"_s}),
+                                  (Result{0, u"Status: Running\nVersion: 1.4.2\n"_s}), 15000);
+        agent.setHealthDown(); // as the stop brings it down
+        QCOMPARE(program.run(port, {u"--stop-agent"_s}), (Result{0, u"Agent stop finished.\n"_s}));
+        QCOMPARE(program.run(port, {u"--stop-agent"_s}),
+                 (Result{5, u"Stop Agent is not available now: the agent is not running.\n"_s}));
+        script.write({4, false, {}}, {0, false, {}});
+        const QString logs = program.homeOf(u"first"_s) + "/.local/share/TallyholdAgent/runtime/logs"_L1;
+        QCOMPARE(program.run(port, {u"--start-agent"_s}),
+                 (Result{1, "Agent start failed with exit code 4. The log: "_L1 + logs + "/menu-app.log\n"_L1}));
+        for (const QString &page : pageNames())
+            QCOMPARE(program.run(port, {u"--open"_s, page}), Result{});
+
+        // A flood of bad, oversized and unfinished requests: answered or dropped, nothing kept.
+        const qint64 pid = running->processId();
+        const int descriptors = openDescriptors(pid);
+        const qint64 memory = residentKb(pid);
+        std::vector<std::unique_ptr<QLocalSocket>> unfinished;
+        const QByteArray requests[] = {"{\"command\":\"bogus\"}\n", "not json\n", QByteArray(4096, 'x'),
+                                       "{\"command\":\"status\""};
+        for (int i = 0; i < 1000; ++i) {
+            auto socket = std::make_unique<QLocalSocket>();
+            socket->connectToServer(program.socketPath());
+            QVERIFY(socket->waitForConnected(2000));
+            socket->write(requests[i % 4]);
+            QVERIFY(socket->waitForBytesWritten(2000));
+            if (i % 4 == 3 && unfinished.size() < 40)
+                unfinished.push_back(std::move(socket));
+        }
+        QCOMPARE(program.run(port, {u"--status"_s}).exitCode, 3);                 // still answering
+        QTRY_VERIFY_WITH_TIMEOUT(openDescriptors(pid) <= descriptors + 2, 10000); // unfinished ones dropped
+        QVERIFY2(residentKb(pid) < memory + 4096, qPrintable(u"%1 kB, was %2 kB"_s.arg(residentKb(pid)).arg(memory)));
+
+        // Quit: the command returns once the program, having stopped the agent, has exited.
+        QCOMPARE(program.run(port, {u"--quit"_s}), Result{});
+        QVERIFY(exited(pid));
+        QCOMPARE(running->exitCode(), 0);
+        const QString launching = "Launching process: "_L1 + script.path(), runtime = program.runtimeDir();
+        QCOMPARE(program.logMessages().filter(
+                     QRegularExpression(u"^(Launching|Process|Agent|Quit|Opening|Control|Termination)"_s)),
+                 QStringList({"Opening getting started page: "_L1 + runtime + "/welcome.html"_L1,
+                              u"Agent not healthy during launch. Starting agent."_s,
+                              launching + " start"_L1,
+                              u"Process exited with code 0"_s,
+                              launching + " stop"_L1,
+                              u"Process exited with code 0"_s,
+                              "Opening startup page: "_L1 + runtime + "/startup-status.html"_L1,
+                              launching + " start"_L1,
+                              u"Process exited with code 4"_s,
+                              u"Agent start command failed with exit code 4"_s,
+                              "Opening startup page: "_L1 + runtime + "/startup-status-failed.html"_L1,
+                              "Opening logs directory: "_L1 + logs,
+                              u"Opening cloud admin."_s,
+                              u"Opening update page."_s,
+                              u"Opening local admin."_s,
+                              "Opening getting started page: "_L1 + runtime + "/welcome.html"_L1,
+                              "Opening startup page: "_L1 + runtime + "/startup-status-failed.html"_L1,
+                              "Opening logs directory: "_L1 + logs,
+                              u"Control request refused: unknown command."_s,
+                              u"Quit requested from menu."_s,
+                              launching + " stop"_L1,
+                              u"Process exited with code 0"_s,
+                              u"Termination stop finished with exit code 0."_s}));
+        QVERIFY(!QFile::exists(program.socketPath()));
+    }
+
+    void channelTrustsThisUserAlone_data()
+    {
+        QTest::addColumn<bool>("programOfAnotherUser"); // else: only its socket file is
+        QTest::newRow("socket file of another user") << false;
+        QTest::newRow("program of another user") << true;
+    }
+    void channelTrustsThisUserAlone()
+    {
+        QFETCH(bool, programOfAnotherUser);
+        if (::getuid() != 0)
+            QSKIP("needs root to act as another user");
+        InstalledProgram program;
+        agent.setHealthy();
+        const quint16 port = agent.port();
+        QCOMPARE(program.run(port, {u"--version"_s}).exitCode, 0); // lays out the folders
+        const QString notTrusted =
+            "quillmere-menu: "_L1 + program.socketPath() + " belongs to another user and is not trusted.\n"_L1;
+        if (programOfAnotherUser) {
+            QCOMPARE(QProcess::execute(u"chown"_s, {u"-R"_s, u"65534:65534"_s, program.root()}), 0);
+            program.launcher = QStringList{u"setpriv"_s, u"--reuid=65534"_s, u"--regid=65534"_s, u"--clear-groups"_s};
+            program.start(port);
+            QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(program.socketPath()), 15000);
+            program.launcher.clear();
+            const Result status = program.run(port, {u"--status"_s}); // Qt warns of the folder first
+            QVERIFY2(status.exitCode == 4 && status.output.endsWith(notTrusted), toString(status));
+            // Past the file's own check, the program itself turns another user away unanswered.
+            QLocalSocket socket;
+            socket.connectToServer(program.socketPath());
+            QVERIFY(socket.waitForConnected(2000));
+            socket.write("{\"command\":\"quit\"}\n");
+            QTRY_COMPARE(socket.state(), QLocalSocket::UnconnectedState);
+            QCOMPARE(socket.readAll(), QByteArray());
+            QTRY_VERIFY(program.logMessages().contains(u"Control request refused: a process of another user."_s));
+        } else {
+            leaveStaleSocket(program.socketPath());
+            QVERIFY(::chown(QFile::encodeName(program.socketPath()).constData(), 65534, 65534) == 0);
+            program.start(port);
+            QTRY_VERIFY_WITH_TIMEOUT(
+                program.logMessages().contains(
+                    "Control socket "_L1 + program.socketPath() +
+                    " belongs to another user and is not trusted; commands cannot reach this program."_L1),
+                15000);
+            QCOMPARE(program.run(port, {u"--quit"_s}), (Result{4, notTrusted}));
+        }
+    }
+};
+
+QTEST_MAIN(ControlTest)
+#include "tst_Control.moc"
