@@ -15,7 +15,9 @@ diff -u "$work/expected" "$work/actual"
 
 id=com.tallyhold.agent.app
 desktop-file-validate "$root/usr/share/applications/$id.desktop"
-grep -qx "Exec=/usr/bin/quillmere-menu" "$root/usr/share/applications/$id.desktop"
+# The program, and the actions launchers offer beside it.
+[ "$(grep '^Exec=' "$root/usr/share/applications/$id.desktop" | tr '\n' '|')" = \
+  "Exec=/usr/bin/quillmere-menu|Exec=/usr/bin/quillmere-menu --start-agent|Exec=/usr/bin/quillmere-menu --stop-agent|Exec=/usr/bin/quillmere-menu --open local-admin|" ]
 # A path with a space, quotes and a percent sign exercises the entry's quoting and escapes.
 "$write_entry" "$work/config" "$work/Quill \"mere\" 100%/bin/quillmere-menu"
 desktop-file-validate "$work/config/autostart/$id.desktop"
