@@ -1,8 +1,11 @@
 #!/bin/sh
 # Starts or stops the demo agent that sits beside this script.
-#   agentctl.sh start   start the agent in the background and wait until /healthz answers
+#   agentctl.sh start   start the agent in the background and wait until /healthz answers,
+#                       giving up after 10 s
 #   agentctl.sh stop    send the agent SIGTERM and wait until it has gone
-# Both are idempotent. Exit code 0 on success; otherwise a message on standard error.
+# Both are idempotent. Exit code 0 on success; otherwise a message on standard error, and for a
+# start, first what the agent wrote to its log meanwhile (why it did not come up) on standard
+# output, where whoever started the script looks.
 # QUILLMERE_AGENT_PORT moves the agent off port 8787.
 
 set -u
@@ -13,7 +16,7 @@ port=${QUILLMERE_AGENT_PORT:-8787}
 pid_file="${XDG_RUNTIME_DIR:-/tmp}/quillmere-demo-agent-$(id -u)-$port.pid"
 log_dir="${XDG_DATA_HOME:-$HOME/.local/share}/TallyholdAgent/runtime/logs"
 log_file="$log_dir/agent.log"
-# Seconds to wait for the agent to answer, and to go away.
+# Seconds a start waits in all, and a stop waits for the agent to go away.
 start_wait=10
 stop_wait=10
 
@@ -53,8 +56,17 @@ healthy() {
     "$agent" --probe >/dev/null 2>&1
 }
 
+# The agent's log after its first $1 lines.
+agent_says() {
+    tail -n "+$(($1 + 1))" "$log_file" 2>/dev/null
+}
+
 start() {
     [ -x "$agent" ] || fail "agent binary missing or not executable: $agent"
+    # A probe may take a second, so none starts in the last second of the wait.
+    deadline=$(($(date +%s) + start_wait - 1))
+    seen=0
+    [ -f "$log_file" ] && seen=$(wc -l <"$log_file")
     pid=$(running_pid)
     action="already running"
     if [ -z "$pid" ]; then
@@ -80,12 +92,11 @@ start() {
         fi
     fi
 
-    deadline=$(($(date +%s) + start_wait))
     while [ "$(date +%s)" -lt "$deadline" ]; do
         if ! alive "$pid"; then
             rm -f "$pid_file"
-            fail "agent exited during start; last log lines:
-$(tail -n 5 "$log_file" 2>/dev/null)"
+            agent_says "$seen"
+            fail "agent exited during start"
         fi
         if healthy; then
             echo "Agent $action (pid $pid) on 127.0.0.1:$port."
@@ -93,6 +104,7 @@ $(tail -n 5 "$log_file" 2>/dev/null)"
         fi
         pause
     done
+    agent_says "$seen"
     fail "agent (pid $pid) did not answer on 127.0.0.1:$port within $start_wait s"
 }
 

@@ -3,6 +3,7 @@
 #include "DemoAgent.h"
 
 #include <QCoreApplication>
+#include <QDeadlineTimer>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSocketNotifier>
@@ -16,6 +17,7 @@
 namespace {
 
 constexpr quint16 defaultPort = 8787;
+// For the whole probe, not each read: a peer that trickles bytes must not hold it up.
 constexpr int probeTimeoutMs = 1000;
 
 quint16 agentPort()
@@ -28,13 +30,14 @@ quint16 agentPort()
 // Exit code 0 exactly when /healthz answers 200 with status "ok" within the timeout.
 int probe(quint16 port)
 {
+    const QDeadlineTimer deadline(probeTimeoutMs);
     QTcpSocket socket;
     socket.connectToHost(QStringLiteral("127.0.0.1"), port);
-    if (!socket.waitForConnected(probeTimeoutMs))
+    if (!socket.waitForConnected(int(deadline.remainingTime())))
         return 1;
     socket.write("GET /healthz HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n");
     QByteArray answer;
-    while (socket.waitForReadyRead(probeTimeoutMs))
+    while (!deadline.hasExpired() && socket.waitForReadyRead(int(deadline.remainingTime())))
         answer += socket.readAll();
     answer += socket.readAll();
     const qsizetype headerEnd = answer.indexOf("\r\n\r\n");

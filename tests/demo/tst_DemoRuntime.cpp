@@ -1,5 +1,5 @@
 // The bundled demo runtime: agentctl.sh starts the demo agent on a loopback port, the agent answers
-// the endpoints the controller uses, and stop ends it.
+// the endpoints the controller uses, and stop ends it; a start that cannot succeed soon says why.
 #include "support/TestEnvironment.h"
 
 #include <QNetworkAccessManager>
@@ -9,6 +9,7 @@
 #include <QRegularExpression>
 #include <QTcpServer>
 #include <QTest>
+#include <QTimer>
 
 class DemoRuntimeTest : public QObject {
     Q_OBJECT
@@ -20,15 +21,17 @@ class DemoRuntimeTest : public QObject {
         return server.listen(QHostAddress::LocalHost) ? server.serverPort() : quint16(0);
     }();
 
-    // With its standard streams on pipes, as the controller's runner starts it.
-    int runScript(const QString &argument)
+    // With its standard streams on pipes, as the controller's runner starts it; exit code (-1: not
+    // ended within the 10 s a start may take) and standard output. Events run meanwhile.
+    QPair<int, QByteArray> runScript(const QString &argument)
     {
         QProcess process;
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert(QStringLiteral("QUILLMERE_AGENT_PORT"), QString::number(port));
         process.setProcessEnvironment(environment);
         process.start(runtime + QStringLiteral("agentctl.sh"), {argument});
-        return process.waitForFinished(5000) ? process.exitCode() : -1;
+        const bool ended = QTest::qWaitFor([&] { return process.state() == QProcess::NotRunning; }, 10000);
+        return {ended ? process.exitCode() : -1, process.readAllStandardOutput()};
     }
     QPair<int, QByteArray> request(const QByteArray &method, const QString &path, const QByteArray &body = {})
     {
@@ -44,7 +47,21 @@ private slots:
     void startServesAndStopEnds()
     {
         network.setProxy(QNetworkProxy::NoProxy);
-        QCOMPARE(runScript(QStringLiteral("start")), 0); // ends once the agent answers, though on pipes
+        { // The port taken by a peer that answers a byte at a time: the start gives up and says why.
+            QTcpServer taken;
+            QTimer trickle;
+            connect(&trickle, &QTimer::timeout, [&] {
+                for (QTcpSocket *peer : taken.findChildren<QTcpSocket *>())
+                    peer->write("H");
+            });
+            trickle.start(200);
+            QVERIFY(taken.listen(QHostAddress::LocalHost, port));
+            const auto refused = runScript(QStringLiteral("start"));
+            QCOMPARE(refused.first, 1);
+            QVERIFY2(refused.second.contains(": cannot listen on 127.0.0.1:" + QByteArray::number(port)),
+                     refused.second.constData());
+        }
+        QCOMPARE(runScript(QStringLiteral("start")).first, 0); // ends once the agent answers, though on pipes
         const auto health = request("GET", QStringLiteral("/healthz"));
         QCOMPARE(health.first, 200);
         const QRegularExpression healthy(QStringLiteral("^\\{\"status\":\"ok\",\"version\":\"[^\"]+\"\\}$"));
@@ -57,7 +74,7 @@ private slots:
         QCOMPARE(page.first, 200);
         QVERIFY(page.second.contains("Photos &lt;2024&gt;")); // the last snapshot, escaped
 
-        QCOMPARE(runScript(QStringLiteral("stop")), 0);
+        QCOMPARE(runScript(QStringLiteral("stop")).first, 0);
         QCOMPARE(request("GET", QStringLiteral("/healthz")).first, 0); // nobody answers any more
     }
 };
