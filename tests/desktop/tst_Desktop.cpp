@@ -8,6 +8,7 @@
 #include "support/InstalledProgram.h"
 
 #include <QDeadlineTimer>
+#include <QElapsedTimer>
 #include <QGuiApplication>
 #include <QRegularExpression>
 #include <QScreen>
@@ -337,11 +338,27 @@ private slots:
         auto program = makeProgram();
         program->start(agent_.port());
         QTRY_COMPARE_WITH_TIMEOUT(notifications.shown.size(), 1, timeoutMs);
+        QElapsedTimer sinceNotice;
+        sinceNotice.start();
         for (const char *part : {"supervised", "SIGTERM", "log out", "GNOME", "AppIndicator/KStatusNotifierItem"})
             QVERIFY2(notifications.shown[0].contains(QLatin1String(part)), qPrintable(notifications.shown[0]));
-        // Once per run: no repeat, not even once the program's 10 s wait for a panel has passed again.
-        QTest::qWait(11500);
-        QCOMPARE(notifications.shown.size(), 1);
+        // The agent stops on its own, comes back and stops again: told once. A second launch is told.
+        const auto stateLines = [&program] { return program->logMessages().filter(u"State updated: Status: "_s); };
+        for (bool healthy : {false, true, false}) {
+            healthy ? agent_.setHealthy(u"1.4.2"_s) : agent_.setHealthDown();
+            const qsizetype before = stateLines().size();
+            QTRY_VERIFY_WITH_TIMEOUT(stateLines().size() > before, timeoutMs);
+        }
+        QCOMPARE(program->run(agent_.port(), {}).exitCode, 0);
+        QTRY_COMPARE_WITH_TIMEOUT(notifications.shown.size(), 3, timeoutMs);
+        QCOMPARE(notifications.shown.mid(1),
+                 QStringList({u"Quillmere Agent stopped unexpectedly\nThe agent stopped without being asked to. Choose "
+                              "Start Agent in the menu, or run quillmere-menu --start-agent."_s,
+                              u"Quillmere Agent is already running\nStatus: Stopped, version 1.4.2. Its menu is in the "
+                              "system tray."_s}));
+        // The no-tray notice comes once per run, not even again once the 10 s wait for a panel has passed again.
+        QTest::qWait(std::max<qint64>(0, 11500 - sinceNotice.elapsed()));
+        QCOMPARE(notifications.shown.size(), 3);
         QCOMPARE(program->logMessages().filter(u"No system tray"_s).size(), 1);
     }
 
