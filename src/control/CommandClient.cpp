@@ -114,28 +114,26 @@ void print(const CommandOutcome &outcome)
 
 int runControlCommand(int argc, char *argv[], const CommandLine &command)
 {
-    // Offscreen: a command never shows anything, and needs no display to run. Given as an argument,
-    // not through the environment, so that what it starts (a browser, the agent) is not headless.
-    Q_UNUSED(argc);
-    char platformOption[] = "-platform", offscreen[] = "offscreen";
-    int applicationArgc = 3;
-    char *applicationArgv[] = {argv[0], platformOption, offscreen, nullptr};
-    QApplication application(applicationArgc, applicationArgv);
-
-    const Configuration configuration = Configuration::fromEnvironment();
-    const QString socketPath =
-        controlSocketPath(configuration.runtimeStateDirectory, QDir::tempPath(), configuration.bundleIdentifier);
-    const QString logFile =
-        AppLogger::logsDirectoryUnder(configuration.applicationSupportDirectory) + QStringLiteral("/menu-app.log");
     const ControlRequest request = requestFor(command);
-
-    if (const auto owner = fileOwnerId(socketPath); owner && *owner != ::getuid()) {
-        std::fprintf(stderr, "quillmere-menu: %s belongs to another user and is not trusted.\n",
-                     qPrintable(socketPath));
-        return ExitCode::noAnswer;
-    }
+    QString socketPath, logFile;
     QJsonObject last;
-    switch (askRunningProgram(socketPath, request, last)) {
+    Exchange exchange = Exchange::noProgram;
+    {
+        // Reaching the running program takes no more than Qt's core: a command answers at once.
+        QCoreApplication application(argc, argv);
+        const Configuration configuration = Configuration::fromEnvironment();
+        socketPath =
+            controlSocketPath(configuration.runtimeStateDirectory, QDir::tempPath(), configuration.bundleIdentifier);
+        logFile =
+            AppLogger::logsDirectoryUnder(configuration.applicationSupportDirectory) + QStringLiteral("/menu-app.log");
+        if (const auto owner = fileOwnerId(socketPath); owner && *owner != ::getuid()) {
+            std::fprintf(stderr, "quillmere-menu: %s belongs to another user and is not trusted.\n",
+                         qPrintable(socketPath));
+            return ExitCode::noAnswer;
+        }
+        exchange = askRunningProgram(socketPath, request, last);
+    }
+    switch (exchange) {
     case Exchange::noAnswer:
         std::fprintf(stderr, "quillmere-menu: the running program did not answer within %d s.\n",
                      answerTimeoutMs / 1000);
@@ -150,13 +148,21 @@ int runControlCommand(int argc, char *argv[], const CommandLine &command)
             return ExitCode::noAnswer;
         }
         break;
-    case Exchange::noProgram:
+    case Exchange::noProgram: {
         if (request.command == ControlCommand::quit) {
             std::fputs("quillmere-menu is not running; there is nothing to quit.\n", stderr);
             return ExitCode::notRunning;
         }
+        // The controller's menu needs the widgets; offscreen, as a command never shows anything.
+        // Given as an argument, not through the environment, so that what the command starts (a
+        // browser, the agent) is not headless too.
+        char platformOption[] = "-platform", offscreen[] = "offscreen";
+        int applicationArgc = 3;
+        char *applicationArgv[] = {argv[0], platformOption, offscreen, nullptr};
+        QApplication application(applicationArgc, applicationArgv);
         last = performWithoutProgram(request);
         break;
+    }
     }
     const CommandOutcome outcome = describeReply(command, last, logFile);
     print(outcome);
