@@ -1,13 +1,18 @@
 // Commands from outside the menu, as a user or a script gives them: read as meant, carried out by
 // the running program under its menu's own rules, done by the command itself when none runs, over
 // a channel that only this user reaches and that a flood of bad requests does not hurt.
+#include "app/AppDelegate.h"
 #include "app/CommandLine.h"
+#include "control/AgentNotifications.h"
 #include "support/FakeAgent.h"
 #include "support/FakeControlScript.h"
+#include "support/FakePlatform.h"
 #include "support/InstalledProgram.h"
 
+#include <QAction>
 #include <QLocalSocket>
 #include <QRegularExpression>
+#include <QSignalSpy>
 #include <QTest>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -52,9 +57,32 @@ void leaveStaleSocket(const QString &path)
 
 class ControlTest : public QObject {
     Q_OBJECT
+    TestEnvironment env;
     FakeAgent agent;
 
 private slots:
+    // A failing start the user asked for is shown where they asked; the one at launch is told.
+    void failedStartIsToldOnlyWhenNobodyAskedForIt()
+    {
+        FakePlatform fakes;
+        FakeControlScript script(env.runtimeDir() + u"/agentctl.sh"_s);
+        script.write({3, false, {}}, {});
+        agent.setHealthDown();
+        AppDelegate delegate(env.configuration(agent.baseURL()), fakes.services(), nullptr);
+        AgentNotifications notifications(delegate);
+        delegate.assembleStatusMenu();
+        QSignalSpy finished(&delegate, &AppDelegate::agentCommandFinished);
+        delegate.startMenuItem()->trigger();
+        QVERIFY(finished.wait(10000));
+        script.write({4, false, {}}, {});
+        delegate.startAgent(false); // as the launch does
+        QVERIFY(finished.wait(10000));
+        QCOMPARE(
+            fakes.statusItem->notifications,
+            QStringList{"Quillmere Agent could not start\nagentctl.sh start ended with exit code 4. The log is "_L1 +
+                        env.logsDir() + "/menu-app.log."_L1});
+    }
+
     void commandLineIsReadAsMeant_data()
     {
         QTest::addColumn<QString>("arguments");
