@@ -7,7 +7,12 @@
 # Builds nothing: it runs the product and the demo agent from an existing build tree, on the
 # offscreen platform, with a throw-away HOME and XDG folders and the agent on a free port (never
 # 8787). WARMUP_SECONDS (default 10) passes before measuring, so launch work is not counted in
-# the CPU figure; the peak RSS (VmHWM) covers the whole run.
+# the CPU figure; the peak RSS (VmHWM) covers the whole run. Wake-ups are the context switches of
+# all the product's threads while measuring.
+#
+# DESKTOP=1 runs it on the X server and session bus it is given instead, as on a desktop whose
+# tray is missing or late (keep WARMUP_SECONDS past the 10 s no-tray notice), for example:
+#   DESKTOP=1 WARMUP_SECONDS=15 xvfb-run -a dbus-run-session -- bench/cpu/idle-cpu.sh build 60
 set -euo pipefail
 
 build=$(cd "${1:-build}" && pwd)
@@ -26,8 +31,15 @@ export HOME="$scratch/home"
 export XDG_DATA_HOME="$HOME/.local/share" XDG_CONFIG_HOME="$HOME/.config" XDG_CACHE_HOME="$HOME/.cache"
 export XDG_RUNTIME_DIR="$scratch/run"
 export QUILLMERE_VOLUMES_DIR="$scratch/volumes"
-export QT_QPA_PLATFORM=offscreen
-unset DISPLAY WAYLAND_DISPLAY DBUS_SESSION_BUS_ADDRESS
+if [ "${DESKTOP:-0}" = 1 ]; then
+    [ -n "${DISPLAY:-}" ] && [ -n "${DBUS_SESSION_BUS_ADDRESS:-}" ] ||
+        { echo "idle-cpu.sh: DESKTOP=1 needs DISPLAY and a session bus" >&2; exit 1; }
+    export QT_QPA_PLATFORM=xcb
+    unset WAYLAND_DISPLAY
+else
+    export QT_QPA_PLATFORM=offscreen
+    unset DISPLAY WAYLAND_DISPLAY DBUS_SESSION_BUS_ADDRESS
+fi
 mkdir -p "$HOME" "$XDG_RUNTIME_DIR" "$QUILLMERE_VOLUMES_DIR"
 chmod 700 "$XDG_RUNTIME_DIR"
 
@@ -64,6 +76,8 @@ product_pid=$!
 # CPU ticks (user + system, all threads) and a line from /proc/<pid>/status.
 ticks() { sed 's/^.*) //' "/proc/$1/stat" | awk '{ print $12 + $13 }'; }
 status_kb() { awk -v key="$2:" '$1 == key { print $2 }' "/proc/$1/status"; }
+# Context switches of every thread; a thread that ends while measuring takes its count with it.
+switches() { cat "/proc/$1"/task/*/status 2>/dev/null | awk '/ctxt_switches:/ { n += $2 } END { print n + 0 }'; }
 alive() { [ -r "/proc/$1/stat" ] && [ "$(sed 's/^.*) //' "/proc/$1/stat" | cut -d' ' -f1)" != Z ]; }
 
 menu_log="$XDG_DATA_HOME/TallyholdAgent/runtime/logs/menu-app.log"
@@ -74,6 +88,7 @@ grep -q 'Status: Running' "$menu_log" 2>/dev/null ||
 
 hz=$(getconf CLK_TCK)
 product_start=$(ticks "$product_pid")
+switches_start=$(switches "$product_pid")
 agent_start=$(ticks "$agent_pid")
 log_start=$(grep -c . "$menu_log" 2>/dev/null || echo 0)
 rss_max=0
@@ -88,6 +103,7 @@ for _ in $(seq "$seconds"); do
     [ "$rss" -gt "$rss_max" ] && rss_max=$rss
 done
 product_end=$(ticks "$product_pid")
+switches_end=$(switches "$product_pid")
 agent_end=$(ticks "$agent_pid")
 hwm=$(status_kb "$product_pid" VmHWM)
 threads=$(status_kb "$product_pid" Threads)
@@ -95,9 +111,11 @@ log_lines=$(($(grep -c . "$menu_log" 2>/dev/null || echo 0) - log_start))
 
 awk -v pt=$((product_end - product_start)) -v at=$((agent_end - agent_start)) -v hz="$hz" -v s="$seconds" \
     -v hwm="$hwm" -v rmax="$rss_max" -v ravg=$((rss_sum / samples)) -v port="$port" -v threads="$threads" \
-    -v warm="$warmup" -v lines="$log_lines" 'BEGIN {
-    printf "quillmere-menu idle for %d s after %d s warm-up (offscreen, agent on 127.0.0.1:%d)\n", s, warm, port
+    -v warm="$warmup" -v lines="$log_lines" -v platform="$QT_QPA_PLATFORM" \
+    -v wakes=$((switches_end - switches_start)) 'BEGIN {
+    printf "quillmere-menu idle for %d s after %d s warm-up (%s, agent on 127.0.0.1:%d)\n", s, warm, platform, port
     printf "  CPU:  %.3f %% of one core (%d ticks at %d Hz)\n", 100 * pt / (hz * s), pt, hz
+    printf "  wake-ups: %.2f a second (%d context switches)\n", wakes / s, wakes
     printf "  RSS:  peak (VmHWM) %.1f MB; while idle max %.1f MB, mean %.1f MB\n", hwm / 1024, rmax / 1024, ravg / 1024
     printf "  threads: %d; log lines written while idle: %d\n", threads, lines
     printf "  demo agent CPU: %.3f %% of one core\n", 100 * at / (hz * s)
