@@ -11,9 +11,9 @@ namespace {
 
 const QString statusNotifierWatcherService = QStringLiteral("org.kde.StatusNotifierWatcher");
 const QString statusNotifierWatcherPath = QStringLiteral("/StatusNotifierWatcher");
-// An XEmbed tray that starts announces itself to the root window; one that does not is still
-// found by this slow check, the only wake-up while nothing is there.
-constexpr int xembedCheckIntervalMs = 2000;
+// Only for a desktop whose announcements cannot be heard: otherwise nothing wakes the watcher
+// while no tray is there, however long that lasts.
+constexpr int fallbackCheckIntervalMs = 30000;
 
 xcb_connection_t *x11Connection()
 {
@@ -43,8 +43,8 @@ xcb_window_t rootWindow(xcb_connection_t *connection, int screenNumber)
 TrayHostWatcher::TrayHostWatcher(QObject *parent) : QObject(parent)
 {
     connect(&busWatcher_, &QDBusServiceWatcher::serviceRegistered, this, &TrayHostWatcher::check);
-    xembedPoll_.setInterval(xembedCheckIntervalMs);
-    connect(&xembedPoll_, &QTimer::timeout, this, &TrayHostWatcher::check);
+    fallbackCheck_.setInterval(fallbackCheckIntervalMs);
+    connect(&fallbackCheck_, &QTimer::timeout, this, &TrayHostWatcher::check);
 }
 
 TrayHostWatcher::~TrayHostWatcher()
@@ -79,6 +79,7 @@ void TrayHostWatcher::watch()
     if (watching_)
         return;
     watching_ = true;
+    bool deaf = false; // to an announcement some tray would make
     if (xcb_connection_t *connection = x11Connection()) {
         // The screen Qt connected to: the one DISPLAY names.
         int screenNumber = 0;
@@ -91,16 +92,19 @@ void TrayHostWatcher::watch()
         managerAtom_ = internAtom(connection, "MANAGER");
         // A new tray's MANAGER message goes to the root window's structure listeners. The event
         // mask is per client, so Qt's own choice for the root window is kept and widened.
-        if (const xcb_window_t root = rootWindow(connection, screenNumber)) {
-            xcb_get_window_attributes_reply_t *attributes =
-                xcb_get_window_attributes_reply(connection, xcb_get_window_attributes(connection, root), nullptr);
-            if (attributes && !(attributes->your_event_mask & XCB_EVENT_MASK_STRUCTURE_NOTIFY)) {
-                const quint32 mask = attributes->your_event_mask | XCB_EVENT_MASK_STRUCTURE_NOTIFY;
-                xcb_change_window_attributes(connection, root, XCB_CW_EVENT_MASK, &mask);
-                xcb_flush(connection);
-            }
-            free(attributes);
+        const xcb_window_t root = rootWindow(connection, screenNumber);
+        xcb_get_window_attributes_reply_t *attributes =
+            root ? xcb_get_window_attributes_reply(connection, xcb_get_window_attributes(connection, root), nullptr)
+                 : nullptr;
+        deaf = !attributes;
+        if (attributes && !(attributes->your_event_mask & XCB_EVENT_MASK_STRUCTURE_NOTIFY)) {
+            const quint32 mask = attributes->your_event_mask | XCB_EVENT_MASK_STRUCTURE_NOTIFY;
+            xcb_generic_error_t *error = xcb_request_check(
+                connection, xcb_change_window_attributes_checked(connection, root, XCB_CW_EVENT_MASK, &mask));
+            deaf = error != nullptr;
+            free(error);
         }
+        free(attributes);
     }
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (bus.isConnected()) {
@@ -109,13 +113,13 @@ void TrayHostWatcher::watch()
         // Listening starts before the first question, so a host that appears in between is not missed.
         busWatcher_.addWatchedService(statusNotifierWatcherService);
         // A panel registers its watcher first and its host a moment later.
-        bus.connect(statusNotifierWatcherService, statusNotifierWatcherPath, statusNotifierWatcherService,
-                    QStringLiteral("StatusNotifierHostRegistered"), this, SLOT(check()));
+        deaf |= !bus.connect(statusNotifierWatcherService, statusNotifierWatcherPath, statusNotifierWatcherService,
+                             QStringLiteral("StatusNotifierHostRegistered"), this, SLOT(check()));
     }
-    if (traySelection_) {
+    if (traySelection_)
         qGuiApp->installNativeEventFilter(this);
-        xembedPoll_.start();
-    }
+    if (deaf)
+        fallbackCheck_.start();
     check();
 }
 
@@ -138,7 +142,7 @@ void TrayHostWatcher::check()
     if (!hostPresent())
         return;
     watching_ = false;
-    xembedPoll_.stop();
+    fallbackCheck_.stop();
     busWatcher_.setWatchedServices({});
     QDBusConnection::sessionBus().disconnect(statusNotifierWatcherService, statusNotifierWatcherPath,
                                              statusNotifierWatcherService,

@@ -1,6 +1,7 @@
 // Finds the tray a desktop offers: a StatusNotifierItem host on the session bus, or on X11 an
-// XEmbed system tray. Without either it waits for the first to appear, told by the bus and by the
-// X server, and otherwise wakes only for a check every two seconds.
+// XEmbed system tray. Without either it waits for the first to appear, as the bus and the X server
+// announce it, with no timer of its own; a slow check runs only where an announcement cannot be
+// listened for.
 #pragma once
 
 #include <QAbstractNativeEventFilter>
@@ -32,7 +33,7 @@ private slots:
 
 private:
     QDBusServiceWatcher busWatcher_;
-    QTimer xembedPoll_;
+    QTimer fallbackCheck_;
     quint32 traySelection_ = 0; // the _NET_SYSTEM_TRAY_S<screen> atom, 0 without X11
     quint32 managerAtom_ = 0;
     bool watching_ = false;
