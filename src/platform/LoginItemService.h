@@ -17,9 +17,7 @@ public:
     static constexpr int statusEnabled = 1;
     static constexpr int statusRequiresApproval = 2;
     static constexpr int statusNotFound = 3;
-    // Error codes the run-at-startup logic tells apart. They mean this only in the service's own
-    // domain (errorDomain()): the service also passes on errors of other domains, whose numbers
-    // say something else.
+    // Error codes the run-at-startup logic tells apart.
     static constexpr int errorJobNotFound = 6;
     static constexpr int errorLaunchDeniedByUser = 11;
     static constexpr int errorAlreadyRegistered = 12;
@@ -28,8 +26,6 @@ public:
     // False where the service does not exist (before macOS 13); the legacy launch agent is used then.
     virtual bool isAvailable() const = 0;
     virtual int status() const = 0;
-    // The domain of the service's own error codes.
-    virtual QString errorDomain() const = 0;
     // No value on success.
     virtual std::optional<LoginItemError> registerApp() = 0;
     virtual std::optional<LoginItemError> unregisterApp() = 0;

@@ -26,12 +26,6 @@ int checkStateFor(RunAtStartupState state)
     return menuItemStateOff;
 }
 
-// A code means what the service documents only in the service's own domain.
-bool isServiceError(const LoginItemService &service, const LoginItemError &error, int code)
-{
-    return error.code == code && error.domain == service.errorDomain();
-}
-
 QString serviceErrorLine(const QString &prefix, const LoginItemError &error)
 {
     return prefix + error.domain + QStringLiteral(" code=") + QString::number(error.code) +
@@ -101,15 +95,18 @@ void AppDelegate::enableRunAtStartup()
     }
 
     logger.log(serviceErrorLine(QStringLiteral("SMAppService registration failed: domain="), *error));
-    if (isServiceError(*service, *error, LoginItemService::errorAlreadyRegistered)) {
+    switch (error->code) {
+    case LoginItemService::errorAlreadyRegistered:
         // The login item already does the job; a legacy agent would start a second copy.
         removeLegacyRunAtStartup();
         return;
-    }
-    if (!isServiceError(*service, *error, LoginItemService::errorLaunchDeniedByUser) &&
-        service->status() != LoginItemService::statusRequiresApproval) {
-        installLegacyRunAtStartup();
-        return;
+    case LoginItemService::errorLaunchDeniedByUser:
+        break;
+    default:
+        if (service->status() != LoginItemService::statusRequiresApproval) {
+            installLegacyRunAtStartup();
+            return;
+        }
     }
     logger.log(approvalRequiredMessage);
     service->openSystemSettingsLoginItems();
@@ -122,7 +119,7 @@ void AppDelegate::disableRunAtStartup()
         const std::optional<LoginItemError> error = service->unregisterApp();
         if (!error)
             AppLogger::shared().log(QStringLiteral("Disabled run-at-startup with SMAppService."));
-        else if (!isServiceError(*service, *error, LoginItemService::errorJobNotFound))
+        else if (error->code != LoginItemService::errorJobNotFound)
             AppLogger::shared().log(
                 serviceErrorLine(QStringLiteral("SMAppService unregister failed: domain="), *error));
     }

@@ -32,7 +32,6 @@ class FakeLoginItemService : public LoginItemService {
 public:
     bool isAvailable() const override { return available; }
     int status() const override { return currentStatus; }
-    QString errorDomain() const override { return QStringLiteral("SMAppServiceErrorDomain"); }
     std::optional<LoginItemError> registerApp() override
     {
         calls.append(QStringLiteral("register"));

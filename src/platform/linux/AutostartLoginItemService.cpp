@@ -16,8 +16,7 @@ const QString desktopEntryGroup = QStringLiteral("[Desktop Entry]");
 
 LoginItemError writeError(const QString &message)
 {
-    return LoginItemError{AutostartLoginItemService::autostartErrorDomain, AutostartLoginItemService::errorWriteFailed,
-                          message};
+    return LoginItemError{AutostartLoginItemService::errorDomain, AutostartLoginItemService::errorWriteFailed, message};
 }
 
 // True when the entry's own group says it is switched off, as desktop session managers do.
@@ -72,7 +71,7 @@ int AutostartLoginItemService::status() const
 std::optional<LoginItemError> AutostartLoginItemService::registerApp()
 {
     if (status() == statusEnabled)
-        return LoginItemError{autostartErrorDomain, errorAlreadyRegistered,
+        return LoginItemError{errorDomain, errorAlreadyRegistered,
                               QStringLiteral("The autostart entry already exists.")};
     if (executablePath_.isEmpty())
         return writeError(QStringLiteral("The program's location is unknown."));
@@ -95,7 +94,7 @@ std::optional<LoginItemError> AutostartLoginItemService::unregisterApp()
 {
     QFile file(entryPath());
     if (!QFileInfo(file).isFile())
-        return LoginItemError{autostartErrorDomain, errorJobNotFound, QStringLiteral("There is no autostart entry.")};
+        return LoginItemError{errorDomain, errorJobNotFound, QStringLiteral("There is no autostart entry.")};
     if (!file.remove())
         return writeError(file.errorString());
     return std::nullopt;

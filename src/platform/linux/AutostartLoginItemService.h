@@ -10,7 +10,7 @@ class LocationOpener;
 
 class AutostartLoginItemService : public LoginItemService {
 public:
-    static inline const QString autostartErrorDomain = QStringLiteral("QuillmereAutostartErrorDomain");
+    static inline const QString errorDomain = QStringLiteral("QuillmereAutostartErrorDomain");
     // A file operation on the entry failed; the message is the system's.
     static constexpr int errorWriteFailed = 1;
 
@@ -20,7 +20,6 @@ public:
     bool isAvailable() const override;
     // statusEnabled while the entry exists and is not hidden, statusNotRegistered otherwise.
     int status() const override;
-    QString errorDomain() const override { return autostartErrorDomain; }
     // errorAlreadyRegistered while enabled; a hidden entry is replaced.
     std::optional<LoginItemError> registerApp() override;
     // errorJobNotFound when there is no entry.

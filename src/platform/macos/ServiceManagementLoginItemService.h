@@ -9,7 +9,6 @@ class ServiceManagementLoginItemService : public LoginItemService {
 public:
     bool isAvailable() const override;
     int status() const override;
-    QString errorDomain() const override;
     std::optional<LoginItemError> registerApp() override;
     std::optional<LoginItemError> unregisterApp() override;
     void openSystemSettingsLoginItems() override;

@@ -7,15 +7,11 @@
 
 namespace {
 
-// The domain of SMAppService's errors with the kSMError codes. The SDK declares it as
-// SMAppServiceErrorDomain only from macOS 15 on; earlier systems report the same text.
-const QString serviceErrorDomain = QStringLiteral("SMAppServiceErrorDomain");
-
 // The error as the run-at-startup logic logs and judges it: domain, code, localized description.
 LoginItemError loginItemError(NSError *error)
 {
     if (!error)
-        return LoginItemError{serviceErrorDomain, -1, QStringLiteral("Unknown error")};
+        return LoginItemError{QStringLiteral("SMAppServiceErrorDomain"), -1, QStringLiteral("Unknown error")};
     return LoginItemError{QString::fromNSString(error.domain), int(error.code),
                           QString::fromNSString(error.localizedDescription)};
 }
@@ -34,11 +30,6 @@ int ServiceManagementLoginItemService::status() const
     if (@available(macOS 13.0, *))
         return int(SMAppService.mainAppService.status);
     return statusNotFound;
-}
-
-QString ServiceManagementLoginItemService::errorDomain() const
-{
-    return serviceErrorDomain;
 }
 
 std::optional<LoginItemError> ServiceManagementLoginItemService::registerApp()
