@@ -14,6 +14,7 @@
 #include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTest>
+#include <csignal>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -191,6 +192,11 @@ private slots:
         QCOMPARE(program.run(port, {u"--status"_s}).exitCode, 3);                 // still answering
         QTRY_VERIFY_WITH_TIMEOUT(openDescriptors(pid) <= descriptors + 2, 10000); // unfinished ones dropped
         QVERIFY2(residentKb(pid) < memory + 4096, qPrintable(u"%1 kB, was %2 kB"_s.arg(residentKb(pid)).arg(memory)));
+
+        ::kill(pid_t(pid), SIGSTOP); // a program that hangs
+        QCOMPARE(program.run(port, {u"--status"_s}),
+                 (Result{4, u"quillmere-menu: the running program did not answer within 2 s.\n"_s}));
+        ::kill(pid_t(pid), SIGCONT);
 
         // Quit: the command returns once the program, having stopped the agent, has exited.
         QCOMPARE(program.run(port, {u"--quit"_s}), Result{});
