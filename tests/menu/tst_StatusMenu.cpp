@@ -2,10 +2,12 @@
 // the status button, and the badge's colours at known pixels (also written out as pictures).
 #include "app/AppDelegate.h"
 #include "menu/BrandImage.h"
+#include "menu/MenuItemCheckState.h"
 #include "support/FakePlatform.h"
 #include "support/TestEnvironment.h"
 
 #include <QAction>
+#include <QMenu>
 #include <QRegularExpression>
 #include <QTest>
 
@@ -27,11 +29,33 @@ QString shownText(const QAction *action)
     return QString(action->text()).replace(QRegularExpression(QStringLiteral("&(.)")), QStringLiteral("\\1"));
 }
 
+// The whole menu in order, one entry per item: "-" a separator, "(...)" a disabled item, "[x] " and
+// "[-] " a checked and a mixed item, " <...>" a keyboard shortcut.
+QString wholeMenu(const QMenu &menu)
+{
+    QStringList entries;
+    for (const QAction *item : menu.actions()) {
+        if (item->isSeparator()) {
+            entries.append(QStringLiteral("-"));
+            continue;
+        }
+        const int check = menuItemCheckState(item);
+        QString entry = (check > 0   ? QStringLiteral("[x] ")
+                         : check < 0 ? QStringLiteral("[-] ")
+                                     : QString()) +
+                        shownText(item);
+        if (!item->shortcut().isEmpty())
+            entry += " <" + item->shortcut().toString() + '>';
+        entries.append(item->isEnabled() ? entry : '(' + entry + ')');
+    }
+    return entries.join(u'|');
+}
+
 struct UpdateRow {
-    const char *title, *version;
-    bool running, stopInFlight, runtimeFolder;
-    const char *shownVersion, *logged; // no line logged if null
-    const char *enabled;               // start, stop, getting started, startup status as 0 or 1
+    const char *title, *version; // no update at all if title is null
+    bool running, startInFlight, stopInFlight, runtimeFolder;
+    const char *logged; // no line logged if null
+    const char *menu;   // the whole menu afterwards; "%P" stands for the two page items enabled
 };
 
 } // namespace
@@ -46,14 +70,24 @@ private slots:
     void updateShowsLogsAndEnables_data()
     {
         QTest::addColumn<UpdateRow>("row");
-        // Each follows an earlier "Status: Running" update with the agent's running flag flipped.
+        // Each follows an earlier "Status: Running" update with the agent's running flag flipped, and
+        // "Run at Startup" checked by the startup code.
         // clang-format off
-        QTest::newRow("empty version") << UpdateRow{"Status: Stopped", "", false, false, true, "--",
-            "State updated: Status: Stopped version=-- running=false", "1011"};
-        QTest::newRow("same title, stopping") << UpdateRow{"Status: Running", "1.1", true, true, true, "1.1", nullptr,
-            "0011"};
+        QTest::newRow("assembled, no update") << UpdateRow{nullptr, nullptr, false, false, false, true, nullptr,
+            "(Status: Launching...)|(Version: --)|-|Start Agent|(Stop Agent)|-|%P|-|Run at Startup|-|Quit"};
+        QTest::newRow("empty version") << UpdateRow{"Status: Stopped", "", false, false, false, true,
+            "State updated: Status: Stopped version=-- running=false",
+            "(Status: Stopped)|(Version: --)|-|Start Agent|(Stop Agent)|-|%P|-|[x] Run at Startup|-|Quit"};
+        QTest::newRow("same title, stopping") << UpdateRow{"Status: Running", "1.1", true, false, true, true, nullptr,
+            "(Status: Running)|(Version: 1.1)|-|(Start Agent)|(Stop Agent)|-|%P|-|[x] Run at Startup|-|Quit"};
+        QTest::newRow("starting, stop in flight too") << UpdateRow{"Status: Starting...", "1.1", false, true, true, true,
+            "State updated: Status: Starting... version=1.1 running=false",
+            "(Status: Starting...)|(Version: 1.1)|-|(Start Agent)|(Stop Agent)|-|%P|-|[x] Run at Startup|-|Quit"};
         QTest::newRow("ampersands as given, no runtime") << UpdateRow{"Status: R&D && more", " 2.0&beta ", true, false,
-            false, " 2.0&beta ", "State updated: Status: R&D && more version= 2.0&beta  running=true", "0100"};
+            false, false, "State updated: Status: R&D && more version= 2.0&beta  running=true",
+            "(Status: R&D && more)|(Version:  2.0&beta )|-|(Start Agent)|Stop Agent|-|Open Cloud Admin|"
+            "Check for Updates|Open Local Admin|(Open Getting Started)|(Open Startup Status)|Open Logs|-|"
+            "[x] Run at Startup|-|Quit"};
         // clang-format on
     }
 
@@ -66,28 +100,22 @@ private slots:
         Harness h(config);
         AppDelegate &d = h.delegate;
         StatusButton *button = h.fakes.statusItem->button();
-        d.updateStateMenu(QStringLiteral("Status: Running"), QStringLiteral("0.9"), !row.running);
-        // Whatever the button showed gives way to the plain image-only badge.
-        button->setTitle(QStringLiteral("stale"));
-        button->setAppearsDisabled(true);
-        d.stopInFlight = row.stopInFlight;
-        env.markLog();
-
-        d.updateStateMenu(QString::fromUtf8(row.title), QString::fromUtf8(row.version), row.running);
-
-        QCOMPARE(env.messagesSinceMark(), row.logged ? QStringList{QString::fromUtf8(row.logged)} : QStringList());
-        QCOMPARE(shownText(d.stateMenuItem), QString::fromUtf8(row.title));
-        QCOMPARE(shownText(d.versionMenuItem), "Version: " + QString::fromUtf8(row.shownVersion));
-        QString enabled;
-        for (QAction *item :
-             {d.startMenuItem(), d.stopMenuItem(), d.openGettingStartedMenuItem(), d.openStartupPageMenuItem()})
-            enabled += QString::number(item->isEnabled());
-        QCOMPARE(enabled, QString::fromLatin1(row.enabled));
-        QStringList entries; // below the state and version lines
-        for (const QAction *item : d.menu->actions().mid(2))
-            entries.append(item->isSeparator() ? QStringLiteral("-") : shownText(item));
-        QCOMPARE(entries.join(u'|'), "-|Start Agent|Stop Agent|-|Open Cloud Admin|Check for Updates|Open Local Admin|"
-                                     "Open Getting Started|Open Startup Status|Open Logs|-|Run at Startup|-|Quit");
+        if (row.title) {
+            d.updateStateMenu(QStringLiteral("Status: Running"), QStringLiteral("0.9"), !row.running);
+            setMenuItemCheckState(d.runAtStartupMenuItem(), 1);
+            // Whatever the button showed gives way to the plain image-only badge.
+            button->setTitle(QStringLiteral("stale"));
+            button->setAppearsDisabled(true);
+            d.startInFlight = row.startInFlight;
+            d.stopInFlight = row.stopInFlight;
+            env.markLog();
+            d.updateStateMenu(QString::fromUtf8(row.title), QString::fromUtf8(row.version), row.running);
+            QCOMPARE(env.messagesSinceMark(), row.logged ? QStringList{QString::fromUtf8(row.logged)} : QStringList());
+        }
+        QCOMPARE(wholeMenu(*d.menu),
+                 QString::fromUtf8(row.menu).replace(
+                     QStringLiteral("%P"), QStringLiteral("Open Cloud Admin|Check for Updates|Open Local Admin|"
+                                                          "Open Getting Started|Open Startup Status|Open Logs")));
         QCOMPARE(button->toolTip(), row.running ? QStringLiteral("Quillmere Agent is running")
                                                 : QStringLiteral("Quillmere Agent is offline"));
         QVERIFY(button->title().isEmpty() && !button->appearsDisabled() && !button->image().isMask());
