@@ -53,26 +53,36 @@ private slots:
     void menuItemsOpenAndLog_data()
     {
         QTest::addColumn<QString>("title");
+        QTest::addColumn<bool>("running");
         QTest::addColumn<QString>("opened"); // "$r" stands for the runtime folder, "$l" for the logs folder
         QTest::addColumn<QString>("logLine");
-        const auto row = [](const char *title, const QString &opened, const QString &logLine) {
-            QTest::newRow(title) << QString::fromUtf8(title) << opened << logLine;
+        const auto row = [](const char *title, bool running, const QString &opened, const QString &logLine) {
+            QTest::newRow(qPrintable(QString::fromUtf8(title) + (running ? ", running" : "")))
+                << QString::fromUtf8(title) << running << opened << logLine;
         };
         const QString page = QStringLiteral("Opening startup page: $r/"),
-                      failed = QStringLiteral("startup-status-failed.html");
-        row("Check for Updates", QStringLiteral("https://quillmere.example/downloads/"),
+                      failed = QStringLiteral("startup-status-failed.html"),
+                      status = QStringLiteral("startup-status.html");
+        row("Open Cloud Admin", false, QStringLiteral("https://quillmere.example/admin.html"),
+            QStringLiteral("Opening cloud admin."));
+        row("Check for Updates", false, QStringLiteral("https://quillmere.example/downloads/"),
             QStringLiteral("Opening update page."));
-        row("Open Startup Status", "$r/" + failed, page + failed); // the agent is down
-        row("Open Logs", QStringLiteral("$l"), QStringLiteral("Opening logs directory: $l"));
+        row("Open Local Admin", false, agent.baseURL().toString() + u'/', QStringLiteral("Opening local admin."));
+        row("Open Getting Started", false, QStringLiteral("$r/welcome.html"),
+            QStringLiteral("Opening getting started page: $r/welcome.html"));
+        row("Open Startup Status", false, "$r/" + failed, page + failed);
+        row("Open Startup Status", true, "$r/" + status, page + status);
+        row("Open Logs", false, QStringLiteral("$l"), QStringLiteral("Opening logs directory: $l"));
     }
     void menuItemsOpenAndLog()
     {
         QFETCH(QString, title);
+        QFETCH(bool, running);
         QFETCH(QString, opened);
         QFETCH(QString, logLine);
         makeController();
         delegate->assembleStatusMenu();
-        delegate->updateStateMenu(QStringLiteral("Status: Stopped"), QStringLiteral("1.4.2"), false);
+        delegate->updateStateMenu(QStringLiteral("Status: Stopped"), QStringLiteral("1.4.2"), running);
         env.markLog();
         const QList<QAction *> actions = delegate->menu->actions();
         const auto item = std::find_if(actions.begin(), actions.end(), [&](QAction *a) { return a->text() == title; });
@@ -84,6 +94,9 @@ private slots:
                  QList<QUrl>{opened.startsWith(u'/') ? QUrl::fromLocalFile(opened) : QUrl(opened)});
         QCOMPARE(env.messagesSinceMark(), QStringList{logLine});
         QCOMPARE(QFileInfo(logsFolder()).isDir(), title == QStringLiteral("Open Logs")); // the chain is created
+        // Opened by hand, the getting-started page is not shown again at the next launch.
+        QCOMPARE(QSettings(defaults(), QSettings::IniFormat).value(welcomeKey).toString(),
+                 title == QStringLiteral("Open Getting Started") ? QStringLiteral("1.0.0") : QString());
     }
 
     void gettingStartedOnLaunch_data()
