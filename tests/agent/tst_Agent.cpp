@@ -1,8 +1,7 @@
-// The agent as the controller sees it: what a /healthz exchange means, the probe over loopback,
+// The agent as the controller sees it: every kind of /healthz answer over loopback,
 // the state line following the answers, and starting and stopping through a recording control
 // script (titles, in-flight flags, exact log lines). The start at launch is checked with the
 // getting-started page, in the pages test.
-#include "agent/HealthJudgement.h"
 #include "app/AppDelegate.h"
 #include "support/FakeAgent.h"
 #include "support/FakeControlScript.h"
@@ -11,6 +10,7 @@
 
 #include <QAction>
 #include <QElapsedTimer>
+#include <QNetworkReply>
 #include <QTest>
 
 using namespace Qt::StringLiterals;
@@ -52,42 +52,39 @@ private slots:
         env.markLog();
     }
 
-    void judgement_data()
-    {
-        QTest::addColumn<HealthExchange>("exchange");
-        QTest::addColumn<bool>("running");
-        QTest::addColumn<QString>("version");
-        const auto row = [](const char *name, const QByteArray &body, bool running, const QString &version,
-                            int status = 200) {
-            QTest::newRow(name) << HealthExchange{false, status, body} << running << version;
-        };
-        row("case and white space", "{\"status\":\" \\n oK \\r\\n\",\"version\":\"\\t1.4.2\\n\"}", true, v142, 299);
-        row("blank version keeps last", healthBody("ok", u" \t "_s), true, lastKnown);
-        // A value of the wrong type spoils the whole body.
-        row("numeric version", R"({"status":"ok","version":142})", false, lastKnown);
-    }
-    void judgement()
-    {
-        QFETCH(HealthExchange, exchange);
-        const HealthAnswer answer = judgeHealthAnswer(exchange, lastKnown);
-        QTEST(answer.running, "running");
-        QTEST(answer.version, "version");
-    }
-
     void probe_data()
     {
-        QTest::addColumn<bool>("hang");
-        QTest::newRow("hung") << true;
+        QTest::addColumn<CannedResponse>("response"); // status 0: nothing listens
+        QTest::addColumn<bool>("running");
+        QTest::addColumn<QString>("version");
+        const auto row = [](const char *name, CannedResponse response, bool running, const QString &version) {
+            QTest::newRow(name) << response << running << version;
+        };
+        row("299, case and white space", {299, "{\"status\":\" \\n oK \\r\\n\",\"version\":\"\\t1.4.2\\n\"}"}, true,
+            v142);
+        row("201, extra keys", {201, R"({"status":"ok","version":"1.4.2","uptime":{"s":5}})"}, true, v142);
+        row("null version", {200, R"({"status":"ok","version":null})"}, true, lastKnown);
+        row("blank version", {200, healthBody("ok", u" \t "_s)}, true, lastKnown);
+        row("null status", {200, R"({"status":null,"version":"1.4.2"})"}, false, v142);
+        row("status with a full stop", {200, healthBody("ok.")}, false, v142);
+        // A value of the wrong type spoils the whole body.
+        row("numeric version", {200, R"({"status":"ok","version":142})"}, false, lastKnown);
+        row("204, no body", {204, {}}, false, lastKnown);
+        row("not JSON", {200, "ok", "text/plain"}, false, lastKnown);
+        row("300, body ignored", {300, okBody}, false, lastKnown);
+        row("503, body ignored", {503, okBody}, false, lastKnown);
+        row("refused", {0, {}}, false, lastKnown);
+        row("hung", {200, okBody, "application/json", true}, false, lastKnown);
         // Guards the fix that made a body cut off after the status line a transport failure: the
         // whole ok object arrives, but not the announced length.
-        QTest::newRow("cut-off") << false;
+        row("cut-off", {200, okBody, "application/json", false, 0, okBody.size() + 50}, false, lastKnown);
     }
     void probe()
     {
-        QFETCH(bool, hang);
-        const int takesMs = hang ? 2500 : 0; // the probe gives up on a silent agent
-        agent->setResponse("/healthz", {200, okBody, "application/json", hang, 0, hang ? -1 : okBody.size() + 50});
-        auto d = makeController(agent->baseURL());
+        QFETCH(CannedResponse, response);
+        const int takesMs = response.hang ? 2500 : 0; // the probe gives up on a silent agent
+        agent->setResponse("/healthz", response);
+        auto d = makeController(response.status ? agent->baseURL() : QUrl(u"http://127.0.0.1:1"_s));
         QList<QPair<bool, QString>> answers;
         QElapsedTimer clock;
         clock.start();
@@ -97,8 +94,11 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(!answers.isEmpty(), 8000);
         const qint64 elapsed = clock.elapsed();
         QTest::qWait(0); // a second completion would come on the same turn
-        QCOMPARE(answers, (QList<QPair<bool, QString>>{{false, lastKnown}}));
+        QFETCH(bool, running);
+        QFETCH(QString, version);
+        QCOMPARE(answers, (QList<QPair<bool, QString>>{{running, version}}));
         QVERIFY2(elapsed >= takesMs - 200 && elapsed < takesMs + 1500, qPrintable(QString::number(elapsed)));
+        QTRY_COMPARE_WITH_TIMEOUT(d->findChildren<QNetworkReply *>().size(), 0, 1000); // every reply released
     }
 
     void refresh_data()

@@ -24,6 +24,7 @@ struct CannedResponse {
     int delayMs = 0;                // answer after this long
     qsizetype announcedLength = -1; // a Content-Length other than the body's: the answer is cut off
 };
+Q_DECLARE_METATYPE(CannedResponse)
 
 class FakeAgent : public QObject {
     Q_OBJECT
