@@ -13,8 +13,10 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QNetworkReply>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QTimer>
 
 #include <sched.h>
 #include <sys/mount.h>
@@ -101,17 +103,31 @@ private slots:
 
     void answerDecidesWhatFollows_data()
     {
-        QTest::addColumn<int>("answer");
-        QTest::addColumn<QString>("logLine");
-        QTest::newRow("200") << 200 << QString();
-        QTest::newRow("500") << 500 << u"Mounted volume sync request failed with status 500."_s;
+        QTest::addColumn<CannedResponse>("answer");
+        QTest::addColumn<bool>("thenAccepted"); // after the first request the agent answers 200
+        QTest::addColumn<QString>("logLine");   // none: the answer counts as accepted
+        const QString failed = u"Mounted volume sync request failed: "_s;
+        QTest::newRow("200") << CannedResponse{200, "{}"} << false << QString();
+        QTest::newRow("201, not JSON") << CannedResponse{201, "created", "text/plain"} << false << QString();
+        QTest::newRow("204") << CannedResponse{204, {}} << false << QString();
+        QTest::newRow("500") << CannedResponse{500, "{}"} << false
+                             << u"Mounted volume sync request failed with status 500."_s;
+        QTest::newRow("200 cut off") << CannedResponse{200, "{}", "application/json", false, 0, 40} << false
+                                     << failed + "Connection closed"_L1;
+        QTest::newRow("hung") << CannedResponse{200, "{}", "application/json", true} << true
+                              << failed + "Operation canceled"_L1;
     }
     void answerDecidesWhatFollows()
     {
-        QFETCH(int, answer);
+        QFETCH(CannedResponse, answer);
+        QFETCH(bool, thenAccepted);
         QFETCH(QString, logLine);
         FakeAgent agent;
-        agent.setResponse(syncPath, {answer, "{}"});
+        agent.setResponse(syncPath, answer);
+        if (thenAccepted) // once the first request has had its answer
+            connect(&agent, &FakeAgent::requestReceived, &agent, [&agent] {
+                QTimer::singleShot(0, &agent, [&agent] { agent.setResponse(syncPath, {200, "{}"}); });
+            });
         for (const QString &name : {u"Beta"_s, u"alpha"_s, u".Spotlight"_s, u"Caf\u00E9 \"Q\" \\\x01"_s})
             addVolume(name);
         auto delegate = makeController(agent);
@@ -124,17 +140,18 @@ private slots:
         delegate->syncMountedVolumesCache(didMount, false);
         delegate->syncMountedVolumesCache(u"agent-running"_s, true);
         delegate->syncMountedVolumesCache(didUnmount, false);
-        QTRY_VERIFY(!delegate->mountedVolumeSyncInFlight);
+        QTRY_VERIFY_WITH_TIMEOUT(!delegate->mountedVolumeSyncInFlight, 4500);
         // The same snapshot again, unforced: skipped only when the agent took it.
         delegate->syncMountedVolumesCache(didMount, false);
         QTRY_VERIFY(!delegate->mountedVolumeSyncInFlight);
 
-        const bool accepted = logLine.isEmpty();
+        const bool accepted = logLine.isEmpty() || thenAccepted;
+        const int failures = logLine.isEmpty() ? 0 : thenAccepted ? 1 : 3;
         QCOMPARE(env.messagesSinceMark().filter(u"Mounted volume sync"_s),
-                 QStringList{u"Mounted volume sync payload encoding failed."_s} +
-                     QStringList(accepted ? 0 : 3, logLine));
+                 QStringList{u"Mounted volume sync payload encoding failed."_s} + QStringList(failures, logLine));
         QCOMPARE(sent(agent), QStringList({"app-launch:3", "coalesced:3"}) +
                                   (accepted ? QStringList() : QStringList{didMount + ":3"_L1}));
+        QTRY_COMPARE_WITH_TIMEOUT(delegate->findChildren<QNetworkReply *>().size(), 0, 1000); // replies released
         const RecordedRequest request = agent.requestsFor(syncPath)[0];
         QCOMPARE(request.method, QByteArray("POST"));
         QCOMPARE(request.headers.value("content-type"), QByteArray("application/json"));
