@@ -216,6 +216,13 @@ private slots:
         if (!runtimeFolderUsable)
             writeFile(run, {});
         agent->setHealthDown();
+        QElapsedTimer sinceLaunch;
+        QList<qint64> probes; // arrivals on sinceLaunch
+        connect(agent.get(), &FakeAgent::requestReceived, this, [&](const RecordedRequest &request) {
+            if (request.path == "/healthz")
+                probes.append(sinceLaunch.elapsed());
+        });
+        sinceLaunch.start();
         QProcess *first = program.start(agent->port());
         QTRY_COMPARE_WITH_TIMEOUT(realScript.runs(), QList<QStringList>{QStringList{QStringLiteral("start")}}, 15000);
 
@@ -238,6 +245,22 @@ private slots:
         QCOMPARE(program.logMessages(QStringLiteral("second")), secondLog);
         QCOMPARE(program.logMessages().contains(lockLine), !runtimeFolderUsable);
         QCOMPARE(first->state(), QProcess::Running);
+        if (runtimeFolderUsable) {
+            // The default timings: a probe at launch, the launch flow's 0.4 s later, the refresh's
+            // 5 s later; in between the program idles (a spinning loop would take a whole core).
+            const auto cpuMs = [pid = first->processId()] {
+                const QList<QByteArray> stat =
+                    readFile(QStringLiteral("/proc/%1/stat").arg(pid)).split(')').last().split(' ');
+                return (stat.value(12).toLongLong() + stat.value(13).toLongLong()) * 1000 / ::sysconf(_SC_CLK_TCK);
+            };
+            const qint64 cpuBefore = cpuMs(), idleFrom = sinceLaunch.elapsed();
+            QTRY_VERIFY_WITH_TIMEOUT(probes.size() >= 3, 12000);
+            const qint64 idle = sinceLaunch.elapsed() - idleFrom, cpu = cpuMs() - cpuBefore;
+            QVERIFY2(cpu < 100 + idle / 2, qPrintable(u"%1 ms CPU in %2 ms"_s.arg(cpu).arg(idle)));
+            QVERIFY2(probes[1] - probes[0] >= 200 && probes[1] - probes[0] < 2000 && probes[2] - probes[0] >= 4000 &&
+                         probes[2] - probes[0] < 7500,
+                     qPrintable(QString::number(probes[1] - probes[0]) + ' ' + QString::number(probes[2] - probes[0])));
+        }
 
         ::kill(pid_t(first->processId()), SIGTERM);
         const QString stopped = QStringLiteral("Termination stop finished with exit code 0.");
