@@ -29,21 +29,14 @@ QString shownText(const QAction *action)
     return QString(action->text()).replace(QRegularExpression(QStringLiteral("&(.)")), QStringLiteral("\\1"));
 }
 
-// The whole menu in order, one entry per item: "-" a separator, "(...)" a disabled item, "[x] " and
-// "[-] " a checked and a mixed item, " <...>" a keyboard shortcut.
+// The whole menu in order: "-" a separator, "(...)" a disabled item, "[x] " a checked one, " <...>" a shortcut.
 QString wholeMenu(const QMenu &menu)
 {
     QStringList entries;
     for (const QAction *item : menu.actions()) {
-        if (item->isSeparator()) {
-            entries.append(QStringLiteral("-"));
-            continue;
-        }
-        const int check = menuItemCheckState(item);
-        QString entry = (check > 0   ? QStringLiteral("[x] ")
-                         : check < 0 ? QStringLiteral("[-] ")
-                                     : QString()) +
-                        shownText(item);
+        QString entry = item->isSeparator()
+                            ? QStringLiteral("-")
+                            : (item->isChecked() ? QStringLiteral("[x] ") : QString()) + shownText(item);
         if (!item->shortcut().isEmpty())
             entry += " <" + item->shortcut().toString() + '>';
         entries.append(item->isEnabled() ? entry : '(' + entry + ')');
