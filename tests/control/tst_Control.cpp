@@ -147,6 +147,7 @@ private slots:
                 3, u"Status: Stopped\nVersion: --\nquillmere-menu is not running; the agent was asked directly.\n"_s}));
         QCOMPARE(program.run(port, {u"--quit"_s}),
                  (Result{3, u"quillmere-menu is not running; there is nothing to quit.\n"_s}));
+        QCOMPARE(program.logMessages(), QStringList()); // asking is no change of state: polling leaves no trace
         if (staleSocket)
             leaveStaleSocket(program.socketPath());
 
