@@ -8,6 +8,7 @@
 #include <QMenu>
 #include <QNetworkAccessManager>
 #include <QNetworkProxy>
+#include <QNetworkRequest>
 #include <QPointer>
 #include <QSettings>
 #include <QTimer>
@@ -58,8 +59,10 @@ QNetworkAccessManager &AppDelegate::network()
 {
     if (!network_) {
         network_ = new QNetworkAccessManager(this);
-        // Only loopback is ever asked; a proxy from the environment must not reroute it.
+        // Only loopback is ever asked; a proxy from the environment must not reroute it, nor may an
+        // answer redirect it elsewhere.
         network_->setProxy(QNetworkProxy::NoProxy);
+        network_->setRedirectPolicy(QNetworkRequest::SameOriginRedirectPolicy);
     }
     return *network_;
 }
