@@ -56,15 +56,15 @@ int main(int argc, char *argv[])
     default:
         return runControlCommand(argc, argv, commandLine);
     }
-    if (!commandLine.problem.isEmpty())
-        std::fprintf(stderr, "quillmere-menu: %s, ignored; --help lists the options.\n",
-                     qPrintable(commandLine.problem));
     chooseHeadlessPlatformWithoutDisplay();
 #ifdef Q_OS_MACOS
     installAppKitApplicationDelegate(); // before Qt's own, which then forwards to it
 #endif
     QApplication application(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
+    // Read again without the options Qt took for itself (-platform and the like), which it understood.
+    if (const QString problem = parseCommandLine(QCoreApplication::arguments()).problem; !problem.isEmpty())
+        std::fprintf(stderr, "quillmere-menu: %s, ignored; --help lists the options.\n", qPrintable(problem));
 
     ApplicationHost host;
     Configuration configuration = Configuration::fromEnvironment();
