@@ -9,7 +9,6 @@
 #include "control/ControlServer.h"
 
 #include <QApplication>
-#include <QDir>
 #include <cstdio>
 #ifdef Q_OS_MACOS
 #include "platform/macos/AppKitApplicationDelegate.h"
@@ -72,8 +71,7 @@ int main(int argc, char *argv[])
     AppDelegate delegate(std::move(configuration), std::move(platform), &host);
     host.setDelegate(&delegate);
     // Commands from outside the menu, and notifications of what the menu alone would not tell.
-    ControlServer control(delegate, controlSocketPath(delegate.configuration().runtimeStateDirectory, QDir::tempPath(),
-                                                      delegate.configuration().bundleIdentifier));
+    ControlServer control(delegate, controlSocketPath(delegate.configuration()));
     AgentNotifications notifications(delegate);
 #ifdef Q_OS_MACOS
     connectAppKitApplicationDelegate(&host);

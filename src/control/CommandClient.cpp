@@ -9,7 +9,6 @@
 
 #include <QApplication>
 #include <QDeadlineTimer>
-#include <QDir>
 #include <QEventLoop>
 #include <QLocalSocket>
 #include <cstdio>
@@ -71,9 +70,8 @@ Exchange askRunningProgram(const QString &socketPath, const ControlRequest &requ
 
 // No program runs: a controller of this process's own, with no tray icon and no volume watching,
 // finds the agent's state as the menu would and carries out the command through the same items.
-QJsonObject performWithoutProgram(const ControlRequest &request)
+QJsonObject performWithoutProgram(Configuration configuration, const ControlRequest &request)
 {
-    Configuration configuration = Configuration::fromEnvironment();
     PlatformServices platform = PlatformServices::forThisSystem(configuration);
     platform.makeStatusItem = [] { return std::make_unique<TrayStatusItem>(TrayStatusItem::Start::WhenHostReady); };
     platform.volumeEventSource.reset();
@@ -115,15 +113,15 @@ void print(const CommandOutcome &outcome)
 int runControlCommand(int argc, char *argv[], const CommandLine &command)
 {
     const ControlRequest request = requestFor(command);
+    Configuration configuration;
     QString socketPath, logFile;
     QJsonObject last;
     Exchange exchange = Exchange::noProgram;
     {
         // Reaching the running program takes no more than Qt's core: a command answers at once.
         QCoreApplication application(argc, argv);
-        const Configuration configuration = Configuration::fromEnvironment();
-        socketPath =
-            controlSocketPath(configuration.runtimeStateDirectory, QDir::tempPath(), configuration.bundleIdentifier);
+        configuration = Configuration::fromEnvironment();
+        socketPath = controlSocketPath(configuration);
         logFile =
             AppLogger::logsDirectoryUnder(configuration.applicationSupportDirectory) + QStringLiteral("/menu-app.log");
         if (const auto owner = fileOwnerId(socketPath); owner && *owner != ::getuid()) {
@@ -160,7 +158,7 @@ int runControlCommand(int argc, char *argv[], const CommandLine &command)
         int applicationArgc = 3;
         char *applicationArgv[] = {argv[0], platformOption, offscreen, nullptr};
         QApplication application(applicationArgc, applicationArgv);
-        last = performWithoutProgram(request);
+        last = performWithoutProgram(std::move(configuration), request);
         break;
     }
     }

@@ -1,7 +1,9 @@
 #include "control/ControlProtocol.h"
 
 #include "app/CommandLine.h"
+#include "app/Configuration.h"
 
+#include <QDir>
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <unistd.h>
@@ -44,12 +46,13 @@ QJsonObject decodeControlReply(const QByteArray &line)
     return QJsonDocument::fromJson(line).object();
 }
 
-QString controlSocketPath(const QString &runtimeDirectory, const QString &fallbackDirectory,
-                          const QString &bundleIdentifier)
+QString controlSocketPath(const Configuration &configuration)
 {
-    const QFileInfo runtime(runtimeDirectory);
-    if (!runtimeDirectory.isEmpty() && runtime.isDir() && runtime.isWritable())
-        return runtimeDirectory + QLatin1Char('/') + bundleIdentifier + QStringLiteral(".socket");
-    return fallbackDirectory + QLatin1Char('/') + bundleIdentifier + QLatin1Char('-') + QString::number(::getuid()) +
+    const QString &runtime = configuration.runtimeStateDirectory;
+    const QFileInfo runtimeInfo(runtime);
+    const QString name = configuration.bundleIdentifier;
+    if (!runtime.isEmpty() && runtimeInfo.isDir() && runtimeInfo.isWritable())
+        return runtime + QLatin1Char('/') + name + QStringLiteral(".socket");
+    return QDir::tempPath() + QLatin1Char('/') + name + QLatin1Char('-') + QString::number(::getuid()) +
            QStringLiteral(".socket");
 }

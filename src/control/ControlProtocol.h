@@ -7,6 +7,8 @@
 #include <QString>
 #include <variant>
 
+struct Configuration;
+
 namespace ControlCommand {
 inline const QString status = QStringLiteral("status");
 inline const QString startAgent = QStringLiteral("start-agent");
@@ -37,5 +39,4 @@ QJsonObject decodeControlReply(const QByteArray &line);
 
 // Where the channel is: beside the instance lock, in the session's runtime folder while it is a
 // folder this user can write to, else in the temporary folder under a name that carries the user id.
-QString controlSocketPath(const QString &runtimeDirectory, const QString &fallbackDirectory,
-                          const QString &bundleIdentifier);
+QString controlSocketPath(const Configuration &configuration);
