@@ -3,17 +3,17 @@
 #pragma once
 
 #include <QHash>
-#include <QObject>
+#include <QPointer>
 #include <QTcpServer>
+#include <QTcpSocket>
+#include <QTimer>
 #include <QUrl>
 
-class QTcpSocket;
+using namespace Qt::StringLiterals;
 
 struct RecordedRequest {
-    QByteArray method;
-    QByteArray path;
+    QByteArray method, path, body;
     QHash<QByteArray, QByteArray> headers; // names in lower case
-    QByteArray body;
 };
 
 struct CannedResponse {
@@ -29,28 +29,91 @@ Q_DECLARE_METATYPE(CannedResponse)
 class FakeAgent : public QObject {
     Q_OBJECT
 public:
-    FakeAgent();
-    ~FakeAgent() override;
+    FakeAgent()
+    {
+        connect(&server_, &QTcpServer::newConnection, this, [this] {
+            while (QTcpSocket *socket = server_.nextPendingConnection()) {
+                connect(socket, &QTcpSocket::readyRead, this, [this, socket] { onReadyRead(socket); });
+                connect(socket, &QTcpSocket::disconnected, this, [this, socket] {
+                    buffers_.remove(socket);
+                    socket->deleteLater();
+                });
+            }
+        });
+        if (!server_.listen(QHostAddress::LocalHost, 0))
+            qFatal("FakeAgent could not listen on loopback: %s", qPrintable(server_.errorString()));
+    }
+    ~FakeAgent() override
+    {
+        // Connections still open (a hanging answer) are children of the server, which outlives the
+        // other members; closing them then must not call back into the already destroyed buffers.
+        for (QTcpSocket *socket : server_.findChildren<QTcpSocket *>())
+            socket->disconnect(this);
+    }
 
     quint16 port() const { return server_.serverPort(); }
-    QUrl baseURL() const { return QUrl(QStringLiteral("http://127.0.0.1:%1").arg(port())); }
+    QUrl baseURL() const { return QUrl(u"http://127.0.0.1:%1"_s.arg(port())); }
 
     void setResponse(const QByteArray &path, CannedResponse response) { responses_.insert(path, std::move(response)); }
-    void setHealthy(const QString &version = QStringLiteral("1.4.2"))
+    void setHealthy(const QString &version = u"1.4.2"_s)
     {
         setResponse("/healthz", {200, "{\"status\":\"ok\",\"version\":\"" + version.toUtf8() + "\"}"});
     }
     void setHealthDown() { setResponse("/healthz", {503, "{\"status\":\"down\"}"}); }
 
-    QList<RecordedRequest> requestsFor(const QByteArray &path) const;
+    QList<RecordedRequest> requestsFor(const QByteArray &path) const
+    {
+        QList<RecordedRequest> matching;
+        for (const RecordedRequest &request : requests_)
+            if (request.path == path)
+                matching.append(request);
+        return matching;
+    }
     int countFor(const QByteArray &path) const { return int(requestsFor(path).size()); }
 
 signals:
     void requestReceived(const RecordedRequest &request);
 
 private:
-    void onReadyRead(QTcpSocket *socket);
-    void respond(QTcpSocket *socket, const RecordedRequest &request);
+    void onReadyRead(QTcpSocket *socket)
+    {
+        QByteArray &buffer = buffers_[socket];
+        buffer += socket->readAll();
+        for (qsizetype headerEnd; (headerEnd = buffer.indexOf("\r\n\r\n")) >= 0;) {
+            RecordedRequest request;
+            const QList<QByteArray> lines = buffer.left(headerEnd).split('\n');
+            const QList<QByteArray> requestLine = lines.value(0).trimmed().split(' ');
+            request.method = requestLine.value(0);
+            request.path = requestLine.value(1);
+            for (const QByteArray &line : lines.mid(1))
+                if (const qsizetype colon = line.indexOf(':'); colon > 0)
+                    request.headers.insert(line.left(colon).trimmed().toLower(), line.mid(colon + 1).trimmed());
+            const qsizetype length = headerEnd + 4 + request.headers.value("content-length").toLongLong();
+            if (buffer.size() < length)
+                return;
+            request.body = buffer.mid(headerEnd + 4, length - headerEnd - 4);
+            buffer.remove(0, length);
+            requests_.append(request);
+            emit requestReceived(request);
+            respond(socket, responses_.value(request.path, CannedResponse{404, "not found", "text/plain"}));
+        }
+    }
+    void respond(QTcpSocket *socket, const CannedResponse &response)
+    {
+        if (response.hang)
+            return;
+        const QByteArray bytes =
+            "HTTP/1.1 " + QByteArray::number(response.status) + " Fake\r\nContent-Type: " + response.contentType +
+            "\r\nContent-Length: " +
+            QByteArray::number(response.announcedLength < 0 ? response.body.size() : response.announcedLength) +
+            "\r\nConnection: close\r\n\r\n" + response.body;
+        QTimer::singleShot(response.delayMs, this, [guarded = QPointer<QTcpSocket>(socket), bytes] {
+            if (guarded) {
+                guarded->write(bytes);
+                guarded->disconnectFromHost();
+            }
+        });
+    }
 
     QTcpServer server_;
     QHash<QByteArray, CannedResponse> responses_;

@@ -17,8 +17,8 @@ public:
     explicit FakeControlScript(QString scriptPath) : scriptPath_(std::move(scriptPath)) {}
     ~FakeControlScript() // a held script must not outlive the test
     {
-        release(QStringLiteral("start"));
-        release(QStringLiteral("stop"));
+        release(u"start"_s);
+        release(u"stop"_s);
     }
 
     QString path() const { return scriptPath_; }
@@ -27,10 +27,10 @@ public:
     {
         // One line per run: "run", then each argument after a tab.
         TestEnvironment::writeScript(
-            scriptPath_, QStringLiteral("state=%1\n{ printf 'run'; for a in \"$@\"; do printf '\\t%s' \"$a\"; done; "
-                                        "printf '\\n'; } >> \"$state/runs\"\ncase \"$1\" in\n%2%3esac\n")
-                             .arg(TestEnvironment::shellQuoted(state_.path()), branch(QStringLiteral("start"), start),
-                                  branch(QStringLiteral("stop"), stop)));
+            scriptPath_,
+            QStringLiteral("state=%1\n{ printf 'run'; for a in \"$@\"; do printf '\\t%s' \"$a\"; done; "
+                           "printf '\\n'; } >> \"$state/runs\"\ncase \"$1\" in\n%2%3esac\n")
+                .arg(TestEnvironment::shellQuoted(state_.path()), branch(u"start"_s, start), branch(u"stop"_s, stop)));
     }
 
     // Every run so far, each as its argument list.
@@ -38,24 +38,24 @@ public:
     {
         QList<QStringList> result;
         for (const QString &line :
-             QString::fromUtf8(readFile(state_.path() + QStringLiteral("/runs"))).split(u'\n', Qt::SkipEmptyParts))
+             QString::fromUtf8(readFile(state_.path() + u"/runs"_s)).split(u'\n', Qt::SkipEmptyParts))
             result.append(line.split(u'\t').mid(1));
         return result;
     }
 
     void release(const QString &command) const
     {
-        QFile(state_.path() + QStringLiteral("/release-") + command).open(QIODevice::WriteOnly);
+        QFile(state_.path() + u"/release-"_s + command).open(QIODevice::WriteOnly);
     }
 
 private:
     static QString branch(const QString &command, const ScriptBehaviour &behaviour)
     {
-        QString text = command + QStringLiteral(")\n");
+        QString text = command + u")\n"_s;
         if (behaviour.holdUntilReleased)
-            text += QStringLiteral("  while [ ! -e \"$state/release-%1\" ] && [ -d \"$state\" ]; do sleep 0.02; done\n")
-                        .arg(command);
-        return text + QStringLiteral("  %1\n  exit %2\n  ;;\n").arg(behaviour.extra).arg(behaviour.exitCode);
+            text +=
+                u"  while [ ! -e \"$state/release-%1\" ] && [ -d \"$state\" ]; do sleep 0.02; done\n"_s.arg(command);
+        return text + u"  %1\n  exit %2\n  ;;\n"_s.arg(behaviour.extra).arg(behaviour.exitCode);
     }
 
     QString scriptPath_;

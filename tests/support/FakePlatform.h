@@ -8,6 +8,8 @@
 #include <QPointer>
 #include <QStringList>
 
+using namespace Qt::StringLiterals;
+
 class FakeStatusItem : public StatusItem {
 public:
     StatusButton *button() override { return &button_; }
@@ -34,21 +36,13 @@ public:
     int status() const override { return currentStatus; }
     std::optional<LoginItemError> registerApp() override
     {
-        calls.append(QStringLiteral("register"));
-        if (registerResult)
-            return registerResult;
-        currentStatus = statusAfterRegister;
-        return std::nullopt;
+        return call(u"register"_s, registerResult, statusAfterRegister);
     }
     std::optional<LoginItemError> unregisterApp() override
     {
-        calls.append(QStringLiteral("unregister"));
-        if (unregisterResult)
-            return unregisterResult;
-        currentStatus = statusNotRegistered;
-        return std::nullopt;
+        return call(u"unregister"_s, unregisterResult, statusNotRegistered);
     }
-    void openSystemSettingsLoginItems() override { calls.append(QStringLiteral("openSettings")); }
+    void openSystemSettingsLoginItems() override { calls.append(u"openSettings"_s); }
 
     bool available = true;
     int currentStatus = statusNotRegistered;
@@ -56,6 +50,15 @@ public:
     std::optional<LoginItemError> registerResult;
     std::optional<LoginItemError> unregisterResult;
     QStringList calls;
+
+private:
+    std::optional<LoginItemError> call(const QString &name, std::optional<LoginItemError> result, int statusAfter)
+    {
+        calls.append(name);
+        if (!result)
+            currentStatus = statusAfter;
+        return result;
+    }
 };
 
 class OneRunningApplication : public RunningApplications {
@@ -69,5 +72,21 @@ struct FakePlatform {
     FakeLoginItemService *loginItems = nullptr;
     WorkspaceNotificationCenter *notifications = nullptr;
 
-    PlatformServices services();
+    PlatformServices services()
+    {
+        PlatformServices services;
+        services.makeStatusItem = [this] {
+            auto item = std::make_unique<FakeStatusItem>();
+            statusItem = item.get();
+            return item;
+        };
+        services.opener = std::make_unique<RecordingOpener>();
+        opener = static_cast<RecordingOpener *>(services.opener.get());
+        services.loginItems = std::make_unique<FakeLoginItemService>();
+        loginItems = static_cast<FakeLoginItemService *>(services.loginItems.get());
+        services.workspaceNotifications = std::make_unique<WorkspaceNotificationCenter>();
+        notifications = services.workspaceNotifications.get();
+        services.runningApplications = std::make_unique<OneRunningApplication>();
+        return services;
+    }
 };

@@ -9,14 +9,13 @@ InstalledProgram::InstalledProgram(bool onDesktop, const QString &desktopPlatfor
     : onDesktop_(onDesktop), desktopPlatform_(desktopPlatform)
 {
     QDir().mkpath(runtimeDir());
-    QDir().mkpath(root() + QStringLiteral("/bin"));
-    if (!QFile::copy(QStringLiteral(QUILLMERE_TEST_BINARY), root() + QStringLiteral("/bin/quillmere-menu")) ||
-        !QFile::copy(QStringLiteral(QUILLMERE_BUILD_RESOURCES "/Info.plist"),
-                     resourceDir() + QStringLiteral("/Info.plist")))
+    QDir().mkpath(root() + u"/bin"_s);
+    if (!QFile::copy(QStringLiteral(QUILLMERE_TEST_BINARY), root() + u"/bin/quillmere-menu"_s) ||
+        !QFile::copy(QStringLiteral(QUILLMERE_BUILD_RESOURCES "/Info.plist"), runtimeDir() + u"/../Info.plist"_s))
         qFatal("cannot copy the program");
-    TestEnvironment::writeScript(root() + QStringLiteral("/fakebin/xdg-open"),
-                                 QStringLiteral("printf '%s\\n' \"$*\" >> ") +
-                                     TestEnvironment::shellQuoted(root() + QStringLiteral("/xdg-open-calls")));
+    TestEnvironment::writeScript(root() + u"/fakebin/xdg-open"_s,
+                                 u"printf '%s\\n' \"$*\" >> "_s +
+                                     TestEnvironment::shellQuoted(root() + u"/xdg-open-calls"_s));
 }
 
 InstalledProgram::~InstalledProgram()
@@ -29,8 +28,8 @@ InstalledProgram::~InstalledProgram()
 
 QProcessEnvironment InstalledProgram::environmentFor(quint16 agentPort, const QString &user) const
 {
-    const QString run = root() + QStringLiteral("/xdg-runtime"), volumes = root() + QStringLiteral("/volumes"),
-                  dataHome = homeOf(user) + QStringLiteral("/.local/share"), temp = root() + QStringLiteral("/tmp");
+    const QString run = root() + u"/xdg-runtime"_s, volumes = root() + u"/volumes"_s,
+                  dataHome = homeOf(user) + u"/.local/share"_s, temp = root() + u"/tmp"_s;
     for (const QString &path : {dataHome, configHomeOf(user), run, volumes, temp})
         QDir().mkpath(path);
     // A session runtime folder belongs to its user alone; Qt warns about anything wider.
@@ -41,7 +40,7 @@ QProcessEnvironment InstalledProgram::environmentFor(quint16 agentPort, const QS
             environment.remove(QString::fromLatin1(name));
     }
     const QList<std::pair<const char *, QString>> settings = {
-        {"QT_QPA_PLATFORM", onDesktop_ ? desktopPlatform_ : QStringLiteral("offscreen")},
+        {"QT_QPA_PLATFORM", onDesktop_ ? desktopPlatform_ : u"offscreen"_s},
         {"HOME", homeOf(user)},
         {"XDG_DATA_HOME", dataHome},
         {"XDG_CONFIG_HOME", configHomeOf(user)},
@@ -49,7 +48,7 @@ QProcessEnvironment InstalledProgram::environmentFor(quint16 agentPort, const QS
         {"TMPDIR", temp},
         {"QUILLMERE_AGENT_PORT", QString::number(agentPort)},
         {"QUILLMERE_VOLUMES_DIR", volumes},
-        {"PATH", root() + QStringLiteral("/fakebin:") + environment.value(QStringLiteral("PATH"))}};
+        {"PATH", root() + u"/fakebin:"_s + environment.value(u"PATH"_s)}};
     for (const auto &[name, value] : settings)
         environment.insert(QString::fromLatin1(name), value);
     return environment;
@@ -57,7 +56,7 @@ QProcessEnvironment InstalledProgram::environmentFor(quint16 agentPort, const QS
 
 void InstalledProgram::launch(QProcess &process, const QStringList &arguments) const
 {
-    const QString program = root() + QStringLiteral("/bin/quillmere-menu");
+    const QString program = root() + u"/bin/quillmere-menu"_s;
     if (launcher.isEmpty())
         process.start(program, arguments);
     else
@@ -70,7 +69,7 @@ InstalledProgram::Result InstalledProgram::run(quint16 agentPort, const QStringL
     process.setProcessEnvironment(environmentFor(agentPort, user));
     launch(process, arguments);
     if (!QTest::qWaitFor([&process] { return process.state() == QProcess::NotRunning; }, 30000))
-        return {-1, QStringLiteral("did not end within 30 s")};
+        return {-1, u"did not end within 30 s"_s};
     return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
             QString::fromUtf8(process.readAllStandardOutput() + process.readAllStandardError())};
 }
@@ -79,7 +78,6 @@ QProcess *InstalledProgram::start(quint16 agentPort, const QStringList &argument
 {
     auto &process = processes_.emplace_back(std::make_unique<QProcess>());
     process->setProcessEnvironment(environmentFor(agentPort, user));
-    process->setStandardOutputFile(QProcess::nullDevice());
     process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
     launch(*process, arguments);
     if (!process->waitForStarted(10000))
@@ -89,11 +87,10 @@ QProcess *InstalledProgram::start(quint16 agentPort, const QStringList &argument
 
 QStringList InstalledProgram::logMessages(const QString &user) const
 {
-    return TestEnvironment::logMessagesIn(homeOf(user) +
-                                          QStringLiteral("/.local/share/TallyholdAgent/runtime/logs/menu-app.log"));
+    return TestEnvironment::logMessagesIn(homeOf(user) + u"/.local/share/TallyholdAgent/runtime/logs/menu-app.log"_s);
 }
 
 QStringList InstalledProgram::openedLocations() const
 {
-    return QString::fromUtf8(readFile(root() + QStringLiteral("/xdg-open-calls"))).split(u'\n', Qt::SkipEmptyParts);
+    return QString::fromUtf8(readFile(root() + u"/xdg-open-calls"_s)).split(u'\n', Qt::SkipEmptyParts);
 }

@@ -4,30 +4,31 @@
 #pragma once
 
 #include <QProcess>
-#include <QTest>
 #include <QTemporaryDir>
+#include <QTest>
 #include <memory>
 #include <vector>
+
+using namespace Qt::StringLiterals;
 
 class InstalledProgram {
 public:
     // Headless by default (offscreen, no display, no session bus); on the desktop a copy keeps
     // the test's display and session bus and uses the given Qt platform.
-    explicit InstalledProgram(bool onDesktop = false, const QString &desktopPlatform = QStringLiteral("xcb"));
+    explicit InstalledProgram(bool onDesktop = false, const QString &desktopPlatform = u"xcb"_s);
     ~InstalledProgram();
 
     QString root() const { return dir_.path(); }
-    QString resourceDir() const { return root() + QStringLiteral("/share/quillmere-menu"); }
-    QString runtimeDir() const { return resourceDir() + QStringLiteral("/runtime"); }
-    QString controlScript() const { return runtimeDir() + QStringLiteral("/agentctl.sh"); }
+    QString runtimeDir() const { return root() + u"/share/quillmere-menu/runtime"_s; }
+    QString controlScript() const { return runtimeDir() + u"/agentctl.sh"_s; }
     // Each user has home and XDG folders of their own; the session runtime folder (and with it
     // the instance lock) is shared.
-    QString homeOf(const QString &user) const { return root() + QStringLiteral("/users/") + user; }
-    QString configHomeOf(const QString &user) const { return homeOf(user) + QStringLiteral("/.config"); }
+    QString homeOf(const QString &user) const { return root() + u"/users/"_s + user; }
+    QString configHomeOf(const QString &user) const { return homeOf(user) + u"/.config"_s; }
 
-    // Starts a copy as the given user, talking to an agent on agentPort; the tree owns it.
-    QProcess *start(quint16 agentPort, const QStringList &arguments = {},
-                    const QString &user = QStringLiteral("first"));
+    // Starts a copy as the given user, talking to an agent on agentPort; the tree owns it. Its
+    // standard output can be read, its standard error goes where the test's goes.
+    QProcess *start(quint16 agentPort, const QStringList &arguments = {}, const QString &user = u"first"_s);
     // Runs a command to its end while this thread's events (the fake agent) keep running.
     struct Result {
         int exitCode = 0;
@@ -35,13 +36,13 @@ public:
 
         friend bool operator==(const Result &, const Result &) = default;
     };
-    Result run(quint16 agentPort, const QStringList &arguments, const QString &user = QStringLiteral("first"));
+    Result run(quint16 agentPort, const QStringList &arguments, const QString &user = u"first"_s);
     QString socketPath() const
     {
         return root() + QStringLiteral("/xdg-runtime/" QUILLMERE_BUNDLE_IDENTIFIER ".socket");
     }
     // The user's log without timestamps (runs of one user share it).
-    QStringList logMessages(const QString &user = QStringLiteral("first")) const;
+    QStringList logMessages(const QString &user = u"first"_s) const;
     // Every location handed to xdg-open, in order.
     QStringList openedLocations() const;
 
@@ -60,5 +61,5 @@ private:
 
 inline char *toString(const InstalledProgram::Result &result)
 {
-    return QTest::toString(QStringLiteral("exit %1: %2").arg(result.exitCode).arg(result.output));
+    return QTest::toString(u"exit %1: %2"_s.arg(result.exitCode).arg(result.output));
 }

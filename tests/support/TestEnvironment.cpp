@@ -3,6 +3,8 @@
 #include "app/log/AppLogger.h"
 #include "support/Files.h"
 
+#include <QRegularExpression>
+
 TestEnvironment::TestEnvironment()
 {
     for (const QString &path : {home(), dataHome(), configHome(), runtimeStateDir(), runtimeDir(), volumesDir()})
@@ -12,7 +14,7 @@ TestEnvironment::TestEnvironment()
     qputenv("XDG_CONFIG_HOME", configHome().toUtf8());
     qputenv("XDG_RUNTIME_DIR", runtimeStateDir().toUtf8());
     // The build version differs from the marketing one, so reading the wrong key shows.
-    writeFile(resourceDir() + QStringLiteral("/Info.plist"),
+    writeFile(resourceDir() + u"/Info.plist"_s,
               "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key><string>com.tallyhold.agent.app</string>"
               "<key>CFBundleVersion</key><string>1.0.0</string>"
               "<key>CFBundleShortVersionString</key><string>1.0</string></dict></plist>");
@@ -21,18 +23,18 @@ TestEnvironment::TestEnvironment()
 Configuration TestEnvironment::configuration(const QUrl &agentBase) const
 {
     Configuration config;
-    config.setWebsiteBaseURL(QUrl(QStringLiteral("https://quillmere.example")));
+    config.setWebsiteBaseURL(QUrl(u"https://quillmere.example"_s));
     config.setAgentBaseURL(agentBase);
     config.homeDirectory = home();
     config.applicationSupportDirectory = dataHome();
     config.configDirectory = configHome();
-    config.userDefaultsFile = configHome() + QStringLiteral("/com.tallyhold.agent.app.conf");
+    config.userDefaultsFile = configHome() + u"/com.tallyhold.agent.app.conf"_s;
     config.runtimeStateDirectory = runtimeStateDir();
     config.resourceDirectory = resourceDir();
-    config.infoPlistPath = resourceDir() + QStringLiteral("/Info.plist");
+    config.infoPlistPath = resourceDir() + u"/Info.plist"_s;
     config.executablePath = QStringLiteral(QUILLMERE_TEST_BINARY);
     config.volumeMountDirectory = volumesDir();
-    config.launchctlPath = root() + QStringLiteral("/bin/launchctl");
+    config.launchctlPath = root() + u"/bin/launchctl"_s;
     return config;
 }
 
@@ -44,21 +46,23 @@ void TestEnvironment::writeScript(const QString &path, const QString &body)
 
 QString TestEnvironment::shellQuoted(const QString &text)
 {
-    return QLatin1Char('\'') + QString(text).replace(QLatin1Char('\''), QStringLiteral("'\\''")) + QLatin1Char('\'');
+    return QLatin1Char('\'') + QString(text).replace(QLatin1Char('\''), u"'\\''"_s) + QLatin1Char('\'');
 }
 
 QStringList TestEnvironment::logMessagesIn(const QString &file)
 {
+    // A line not stamped in UTC to the millisecond is kept whole, so that no comparison passes it.
+    static const QRegularExpression stamp(u"^\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z \\| "_s);
     QStringList messages;
-    for (const QString &line : QString::fromUtf8(readFile(file)).split(QLatin1Char('\n'), Qt::SkipEmptyParts))
-        messages.append(line.indexOf(QStringLiteral(" | ")) == 24 ? line.mid(27) : line);
+    for (const QString &line : QString::fromUtf8(readFile(file)).split(u'\n', Qt::SkipEmptyParts))
+        messages.append(stamp.match(line).hasMatch() ? line.mid(27) : line);
     return messages;
 }
 
 QStringList TestEnvironment::logMessages() const
 {
     AppLogger::shared().flush();
-    return logMessagesIn(logsDir() + QStringLiteral("/menu-app.log"));
+    return logMessagesIn(logsDir() + u"/menu-app.log"_s);
 }
 
 void TestEnvironment::markLog()

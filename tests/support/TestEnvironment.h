@@ -9,6 +9,8 @@
 #include <QTemporaryDir>
 #include <QUrl>
 
+using namespace Qt::StringLiterals;
+
 class TestEnvironment {
 public:
     // Points HOME and the XDG folders into a new temporary folder. Create it before anything
@@ -16,14 +18,14 @@ public:
     TestEnvironment();
 
     QString root() const { return dir_.path(); }
-    QString home() const { return root() + QStringLiteral("/home"); }
-    QString dataHome() const { return home() + QStringLiteral("/.local/share"); }
-    QString configHome() const { return home() + QStringLiteral("/.config"); }
-    QString runtimeStateDir() const { return root() + QStringLiteral("/run"); }
-    QString resourceDir() const { return root() + QStringLiteral("/share/quillmere-menu"); }
-    QString runtimeDir() const { return resourceDir() + QStringLiteral("/runtime"); }
-    QString volumesDir() const { return root() + QStringLiteral("/volumes"); }
-    QString logsDir() const { return dataHome() + QStringLiteral("/TallyholdAgent/runtime/logs"); }
+    QString home() const { return root() + u"/home"_s; }
+    QString dataHome() const { return home() + u"/.local/share"_s; }
+    QString configHome() const { return home() + u"/.config"_s; }
+    QString runtimeStateDir() const { return root() + u"/run"_s; }
+    QString resourceDir() const { return root() + u"/share/quillmere-menu"_s; }
+    QString runtimeDir() const { return resourceDir() + u"/runtime"_s; }
+    QString volumesDir() const { return root() + u"/volumes"_s; }
+    QString logsDir() const { return dataHome() + u"/TallyholdAgent/runtime/logs"_s; }
 
     // A configuration that reaches only this environment and the given agent address.
     Configuration configuration(const QUrl &agentBase) const;
