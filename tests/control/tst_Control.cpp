@@ -1,25 +1,16 @@
 // Commands from outside the menu, as a user or a script gives them: read as meant, carried out by
 // the running program under its menu's own rules, done by the command itself when none runs, over
 // a channel that only this user reaches and that a flood of bad requests does not hurt.
-#include "app/AppDelegate.h"
 #include "app/CommandLine.h"
-#include "control/AgentNotifications.h"
-#include "support/FakeAgent.h"
-#include "support/FakeControlScript.h"
-#include "support/FakePlatform.h"
 #include "support/InstalledProgram.h"
+#include "support/Testing.h"
 
-#include <QAction>
 #include <QLocalSocket>
-#include <QRegularExpression>
-#include <QSignalSpy>
-#include <QTest>
 #include <csignal>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-using namespace Qt::StringLiterals;
 using Result = InstalledProgram::Result;
 
 namespace {
@@ -62,31 +53,6 @@ class ControlTest : public QObject {
     FakeAgent agent;
 
 private slots:
-    // What the user asked for is shown where they asked: only the failing start at launch is told.
-    void failedStartIsToldOnlyWhenNobodyAskedForIt()
-    {
-        FakePlatform fakes;
-        FakeControlScript script(env.runtimeDir() + u"/agentctl.sh"_s);
-        script.write({3, false, {}}, {});
-        agent.setHealthDown();
-        AppDelegate delegate(env.configuration(agent.baseURL()), fakes.services(), nullptr);
-        AgentNotifications notifications(delegate);
-        delegate.assembleStatusMenu();
-        QSignalSpy finished(&delegate, &AppDelegate::agentCommandFinished);
-        delegate.updateStateMenu(u"Status: Running"_s, u"1.4.2"_s, true);
-        delegate.stopMenuItem()->trigger(); // the user's own stop is no surprise either
-        QVERIFY(finished.wait(10000));
-        delegate.startMenuItem()->trigger();
-        QVERIFY(finished.wait(10000));
-        script.write({4, false, {}}, {});
-        delegate.startAgent(false); // as the launch does
-        QVERIFY(finished.wait(10000));
-        QCOMPARE(
-            fakes.statusItem->notifications,
-            QStringList{"Quillmere Agent could not start\nagentctl.sh start ended with exit code 4. The log is "_L1 +
-                        env.logsDir() + "/menu-app.log."_L1});
-    }
-
     void commandLineIsReadAsMeant_data()
     {
         QTest::addColumn<QString>("arguments");
@@ -129,19 +95,12 @@ private slots:
             reading);
     }
 
-    void commandsDriveTheRunningProgram_data()
-    {
-        QTest::addColumn<bool>("staleSocket");
-        QTest::newRow("first launch") << false;
-        QTest::newRow("socket left by a crashed copy") << true;
-    }
     // With no program the command does the job itself; with one, the program does it through its menu.
     void commandsDriveTheRunningProgram()
     {
-        QFETCH(bool, staleSocket);
         InstalledProgram program;
         FakeControlScript script(program.controlScript());
-        script.write({0, true, {}}, {0, false, {}}); // the launch start waits for the test
+        script.write({0, true, {}}, {0, true, {}}); // each waits for the test
         agent.setHealthDown();
         const quint16 port = agent.port();
         QCOMPARE(
@@ -151,8 +110,7 @@ private slots:
         QCOMPARE(program.run(port, {u"--quit"_s}),
                  (Result{3, u"quillmere-menu is not running; there is nothing to quit.\n"_s}));
         QCOMPARE(program.logMessages(), QStringList()); // asking is no change of state: polling leaves no trace
-        if (staleSocket)
-            leaveStaleSocket(program.socketPath());
+        leaveStaleSocket(program.socketPath());
 
         QProcess *running = program.start(port);
         QTRY_COMPARE_WITH_TIMEOUT(script.runs().size(), 1, 15000);
@@ -162,12 +120,23 @@ private slots:
                             "\n"_s}));
         QCOMPARE(program.run(port, {u"--start-agent"_s}),
                  (Result{5, u"Start Agent is not available now: a start is already in progress.\n"_s}));
+        // The refresh finds the agent up while the start still runs; a stop asked for then waits for
+        // its own script, not for the end of the start's.
         agent.setHealthy();
-        script.release(u"start"_s);
         QTRY_COMPARE_WITH_TIMEOUT(program.run(port, {u"--status"_s}),
                                   (Result{0, u"Status: Running\nVersion: 1.4.2\n"_s}), 15000);
+        QCOMPARE(program.run(port, {u"--open"_s, u"startup-status"_s}), Result{});
+        QProcess *stop = program.start(port, {u"--stop-agent"_s});
+        QTRY_COMPARE(script.runs().size(), 2);
+        script.release(u"start"_s);
+        QTRY_VERIFY(program.logMessages().contains(u"Process exited with code 0"_s));
+        QTest::qWait(300); // an answer taken from the start's end would have come by now
+        QCOMPARE(stop->state(), QProcess::Running);
         agent.setHealthDown(); // as the stop brings it down
-        QCOMPARE(program.run(port, {u"--stop-agent"_s}), (Result{0, u"Agent stop finished.\n"_s}));
+        script.release(u"stop"_s);
+        QTRY_COMPARE(stop->state(), QProcess::NotRunning);
+        QCOMPARE((Result{stop->exitCode(), QString::fromUtf8(stop->readAllStandardOutput())}),
+                 (Result{0, u"Agent stop finished.\n"_s}));
         QCOMPARE(program.run(port, {u"--stop-agent"_s}),
                  (Result{5, u"Stop Agent is not available now: the agent is not running.\n"_s}));
         script.write({4, false, {}}, {0, false, {}});
@@ -206,33 +175,21 @@ private slots:
         QCOMPARE(program.run(port, {u"--quit"_s}), Result{});
         QVERIFY(exited(pid));
         QCOMPARE(running->exitCode(), 0);
-        const QString launching = "Launching process: "_L1 + script.path(), runtime = program.runtimeDir();
+        const QString runtime = program.runtimeDir();
+        // What the commands did, as the log tells it (the state lines follow the refresh's timing).
         QCOMPARE(program.logMessages().filter(
                      QRegularExpression(u"^(Launching|Process|Agent|Quit|Opening|Control|Termination)"_s)),
-                 QStringList({"Opening getting started page: "_L1 + runtime + "/welcome.html"_L1,
-                              u"Agent not healthy during launch. Starting agent."_s,
-                              launching + " start"_L1,
-                              u"Process exited with code 0"_s,
-                              launching + " stop"_L1,
-                              u"Process exited with code 0"_s,
-                              "Opening startup page: "_L1 + runtime + "/startup-status.html"_L1,
-                              launching + " start"_L1,
-                              u"Process exited with code 4"_s,
-                              u"Agent start command failed with exit code 4"_s,
-                              "Opening startup page: "_L1 + runtime + "/startup-status-failed.html"_L1,
-                              "Opening logs directory: "_L1 + logs,
-                              u"Opening cloud admin."_s,
-                              u"Opening update page."_s,
-                              u"Opening local admin."_s,
-                              "Opening getting started page: "_L1 + runtime + "/welcome.html"_L1,
-                              "Opening startup page: "_L1 + runtime + "/startup-status-failed.html"_L1,
-                              "Opening logs directory: "_L1 + logs,
-                              u"Control request refused: unknown command."_s,
-                              u"Quit requested from menu."_s,
-                              launching + " stop"_L1,
-                              u"Process exited with code 0"_s,
-                              u"Termination stop finished with exit code 0."_s}));
+                 QString::fromUtf8(readFile(QFINDTESTDATA("session.log")))
+                     .replace(u"$RUNTIME"_s, runtime)
+                     .replace(u"$LOGS"_s, logs)
+                     .split(u'\n', Qt::SkipEmptyParts));
         QVERIFY(!QFile::exists(program.socketPath()));
+        const QString welcome = runtime + "/welcome.html"_L1, failed = runtime + "/startup-status-failed.html"_L1;
+        QCOMPARE(
+            program.openedLocations(),
+            QStringList({welcome, runtime + "/startup-status.html"_L1, runtime + "/startup-status.html"_L1, failed,
+                         logs, u"https://quillmere.example/admin.html"_s, u"https://quillmere.example/downloads/"_s,
+                         u"http://127.0.0.1:%1/"_s.arg(port), welcome, failed, logs}));
     }
 
     void channelTrustsThisUserAlone_data()
