@@ -4,10 +4,8 @@
 #include "app/process/ProcessRunner.h"
 #include "platform/QtPlatformChoice.h"
 #include "platform/RunningApplications.h"
-#include "support/Files.h"
-#include "support/TestEnvironment.h"
-#include <QRegularExpression>
-#include <QTest>
+#include "support/Testing.h"
+
 #include <thread>
 
 class AppTest : public QObject {
@@ -15,50 +13,40 @@ class AppTest : public QObject {
     TestEnvironment env;
     QString script(const QString &name, const QString &body)
     {
-        TestEnvironment::writeScript(env.root() + QStringLiteral("/scripts/") + name, body);
-        return env.root() + QStringLiteral("/scripts/") + name;
+        TestEnvironment::writeScript(env.root() + u"/scripts/"_s + name, body);
+        return env.root() + u"/scripts/"_s + name;
     }
     // A /proc/self/status figure in kB: VmRSS now, VmHWM the peak so far.
     static qint64 memoryKb(const QByteArray &key)
     {
-        const QByteArray status = readFile(QStringLiteral("/proc/self/status"));
+        const QByteArray status = readFile(u"/proc/self/status"_s);
         return status.mid(status.indexOf(key + ':') + key.size() + 1).trimmed().split(' ').value(0).toLongLong();
     }
 
 private slots:
-    void logLinesAreUtcStampedOrderedWholeAndNeverLost()
+    void logLinesAreOrderedWholeAndNeverLost()
     {
         // Guards: a log name taken by a link to a folder (or a read-only file) lost every line.
         QTemporaryDir dir;
-        const QString path = dir.path() + QStringLiteral("/menu-app.log");
-        QVERIFY(QDir(dir.path()).mkdir(QStringLiteral("elsewhere")));
-        QVERIFY(QFile::link(dir.path() + QStringLiteral("/elsewhere"), path));
-        constexpr int threads = 4, perThread = 500;
+        const QString path = dir.filePath(u"menu-app.log"_s);
+        QVERIFY(QDir(dir.path()).mkdir(u"elsewhere"_s) && QFile::link(dir.filePath(u"elsewhere"_s), path));
+        QStringList expected[2];
         {
             AppLogger logger(path);
-            std::vector<std::thread> workers;
-            for (int t = 0; t < threads; ++t)
-                workers.emplace_back([&logger, t] {
-                    for (int i = 0; i < perThread; ++i)
-                        logger.log(QStringLiteral("thread %1 line %2 Größe | %3").arg(t).arg(i).arg(QString(40, u'x')));
+            std::thread workers[2];
+            for (int t = 0; t < 2; ++t)
+                workers[t] = std::thread([&logger, &lines = expected[t], t] {
+                    for (int i = 0; i < 500; ++i)
+                        logger.log(
+                            lines.emplace_back(u"thread %1 line %2 Größe | %3"_s.arg(t).arg(i).arg(QString(40, u'x'))));
                 });
             for (auto &worker : workers)
                 worker.join();
         } // destruction drains the queue
-
         QVERIFY(QFileInfo(path).isFile() && !QFileInfo(path).isSymLink());
-        QCOMPARE(QDir(dir.path()).entryList(QDir::Files), QStringList{QStringLiteral("menu-app.log")});
-        const QList<QByteArray> lines = readFile(path).split('\n');
-        QCOMPARE(lines.size(), threads * perThread + 1);
-        QVERIFY(lines.last().isEmpty());
-        static const QRegularExpression shape(
-            QStringLiteral(R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z \| thread (\d) line (\d+) Größe \| x{40}$)"));
-        std::vector<int> next(threads, 0);
-        for (qsizetype i = 0; i + 1 < lines.size(); ++i) {
-            const auto match = shape.match(QString::fromUtf8(lines[i]));
-            QVERIFY2(match.hasMatch(), lines[i].constData());
-            QCOMPARE(match.captured(2).toInt(), next[match.captured(1).toInt()]++); // call order per thread
-        }
+        QCOMPARE(QDir(dir.path()).entryList(QDir::Files), QStringList{u"menu-app.log"_s});
+        const QStringList lines = TestEnvironment::logMessagesIn(path); // each stamped in UTC to the millisecond
+        QCOMPARE(lines.filter(u"thread 0 "_s) + lines.filter(u"thread 1 "_s), expected[0] + expected[1]);
     }
 
     void processResultAndLogLines_data()
@@ -68,20 +56,19 @@ private slots:
         QTest::addColumn<int>("exitCode");
         QTest::addColumn<QStringList>("outputs");     // standard output and error as returned
         QTest::addColumn<QStringList>("expectedLog"); // after the launching line
-        const QStringList stop{QStringLiteral("stop")}, none{QString(), QString()};
+        const QStringList stop{u"stop"_s}, none{QString(), QString()};
         QTest::newRow("missing") << QString() << stop << 1 << none << QStringList();
-        QTest::newRow("blank-stderr") << QStringLiteral("printf '  \\n\\t' >&2; exit 3") << stop << 3
-                                      << QStringList{QString(), QStringLiteral("  \n\t")}
-                                      << QStringList{QStringLiteral("Process exited with code 3")};
-        QTest::newRow("trimmed-in-log-only")
-            << QStringLiteral("printf ' started agent\\n'; printf 'warn\\n' >&2") << QStringList() << 0
-            << QStringList{QStringLiteral(" started agent\n"), QStringLiteral("warn\n")}
-            << QStringList{QStringLiteral("Process stdout: started agent"), QStringLiteral("Process stderr: warn"),
-                           QStringLiteral("Process exited with code 0")};
-        QTest::newRow("undecodable output dropped") << QStringLiteral("printf 'ok\\377\\n'") << stop << 0 << none
-                                                    << QStringList{QStringLiteral("Process exited with code 0")};
-        QTest::newRow("killed") << QStringLiteral("kill -9 $$") << QStringList() << 9 << none
-                                << QStringList{QStringLiteral("Process exited with code 9")};
+        QTest::newRow("blank-stderr") << u"printf '  \\n\\t' >&2; exit 3"_s << stop << 3
+                                      << QStringList{QString(), u"  \n\t"_s}
+                                      << QStringList{u"Process exited with code 3"_s};
+        QTest::newRow("trimmed-in-log-only") << u"printf ' started agent\\n'; printf 'warn\\n' >&2"_s << QStringList()
+                                             << 0 << QStringList{u" started agent\n"_s, u"warn\n"_s}
+                                             << QStringList{u"Process stdout: started agent"_s,
+                                                            u"Process stderr: warn"_s, u"Process exited with code 0"_s};
+        QTest::newRow("undecodable output dropped")
+            << u"printf 'ok\\377\\n'"_s << stop << 0 << none << QStringList{u"Process exited with code 0"_s};
+        QTest::newRow("killed") << u"kill -9 $$"_s << QStringList() << 9 << none
+                                << QStringList{u"Process exited with code 9"_s};
         // 16 MiB on each stream at once; the limit falls inside a two-byte character.
         const QString out = u'a' + QString(ProcessRunner::outputLimitBytes / 2 - 1, u'é'),
                       err(ProcessRunner::outputLimitBytes, u'x');
@@ -91,7 +78,7 @@ private slots:
             << stop << 0 << QStringList{out, err}
             << QStringList{"Process stdout: " + out + " [15728642 more bytes left out]",
                            "Process stderr: " + err + " [15728640 more bytes left out]",
-                           QStringLiteral("Process exited with code 0")};
+                           u"Process exited with code 0"_s};
     }
     void processResultAndLogLines()
     {
@@ -100,20 +87,20 @@ private slots:
         QFETCH(int, exitCode);
         QFETCH(QStringList, outputs);
         QFETCH(QStringList, expectedLog);
-        const QString path = body.isNull() ? env.root() + QStringLiteral("/nowhere")
-                                           : script(QString::fromLatin1(QTest::currentDataTag()), body);
+        const QString path =
+            body.isNull() ? env.root() + u"/nowhere"_s : script(QString::fromLatin1(QTest::currentDataTag()), body);
         env.markLog();
         const qint64 before = memoryKb("VmRSS");
         const ProcessResult result = ProcessRunner::runSync(path, arguments);
         QCOMPARE(result.exitCode, exitCode);
         if (exitCode == 1) { // could not start: the reason is the error output and its log line
             QVERIFY(result.stdOut.isEmpty() && !result.stdErr.isEmpty());
-            expectedLog = {QStringLiteral("Process launch failed: ") + result.stdErr};
+            expectedLog = {u"Process launch failed: "_s + result.stdErr};
         } else {
             QCOMPARE(QStringList({result.stdOut, result.stdErr}), outputs);
         }
         // With no arguments the launching line ends in the blank after the path.
-        const QString launching = QStringLiteral("Launching process: ") + path + u' ' + arguments.join(u' ');
+        const QString launching = u"Launching process: "_s + path + u' ' + arguments.join(u' ');
         QCOMPARE(env.messagesSinceMark(), QStringList{launching} + expectedLog);
         QCOMPARE_LT(memoryKb("VmHWM") - before, 48 * 1024); // generous: ASan keeps some freed memory
     }
@@ -125,8 +112,8 @@ private slots:
         // defaults file (empty: the preferences domain), volumes.
         QTest::addColumn<QStringList>("in");
         QTest::addColumn<QStringList>("out");
-        const QString app = QStringLiteral("/Applications/Quillmere Agent.app");
-        const QString conf = QStringLiteral("/com.tallyhold.agent.app.conf");
+        const QString app = u"/Applications/Quillmere Agent.app"_s;
+        const QString conf = u"/com.tallyhold.agent.app.conf"_s;
         QTest::newRow("installed") << QStringList{"/usr/bin/quillmere-menu", "/home/me", "", "", "", ""}
                                    << QStringList{"/usr/share/quillmere-menu", "/usr/share/quillmere-menu/Info.plist",
                                                   "/home/me/.local/share", "/home/me/.config" + conf, "/media/me"};
@@ -153,8 +140,8 @@ private slots:
     {
         QFETCH(QStringList, in);
         QFETCH(QStringList, out);
-        const Locations locations = locationsFor(
-            {in[0], in[1], in[2], in[3], in[4], QStringLiteral("me"), in[5] == QLatin1String("run-media")});
+        const Locations locations =
+            locationsFor({in[0], in[1], in[2], in[3], in[4], u"me"_s, in[5] == QLatin1String("run-media")});
         QCOMPARE(locations.resourceDirectory.value_or(QString()), out[0]);
         QCOMPARE(locations.infoPlistPath, out[1]);
         QCOMPARE(locations.applicationSupportDirectory, out[2]);

@@ -1,32 +1,15 @@
 // The status menu and its badge: the entries in order, what a state update shows, logs and enables,
 // the status button, and the badge's colours at known pixels (also written out as pictures).
-#include "app/AppDelegate.h"
 #include "menu/BrandImage.h"
 #include "menu/MenuItemCheckState.h"
-#include "support/FakePlatform.h"
-#include "support/TestEnvironment.h"
-
-#include <QAction>
-#include <QMenu>
-#include <QRegularExpression>
-#include <QTest>
+#include "support/Testing.h"
 
 namespace {
-
-struct Harness {
-    explicit Harness(const Configuration &configuration) : delegate(configuration, fakes.services(), &host)
-    {
-        delegate.assembleStatusMenu();
-    }
-    FakePlatform fakes;
-    ApplicationHost host;
-    AppDelegate delegate;
-};
 
 // What a menu shows for a title: "&&" is a literal ampersand, a lone '&' marks an accelerator.
 QString shownText(const QAction *action)
 {
-    return QString(action->text()).replace(QRegularExpression(QStringLiteral("&(.)")), QStringLiteral("\\1"));
+    return QString(action->text()).replace(QRegularExpression(u"&(.)"_s), u"\\1"_s);
 }
 
 // The whole menu in order: "-" a separator, "(...)" a disabled item, "[x] " a checked one, " <...>" a shortcut.
@@ -34,9 +17,7 @@ QString wholeMenu(const QMenu &menu)
 {
     QStringList entries;
     for (const QAction *item : menu.actions()) {
-        QString entry = item->isSeparator()
-                            ? QStringLiteral("-")
-                            : (item->isChecked() ? QStringLiteral("[x] ") : QString()) + shownText(item);
+        QString entry = item->isSeparator() ? u"-"_s : (item->isChecked() ? u"[x] "_s : QString()) + shownText(item);
         if (!item->shortcut().isEmpty())
             entry += " <" + item->shortcut().toString() + '>';
         entries.append(item->isEnabled() ? entry : '(' + entry + ')');
@@ -87,17 +68,17 @@ private slots:
     void updateShowsLogsAndEnables()
     {
         QFETCH(UpdateRow, row);
-        Configuration config = env.configuration(QUrl(QStringLiteral("http://127.0.0.1:1")));
+        Configuration config = env.configuration(QUrl(u"http://127.0.0.1:1"_s));
         if (!row.runtimeFolder)
             config.resourceDirectory.reset();
-        Harness h(config);
-        AppDelegate &d = h.delegate;
-        StatusButton *button = h.fakes.statusItem->button();
+        Controller c(config);
+        AppDelegate &d = c.delegate;
+        StatusButton *button = c.fakes.statusItem->button();
         if (row.title) {
-            d.updateStateMenu(QStringLiteral("Status: Running"), QStringLiteral("0.9"), !row.running);
+            d.updateStateMenu(u"Status: Running"_s, u"0.9"_s, !row.running);
             setMenuItemCheckState(d.runAtStartupMenuItem(), 1);
             // Whatever the button showed gives way to the plain image-only badge.
-            button->setTitle(QStringLiteral("stale"));
+            button->setTitle(u"stale"_s);
             button->setAppearsDisabled(true);
             d.startInFlight = row.startInFlight;
             d.stopInFlight = row.stopInFlight;
@@ -107,10 +88,9 @@ private slots:
         }
         QCOMPARE(wholeMenu(*d.menu),
                  QString::fromUtf8(row.menu).replace(
-                     QStringLiteral("%P"), QStringLiteral("Open Cloud Admin|Check for Updates|Open Local Admin|"
-                                                          "Open Getting Started|Open Startup Status|Open Logs")));
-        QCOMPARE(button->toolTip(), row.running ? QStringLiteral("Quillmere Agent is running")
-                                                : QStringLiteral("Quillmere Agent is offline"));
+                     u"%P"_s, QStringLiteral("Open Cloud Admin|Check for Updates|Open Local Admin|"
+                                             "Open Getting Started|Open Startup Status|Open Logs")));
+        QCOMPARE(button->toolTip(), row.running ? u"Quillmere Agent is running"_s : u"Quillmere Agent is offline"_s);
         QVERIFY(button->title().isEmpty() && !button->appearsDisabled() && !button->image().isMask());
     }
 
@@ -138,8 +118,7 @@ private slots:
                                          .toImage()
                                          .convertToFormat(QImage::Format_ARGB32_Premultiplied);
                 QCOMPARE(image.size(), QSize(18, 18) * scale);
-                const QString name =
-                    QStringLiteral("brand-badge-%1@%2x.png").arg(running ? "running" : "offline").arg(scale);
+                const QString name = u"brand-badge-%1@%2x.png"_s.arg(running ? "running" : "offline").arg(scale);
                 if (!folder.isEmpty())
                     QVERIFY2(image.save(folder + '/' + name), qPrintable(name));
                 for (const Spot &spot : spots) {

@@ -2,34 +2,24 @@
 // however often, and not before a start still running has ended; the real program does the same
 // on SIGTERM after launching in order, and a second copy leaves at once, even where the session's
 // runtime folder is unusable.
-#include "app/AppDelegate.h"
-#include "support/FakeAgent.h"
-#include "support/FakeControlScript.h"
-#include "support/FakePlatform.h"
 #include "support/InstalledProgram.h"
-#include <QAction>
-#include <QElapsedTimer>
-#include <QRegularExpression>
-#include <QSignalSpy>
-#include <QTest>
+#include "support/Testing.h"
+
 #include <csignal>
 #include <unistd.h>
 
-using namespace Qt::StringLiterals;
-
-static const QString quitLine = QStringLiteral("Quit requested from menu.");
-static const QString requestLine = QStringLiteral("Application termination requested. Stopping agent before exit.");
-static const QString stoppingLine =
-    QStringLiteral("State updated: Status: Stopping and Scanning... version=1.4.2 running=false");
-static const QString lastLine = QStringLiteral("Application will terminate.");
+static const QString quitLine = u"Quit requested from menu."_s;
+static const QString requestLine = u"Application termination requested. Stopping agent before exit."_s;
+static const QString stoppingLine = u"State updated: Status: Stopping and Scanning... version=1.4.2 running=false"_s;
+static const QString lastLine = u"Application will terminate."_s;
 
 class TerminationTest : public QObject {
     Q_OBJECT
     TestEnvironment env;
     std::unique_ptr<FakeAgent> agent; // fresh per test: a late probe from the last one is not counted
-    FakePlatform fakes;
-    std::unique_ptr<ApplicationHost> host;
-    std::unique_ptr<AppDelegate> delegate;
+    std::unique_ptr<Controller> controller;
+    ApplicationHost *host = nullptr;
+    AppDelegate *delegate = nullptr;
     std::unique_ptr<QSignalSpy> terminated;
     std::unique_ptr<FakeControlScript> script;
 
@@ -37,21 +27,19 @@ class TerminationTest : public QObject {
     // Without resources no control script can be found, and a stop ends at once.
     void makeController(int stopExit = 0, bool showRunning = true, bool withResources = true)
     {
-        script = std::make_unique<FakeControlScript>(env.runtimeDir() + QStringLiteral("/agentctl.sh"));
+        script = std::make_unique<FakeControlScript>(env.runtimeDir() + u"/agentctl.sh"_s);
         script->write({0, true, {}}, {stopExit, true, {}});
         Configuration config = env.configuration(agent->baseURL());
         if (!withResources)
             config.resourceDirectory.reset();
         config.refreshInterval = std::chrono::hours(1);
         config.launchFlowDelay = std::chrono::milliseconds(20);
-        host = std::make_unique<ApplicationHost>();
-        delegate = std::make_unique<AppDelegate>(config, fakes.services(), host.get());
-        host->setDelegate(delegate.get());
-        terminated = std::make_unique<QSignalSpy>(host.get(), &ApplicationHost::terminated);
-        if (showRunning) {
-            delegate->assembleStatusMenu();
-            delegate->updateStateMenu(QStringLiteral("Status: Running"), QStringLiteral("1.4.2"), true);
-        }
+        controller = std::make_unique<Controller>(config, showRunning);
+        host = &controller->host;
+        delegate = &controller->delegate;
+        terminated = std::make_unique<QSignalSpy>(host, &ApplicationHost::terminated);
+        if (showRunning)
+            delegate->updateStateMenu(u"Status: Running"_s, u"1.4.2"_s, true);
         env.markLog();
     }
 
@@ -59,13 +47,12 @@ private slots:
     void init()
     {
         agent = std::make_unique<FakeAgent>();
-        agent->setHealthy(QStringLiteral("1.4.2"));
+        agent->setHealthy(u"1.4.2"_s);
     }
     void cleanup()
     {
         terminated.reset();
-        delegate.reset();
-        host.reset();
+        controller.reset();
     }
 
     // Guards: a quit signal that came before launching had finished was forgotten.
@@ -77,9 +64,9 @@ private slots:
         QCoreApplication::processEvents(); // the signal is read, but nothing is launched to ask yet
         QCOMPARE(script->runs().size(), 0);
         host->finishLaunching();
-        QTRY_COMPARE(script->runs(), QList<QStringList>{QStringList{QStringLiteral("stop")}});
+        QTRY_COMPARE(script->runs(), QList<QStringList>{QStringList{u"stop"_s}});
         QVERIFY(env.messagesSinceMark().contains(requestLine));
-        script->release(QStringLiteral("stop"));
+        script->release(u"stop"_s);
         QVERIFY(terminated->wait(10000));
     }
 
@@ -88,10 +75,10 @@ private slots:
         QTest::addColumn<bool>("menuStopFirst"); // a stop from the menu is still running at the Quit
         QTest::addColumn<int>("stopExit");       // a failing one also had the bypass left on before the Quit
         QTest::addColumn<QStringList>("stopLines");
-        const QString exited = QStringLiteral("Process exited with code %1");
+        const QString exited = u"Process exited with code %1"_s;
         QTest::newRow("clean stop") << false << 0 << QStringList{exited.arg(0)};
         QTest::newRow("failing stop, bypass left on")
-            << false << 2 << QStringList{exited.arg(2), QStringLiteral("Agent stop command finished with exit code 2")};
+            << false << 2 << QStringList{exited.arg(2), u"Agent stop command finished with exit code 2"_s};
         // Guards: a Quit during a menu stop started a second stop.
         QTest::newRow("during a menu stop") << true << 0 << QStringList{exited.arg(0)};
     }
@@ -108,18 +95,18 @@ private slots:
             env.markLog();
         }
         delegate->quitMenuItem()->trigger();
-        QCOMPARE(delegate->stateMenuItem->text(), QStringLiteral("Status: Stopping and Scanning..."));
+        QCOMPARE(delegate->stateMenuItem->text(), u"Status: Stopping and Scanning..."_s);
         delegate->quitApp(); // a repeated request while the answer is pending starts nothing new
-        QTRY_COMPARE(script->runs(), QList<QStringList>{QStringList{QStringLiteral("stop")}});
+        QTRY_COMPARE(script->runs(), QList<QStringList>{QStringList{u"stop"_s}});
         QCOMPARE(terminated->count(), 0); // the final answer waits for the stop
-        script->release(QStringLiteral("stop"));
+        script->release(u"stop"_s);
         QVERIFY(terminated->wait(10000));
         QStringList log = env.messagesSinceMark();
         QTest::qWait(100); // a second stop or termination would have come by now
         QCOMPARE(terminated->count(), 1);
         QCOMPARE(script->runs().size(), 1);
         QCOMPARE(log.removeAll("Launching process: "_L1 + script->path() + " stop"_L1), menuStopFirst ? 0 : 1);
-        stopLines << QStringLiteral("Termination stop finished with exit code %1.").arg(stopExit) << lastLine;
+        stopLines << u"Termination stop finished with exit code %1."_s.arg(stopExit) << lastLine;
         QCOMPARE(log, QStringList({quitLine, requestLine, stoppingLine, quitLine}) + stopLines);
         QVERIFY(!delegate->terminationReplyPending && !delegate->stopInFlight && !delegate->terminateAfterStop &&
                 host->hasTerminated());
@@ -132,15 +119,15 @@ private slots:
         agent->setResponse("/healthz", {503, "{}", "application/json", false, 300});
         makeController(0, false);
         host->finishLaunching();
-        QTRY_VERIFY(env.messagesSinceMark().contains(QStringLiteral("Launch flow starting. launchedAtLogin=false")));
+        QTRY_VERIFY(env.messagesSinceMark().contains(u"Launch flow starting. launchedAtLogin=false"_s));
         delegate->quitApp();
-        QTRY_COMPARE(script->runs(), QList<QStringList>{QStringList{QStringLiteral("stop")}});
+        QTRY_COMPARE(script->runs(), QList<QStringList>{QStringList{u"stop"_s}});
         QTRY_VERIFY(agent->countFor("/healthz") >= 2); // the launch probe's answer has come and gone
         QTest::qWait(400);
-        script->release(QStringLiteral("stop"));
+        script->release(u"stop"_s);
         QVERIFY(terminated->wait(10000));
-        QCOMPARE(script->runs(), QList<QStringList>{QStringList{QStringLiteral("stop")}});
-        QVERIFY(!env.messagesSinceMark().contains(QStringLiteral("Agent not healthy during launch. Starting agent.")));
+        QCOMPARE(script->runs(), QList<QStringList>{QStringList{u"stop"_s}});
+        QVERIFY(!env.messagesSinceMark().contains(u"Agent not healthy during launch. Starting agent."_s));
     }
 
     // The system (AppKit, a quit signal) asks; the reply goes back at once and a deferred final
@@ -179,7 +166,7 @@ private slots:
         if (reply == ApplicationHost::TerminateLater) {
             if (stopRuns) {
                 QTRY_COMPARE(script->runs().size(), 1);
-                script->release(QStringLiteral("stop"));
+                script->release(u"stop"_s);
             }
             QTRY_COMPARE(answers, QList<bool>{true});
             QTest::qWait(100); // a second answer would have come by now
@@ -197,24 +184,17 @@ private slots:
         QCOMPARE(log.count(lastLine), setup == QLatin1String("no delegate") ? 0 : 1);
     }
 
-    void realProgramLeavesOnceAsSecondCopyAndWaitsForTheStartOnSigterm_data()
-    {
-        QTest::addColumn<bool>("runtimeFolderUsable");
-        QTest::newRow("lock in the runtime folder") << true;
-        QTest::newRow("runtime folder unusable") << false; // a file in its place: not even root writes there
-    }
     // Guards: a SIGTERM while the launch start still ran exited before the start ended, leaving the
-    // agent it brought up running; and a second copy went unnoticed where the runtime folder is unusable.
+    // agent it brought up running; and a second copy went unnoticed where the runtime folder is unusable
+    // (a file in its place: not even root writes there).
     void realProgramLeavesOnceAsSecondCopyAndWaitsForTheStartOnSigterm()
     {
-        QFETCH(bool, runtimeFolderUsable);
         InstalledProgram program;
-        const QString agentUp = program.root() + QStringLiteral("/agent-up"), run = program.root() + "/xdg-runtime"_L1;
+        const QString agentUp = program.root() + u"/agent-up"_s, run = program.root() + "/xdg-runtime"_L1;
         FakeControlScript realScript(program.controlScript());
         realScript.write({0, true, "touch "_L1 + TestEnvironment::shellQuoted(agentUp)},
                          {0, false, "rm -f "_L1 + TestEnvironment::shellQuoted(agentUp)});
-        if (!runtimeFolderUsable)
-            writeFile(run, {});
+        writeFile(run, {});
         agent->setHealthDown();
         QElapsedTimer sinceLaunch;
         QList<qint64> probes; // arrivals on sinceLaunch
@@ -224,12 +204,12 @@ private slots:
         });
         sinceLaunch.start();
         QProcess *first = program.start(agent->port());
-        QTRY_COMPARE_WITH_TIMEOUT(realScript.runs(), QList<QStringList>{QStringList{QStringLiteral("start")}}, 15000);
+        QTRY_COMPARE_WITH_TIMEOUT(realScript.runs(), QList<QStringList>{QStringList{u"start"_s}}, 15000);
 
         // Same session (instance lock), own data folder so its log stands alone.
         QElapsedTimer clock;
         clock.start();
-        QProcess *second = program.start(agent->port(), {}, QStringLiteral("second"));
+        QProcess *second = program.start(agent->port(), {}, u"second"_s);
         QTRY_COMPARE_WITH_TIMEOUT(second->state(), QProcess::NotRunning, 15000);
         QVERIFY2(clock.elapsed() < 5000, "the second copy should leave at once");
         QCOMPARE(second->exitCode(), 0);
@@ -237,37 +217,32 @@ private slots:
                                  " (it is not a folder). Using "_L1 + program.root() +
                                  "/tmp/" QUILLMERE_BUNDLE_IDENTIFIER "-"_L1 + QString::number(::getuid()) +
                                  ".lock instead."_L1;
-        QStringList secondLog{QStringLiteral("Application did finish launching."),
-                              QStringLiteral("Duplicate app instance detected. Terminating new instance."),
-                              QStringLiteral("Termination requested with stop bypass enabled."), lastLine};
-        if (!runtimeFolderUsable)
-            secondLog.insert(1, lockLine);
-        QCOMPARE(program.logMessages(QStringLiteral("second")), secondLog);
-        QCOMPARE(program.logMessages().contains(lockLine), !runtimeFolderUsable);
+        QCOMPARE(program.logMessages(u"second"_s),
+                 QStringList({u"Application did finish launching."_s, lockLine,
+                              u"Duplicate app instance detected. Terminating new instance."_s,
+                              u"Termination requested with stop bypass enabled."_s, lastLine}));
+        QVERIFY(program.logMessages().contains(lockLine));
         QCOMPARE(first->state(), QProcess::Running);
-        if (runtimeFolderUsable) {
-            // The default timings: a probe at launch, the launch flow's 0.4 s later, the refresh's
-            // 5 s later; in between the program idles (a spinning loop would take a whole core).
-            const auto cpuMs = [pid = first->processId()] {
-                const QList<QByteArray> stat =
-                    readFile(QStringLiteral("/proc/%1/stat").arg(pid)).split(')').last().split(' ');
-                return (stat.value(12).toLongLong() + stat.value(13).toLongLong()) * 1000 / ::sysconf(_SC_CLK_TCK);
-            };
-            const qint64 cpuBefore = cpuMs(), idleFrom = sinceLaunch.elapsed();
-            QTRY_VERIFY_WITH_TIMEOUT(probes.size() >= 3, 12000);
-            const qint64 idle = sinceLaunch.elapsed() - idleFrom, cpu = cpuMs() - cpuBefore;
-            QVERIFY2(cpu < 100 + idle / 2, qPrintable(u"%1 ms CPU in %2 ms"_s.arg(cpu).arg(idle)));
-            QVERIFY2(probes[1] - probes[0] >= 200 && probes[1] - probes[0] < 2000 && probes[2] - probes[0] >= 4000 &&
-                         probes[2] - probes[0] < 7500,
-                     qPrintable(QString::number(probes[1] - probes[0]) + ' ' + QString::number(probes[2] - probes[0])));
-        }
+        // The default timings: a probe at launch, the launch flow's 0.4 s later, the refresh's
+        // 5 s later; in between the program idles (a spinning loop would take a whole core).
+        const auto cpuMs = [pid = first->processId()] {
+            const QList<QByteArray> stat = readFile(u"/proc/%1/stat"_s.arg(pid)).split(')').last().split(' ');
+            return (stat.value(12).toLongLong() + stat.value(13).toLongLong()) * 1000 / ::sysconf(_SC_CLK_TCK);
+        };
+        const qint64 cpuBefore = cpuMs(), idleFrom = sinceLaunch.elapsed();
+        QTRY_VERIFY_WITH_TIMEOUT(probes.size() >= 3, 12000);
+        const qint64 idle = sinceLaunch.elapsed() - idleFrom, cpu = cpuMs() - cpuBefore;
+        QVERIFY2(cpu < 100 + idle / 2, qPrintable(u"%1 ms CPU in %2 ms"_s.arg(cpu).arg(idle)));
+        QVERIFY2(probes[1] - probes[0] >= 200 && probes[1] - probes[0] < 2000 && probes[2] - probes[0] >= 4000 &&
+                     probes[2] - probes[0] < 7500,
+                 qPrintable(QString::number(probes[1] - probes[0]) + ' ' + QString::number(probes[2] - probes[0])));
 
         ::kill(pid_t(first->processId()), SIGTERM);
-        const QString stopped = QStringLiteral("Termination stop finished with exit code 0.");
+        const QString stopped = u"Termination stop finished with exit code 0."_s;
         QTRY_VERIFY_WITH_TIMEOUT(program.logMessages().contains(stopped), 15000);
         QCOMPARE(first->state(), QProcess::Running); // the start has not ended: no final answer yet
         ::kill(pid_t(first->processId()), SIGTERM);  // a repeated request starts nothing new
-        realScript.release(QStringLiteral("start"));
+        realScript.release(u"start"_s);
         QTRY_COMPARE_WITH_TIMEOUT(first->state(), QProcess::NotRunning, 15000);
         QCOMPARE(first->exitStatus(), QProcess::NormalExit);
         QCOMPARE(first->exitCode(), 0);
