@@ -1,21 +1,18 @@
 // Run at startup: the state resolved from the login-item service and launch agent files, the menu
 // item switching it, each service outcome, the launch agent files with their launchctl runs (kept by
 // a stand-in launchctl), the exact property list, and the Linux autostart entry end to end.
-#include "app/AppDelegate.h"
+#include "support/Testing.h"
+
 #include "menu/MenuItemCheckState.h"
 #ifdef Q_OS_LINUX
 #include "platform/linux/AutostartLoginItemService.h"
 #endif
-#include "support/FakePlatform.h"
-#include "support/Files.h"
-#include "support/TestEnvironment.h"
 
-#include <QAction>
 #include <unistd.h>
 
 namespace {
 
-const QString ownLabel = QStringLiteral("com.tallyhold.agent.app");
+const QString ownLabel = u"com.tallyhold.agent.app"_s;
 const QStringList obsoleteLabels{"com.tallyhold.agent.menubarbeta.app", "com.tallyhold.agent.nativebeta.app",
                                  "com.tallyhold.agent"};
 // Leftovers of an earlier edition: only valid UTF-8 carrying the login marker counts.
@@ -24,30 +21,17 @@ const QByteArray markedInComment = "<plist><!-- started with --launched-at-login
 const QByteArray unmarked = "<plist><key>Label</key><string>com.tallyhold.agent</string></plist>";
 const QByteArray notUtf8 = "<plist>\xff\xfe<string>--launched-at-login</string></plist>";
 
-QByteArray goldenPlist(); // after the test class, where its raw text cannot upset moc
-
-struct Harness {
-    explicit Harness(const Configuration &configuration) : delegate(configuration, fakes.services(), &host)
-    {
-        host.setDelegate(&delegate);
-    }
-    FakeLoginItemService &service() { return *fakes.loginItems; }
-    FakePlatform fakes;
-    ApplicationHost host;
-    AppDelegate delegate;
-};
-
 } // namespace
 
 class RunAtStartupTest : public QObject {
     Q_OBJECT
-    Configuration configuration() const { return env.configuration(QUrl(QStringLiteral("http://127.0.0.1:1"))); }
+    Configuration configuration() const { return env.configuration(QUrl(u"http://127.0.0.1:1"_s)); }
     QString plistPath() const { return env.home() + "/Library/LaunchAgents/" + ownLabel + ".plist"; }
     QString obsoletePath(int i) const { return env.home() + "/Library/LaunchAgents/" + obsoleteLabels[i] + ".plist"; }
-    QString recordPath() const { return env.root() + QStringLiteral("/launchctl-calls.txt"); }
+    QString recordPath() const { return env.root() + u"/launchctl-calls.txt"_s; }
     QString run(const QString &verb, const QString &path) const
     {
-        return QStringLiteral("[%1][gui/%2][%3]").arg(verb).arg(getuid()).arg(path);
+        return u"[%1][gui/%2][%3]"_s.arg(verb).arg(getuid()).arg(path);
     }
     QStringList launchctlCalls() const { return QString(readFile(recordPath())).split('\n', Qt::SkipEmptyParts); }
     QStringList ownLines() const // without the process runner's lines
@@ -63,9 +47,9 @@ class RunAtStartupTest : public QObject {
 private slots:
     void init()
     {
-        QDir(env.home() + QStringLiteral("/Library")).removeRecursively();
-        QDir(env.configHome() + QStringLiteral("/autostart")).removeRecursively();
-        QDir(env.root() + QStringLiteral("/support")).removeRecursively();
+        QDir(env.home() + u"/Library"_s).removeRecursively();
+        QDir(env.configHome() + u"/autostart"_s).removeRecursively();
+        QDir(env.root() + u"/support"_s).removeRecursively();
         QFile::remove(recordPath());
         // A launchctl that records each run as one line of bracketed arguments.
         TestEnvironment::writeScript(configuration().launchctlPath,
@@ -105,9 +89,10 @@ private slots:
             writeFile(plistPath(), QByteArray());
         for (int i = 0; i < obsoleteLabels.size() && !leftover.isNull(); ++i)
             writeFile(obsoletePath(i), leftover);
-        Harness h(configuration());
-        h.service().available = available;
-        h.service().currentStatus = status;
+        Controller h(configuration(), false);
+        FakeLoginItemService &service = *h.fakes.loginItems;
+        service.available = available;
+        service.currentStatus = status;
 
         // The item shows the state (check mark, mixed mark, title); resolving changes nothing else.
         QAction *item = h.delegate.runAtStartupMenuItem();
@@ -115,14 +100,14 @@ private slots:
         h.delegate.refreshRunAtStartupState();
         QCOMPARE(menuItemCheckState(item), shown);
         QCOMPARE(item->text(), shown == menuItemStateMixed ? "Run at Startup (Needs Approval)" : "Run at Startup");
-        QVERIFY(h.service().calls.isEmpty() && launchctlCalls().isEmpty() && env.messagesSinceMark().isEmpty());
+        QVERIFY(service.calls.isEmpty() && launchctlCalls().isEmpty() && env.messagesSinceMark().isEmpty());
 
         // Choosing the item turns on only what was off; needing approval counts as on.
         item->trigger();
         const bool turnedOn = shown == menuItemStateOff;
-        QCOMPARE(h.service().calls, available ? QStringList{turnedOn ? "register" : "unregister"} : QStringList());
+        QCOMPARE(service.calls, available ? QStringList{turnedOn ? "register" : "unregister"} : QStringList());
         QCOMPARE(item->isChecked(), turnedOn);
-        QCOMPARE(item->text(), QStringLiteral("Run at Startup"));
+        QCOMPARE(item->text(), u"Run at Startup"_s);
         QCOMPARE(QFile::exists(plistPath()), turnedOn && !available);
         // Either way marked leftovers are cleaned up, and only those.
         for (int i = 0; i < obsoleteLabels.size(); ++i)
@@ -165,18 +150,19 @@ private slots:
         QFETCH(int, statusAfter);
         QFETCH(QStringList, lines);
         writeFile(plistPath(), "an earlier install");
-        Harness h(configuration());
+        Controller h(configuration(), false);
+        FakeLoginItemService &service = *h.fakes.loginItems;
         if (code != 0)
-            (enable ? h.service().registerResult : h.service().unregisterResult) =
+            (enable ? service.registerResult : service.unregisterResult) =
                 LoginItemError{"SMAppServiceErrorDomain", code, "Operation failed."};
-        h.service().statusAfterRegister = h.service().currentStatus = statusAfter;
+        service.statusAfterRegister = service.currentStatus = statusAfter;
 
         enable ? h.delegate.enableRunAtStartup() : h.delegate.disableRunAtStartup();
 
         QCOMPARE(ownLines(), lines);
         const bool settings = lines.last().endsWith("Opening Login Items settings.");
-        QCOMPARE(h.service().calls, QStringList{enable ? "register" : "unregister"} +
-                                        (settings ? QStringList{"openSettings"} : QStringList()));
+        QCOMPARE(service.calls, QStringList{enable ? "register" : "unregister"} +
+                                    (settings ? QStringList{"openSettings"} : QStringList()));
         QVERIFY(h.delegate.stopAgentOnTerminate); // a quit while unloading our own job must not stick
         const bool removed = lines.contains("Removed legacy run-at-startup plist at " + plistPath());
         QCOMPARE(QFile::exists(plistPath()), !removed);
@@ -215,22 +201,21 @@ private slots:
         QFETCH(QStringList, lines);
         QFETCH(bool, launchctlRuns);
         Configuration config = configuration();
-        config.applicationSupportDirectory = env.root() + QStringLiteral("/support"); // logs folder made on the way
+        config.applicationSupportDirectory = env.root() + u"/support"_s; // logs folder made on the way
         // Guards: unescaped ampersands and quotes in the program path made launchd reject the whole file.
-        config.executablePath =
-            QStringLiteral("/Applications/Quillmere & Co.app/Contents/MacOS/Quillmere <Agent> \"&apos;'");
+        config.executablePath = u"/Applications/Quillmere & Co.app/Contents/MacOS/Quillmere <Agent> \"&apos;'"_s;
         writeFile(obsoletePath(0), marked);
         if (fault == QLatin1String("launchctl"))
             QFile::remove(config.launchctlPath);
         else if (fault == QLatin1String("plist")) // a folder in the way stops the write even for root
-            QVERIFY(QDir().mkpath(plistPath() + QStringLiteral("/inside")));
+            QVERIFY(QDir().mkpath(plistPath() + u"/inside"_s));
         else if (fault == QLatin1String("executable"))
             config.executablePath.reset();
         else if (fault == QLatin1String("translocated"))
             config.executablePath = QStringLiteral("/private/var/folders/x/AppTranslocation/1A2B/d/Quillmere Agent.app"
                                                    "/Contents/MacOS/quillmere-menu");
-        Harness h(config);
-        h.delegate.updateStateMenu(QStringLiteral("Status: Running"), QStringLiteral("2.3.4"), true);
+        Controller h(config, false);
+        h.delegate.updateStateMenu(u"Status: Running"_s, u"2.3.4"_s, true);
         env.markLog();
 
         h.delegate.installLegacyRunAtStartup();
@@ -244,11 +229,12 @@ private slots:
         QCOMPARE(QFile::exists(obsoletePath(0)), !written);
         if (written) // every byte counts
             QCOMPARE(readFile(plistPath()),
-                     goldenPlist().replace("$SUPPORT", QFile::encodeName(config.applicationSupportDirectory)));
+                     readFile(QFINDTESTDATA("launch-agent.plist"))
+                         .replace("$SUPPORT", QFile::encodeName(config.applicationSupportDirectory)));
         QStringList calls;
         if (launchctlRuns)
             calls << run("bootout", obsoletePath(0)) << run("bootout", plistPath()) << run("bootstrap", plistPath())
-                  << QStringLiteral("[kickstart][-k][gui/%1/%2]").arg(getuid()).arg(ownLabel);
+                  << u"[kickstart][-k][gui/%1/%2]"_s.arg(getuid()).arg(ownLabel);
         QCOMPARE(launchctlCalls(), calls);
     }
 
@@ -266,7 +252,7 @@ private slots:
         services.loginItems.reset(entries);
         AppDelegate delegate(config, std::move(services), &host);
         host.setDelegate(&delegate);
-        const QString folder = env.configHome() + QStringLiteral("/autostart");
+        const QString folder = env.configHome() + u"/autostart"_s;
         const QString entry = folder + '/' + ownLabel + ".desktop";
 
         // Switched on and off from the menu.
@@ -312,40 +298,6 @@ private slots:
 #endif
     }
 };
-
-namespace {
-
-// The property list for an installation with an awkward path, byte for byte.
-QByteArray goldenPlist()
-{
-    return R"plist(<?xml version="1.0" encoding="UTF-8"?>
-<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
-<plist version="1.0">
-<dict>
-  <key>Label</key>
-  <string>com.tallyhold.agent.app</string>
-  <key>ProgramArguments</key>
-  <array>
-    <string>/Applications/Quillmere &amp; Co.app/Contents/MacOS/Quillmere &lt;Agent&gt; &quot;&amp;apos;&apos;</string>
-    <string>--launched-at-login</string>
-  </array>
-  <key>RunAtLoad</key>
-  <true/>
-  <key>LimitLoadToSessionType</key>
-  <array>
-    <string>Aqua</string>
-  </array>
-  <key>ProcessType</key>
-  <string>Interactive</string>
-  <key>StandardOutPath</key>
-  <string>$SUPPORT/TallyholdAgent/runtime/logs/menu-app.out.log</string>
-  <key>StandardErrorPath</key>
-  <string>$SUPPORT/TallyholdAgent/runtime/logs/menu-app.err.log</string>
-</dict>
-</plist>)plist";
-}
-
-} // namespace
 
 QTEST_MAIN(RunAtStartupTest)
 #include "tst_RunAtStartup.moc"
