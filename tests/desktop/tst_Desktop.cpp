@@ -230,69 +230,51 @@ private slots:
         desktopPrograms_.clear();
     }
 
-    void xfcePanel_data()
-    {
-        QTest::addColumn<bool>("panelFirst");
-        QTest::newRow("panel after the program, as at login") << false;
-        QTest::newRow("panel before the program") << true;
-    }
-
+    // The panel starts after the program, as at login: the tray is looked for before the first health
+    // check, and the program has found none.
     void xfcePanel()
     {
-        QFETCH(bool, panelFirst);
-        if (panelFirst)
-            startXfcePanel();
         auto program = makeProgram();
         QProcess *process = program->start(agent_.port());
-        if (!panelFirst) {
-            // The tray is looked for before the first health check: the program has found none.
-            QTRY_VERIFY_WITH_TIMEOUT(agent_.countFor("/healthz") > 0, timeoutMs);
-            startXfcePanel();
-        }
+        QTRY_VERIFY_WITH_TIMEOUT(agent_.countFor("/healthz") > 0, timeoutMs);
+        startXfcePanel();
         QImage screen;
         const QRect badge = waitForStill(isBadgeCyan, {8, 8}, &screen);
         QVERIFY2(!badge.isEmpty(), "no running badge on the panel");
-        if (panelFirst) {
-            control_->release(u"stop"_s);
-            process->terminate();
-        } else {
-            savePicture(screen, u"xfce-panel-running.png"_s);
-            // A click opens the menu, where a user picks the first (with "Down") or last ("Up")
-            // enabled item with the keyboard and clicks it where it is highlighted.
-            const auto choose = [&](const QString &key) {
-                QImage shown;
-                const QRect menu = xdotool(clickAt(badge.center()), {100, 150}, &shown);
-                // The panel and the menu, for the README (the last menu opened is the running one).
-                savePicture(
-                    shown.copy(QRect(QPoint(0, 0), menu.bottomRight() + QPoint(200, 12)).intersected(shown.rect())),
-                    u"panel-menu.png"_s);
-                const QRect item = xdotool({u"key"_s, key}, {60, 8}, &shown);
-                return !menu.isEmpty() && !item.isEmpty() && runTool(u"xdotool"_s, clickAt(item.center()));
-            };
-            QVERIFY(choose(u"Down"_s)); // Stop Agent
-            QTRY_COMPARE_WITH_TIMEOUT(control_->runs(), QList<QStringList>{{u"stop"_s}}, timeoutMs);
-            agent_.setHealthDown();
-            control_->release(u"stop"_s);
-            QTRY_VERIFY_WITH_TIMEOUT(
-                (screen = grabScreen(), matching(screen, badge, isBadgeCyan).isEmpty() &&
-                                            matching(screen, badge, isBadgeGrey).width() > badge.width() / 2),
-                timeoutMs);
-            savePicture(screen, u"xfce-panel-offline.png"_s);
-            // Start Agent can be chosen once the stop has ended and the agent was found down.
-            QTRY_VERIFY_WITH_TIMEOUT(!program->logMessages().filter(u"State updated: Status: Stopped"_s).isEmpty(),
-                                     timeoutMs);
-            QVERIFY(choose(u"Down"_s)); // Start Agent
-            QTRY_COMPARE_WITH_TIMEOUT(control_->runs(), QList<QStringList>({{u"stop"_s}, {u"start"_s}}), timeoutMs);
-            agent_.setHealthy();
-            control_->release(u"start"_s);
-            QCOMPARE(waitForStill(isBadgeCyan, {8, 8}, &screen), badge);
-            QVERIFY(choose(u"Up"_s)); // Quit
-        }
-        // Either way the agent is stopped before the program exits.
+        savePicture(screen, u"xfce-panel-running.png"_s);
+        // A click opens the menu, where a user picks the first (with "Down") or last ("Up") enabled
+        // item with the keyboard and clicks it where it is highlighted.
+        const auto choose = [&](const QString &key) {
+            QImage shown;
+            const QRect menu = xdotool(clickAt(badge.center()), {100, 150}, &shown);
+            // The panel and the menu, for the README (the last menu opened is the running one).
+            savePicture(shown.copy(QRect(QPoint(0, 0), menu.bottomRight() + QPoint(200, 12)).intersected(shown.rect())),
+                        u"panel-menu.png"_s);
+            const QRect item = xdotool({u"key"_s, key}, {60, 8}, &shown);
+            return !menu.isEmpty() && !item.isEmpty() && runTool(u"xdotool"_s, clickAt(item.center()));
+        };
+        QVERIFY(choose(u"Down"_s)); // Stop Agent
+        QTRY_COMPARE_WITH_TIMEOUT(control_->runs(), QList<QStringList>{{u"stop"_s}}, timeoutMs);
+        agent_.setHealthDown();
+        control_->release(u"stop"_s);
+        QTRY_VERIFY_WITH_TIMEOUT(
+            (screen = grabScreen(), matching(screen, badge, isBadgeCyan).isEmpty() &&
+                                        matching(screen, badge, isBadgeGrey).width() > badge.width() / 2),
+            timeoutMs);
+        savePicture(screen, u"xfce-panel-offline.png"_s);
+        // Start Agent can be chosen once the stop has ended and the agent was found down.
+        QTRY_VERIFY_WITH_TIMEOUT(!program->logMessages().filter(u"State updated: Status: Stopped"_s).isEmpty(),
+                                 timeoutMs);
+        QVERIFY(choose(u"Down"_s)); // Start Agent
+        QTRY_COMPARE_WITH_TIMEOUT(control_->runs(), QList<QStringList>({{u"stop"_s}, {u"start"_s}}), timeoutMs);
+        agent_.setHealthy();
+        control_->release(u"start"_s);
+        QCOMPARE(waitForStill(isBadgeCyan, {8, 8}, &screen), badge);
+        QVERIFY(choose(u"Up"_s)); // Quit: the agent is stopped before the program exits
         QVERIFY(process->waitForFinished(timeoutMs));
         QCOMPARE(process->exitStatus(), QProcess::NormalExit);
         QCOMPARE(process->exitCode(), 0);
-        QCOMPARE(control_->runs().mid(panelFirst ? 0 : 2), QList<QStringList>{{u"stop"_s}});
+        QCOMPARE(control_->runs().mid(2), QList<QStringList>{{u"stop"_s}});
         QCOMPARE(program->logMessages().constLast(), u"Application will terminate."_s);
     }
 
@@ -364,7 +346,6 @@ private slots:
 
     void wayland()
     {
-        startXfcePanel();            // the tray host, on the session bus both display servers share
         const QTemporaryDir runtime; // private to its owner, as a runtime folder must be
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert(u"XDG_RUNTIME_DIR"_s, runtime.path());
@@ -379,6 +360,10 @@ private slots:
         auto program = makeProgram(u"wayland"_s);
         QProcess *process = program->start(agent_.port());
         qunsetenv("WAYLAND_DISPLAY");
+        // The tray host, on the session bus both display servers share, comes after the program: the
+        // menu it reads is the context menu of a tray icon made late.
+        QTRY_VERIFY_WITH_TIMEOUT(agent_.countFor("/healthz") > 0, timeoutMs);
+        startXfcePanel();
 
         QDBusInterface watcher(watcherService, u"/StatusNotifierWatcher"_s, watcherService);
         QTRY_VERIFY_WITH_TIMEOUT(!watcher.property("RegisteredStatusNotifierItems").toStringList().isEmpty(),

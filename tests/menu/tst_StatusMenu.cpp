@@ -92,6 +92,7 @@ private slots:
                                              "Open Getting Started|Open Startup Status|Open Logs")));
         QCOMPARE(button->toolTip(), row.running ? u"Quillmere Agent is running"_s : u"Quillmere Agent is offline"_s);
         QVERIFY(button->title().isEmpty() && !button->appearsDisabled() && !button->image().isMask());
+        QCOMPARE(c.fakes.statusItem->menu(), d.menu.get()); // what the tray's own context menu shows
     }
 
     void badgeColoursAtKnownPixels()
