@@ -1,6 +1,6 @@
 // The real program on the desktops a user may have, driven from outside as a panel and a user
-// drive it: xfce4-panel (a StatusNotifierItem host) started before and after the program, tint2
-// (an XEmbed tray only), no tray at all, and a Wayland session. Pointer and keys go through
+// drive it: xfce4-panel (a StatusNotifierItem host) started after the program, tint2 (an XEmbed
+// tray only), no tray at all, and a Wayland session. Pointer and keys go through
 // xdotool; what happened is read from the screen, the X window tree and the session bus. Each case
 // runs on an X server and a session bus of its own (see CMakeLists.txt), named on the command line.
 #include "support/FakeAgent.h"
