@@ -261,6 +261,10 @@ private slots:
                               exited, stopped, lastLine}));
         QCOMPARE(program.openedLocations(),
                  QStringList{program.runtimeDir() + "/welcome.html"_L1}); // a path, not a URL
+        // The launch posted the volumes once, whatever the agent's health (the folder is empty), and no more.
+        QCOMPARE(agent->requestsFor("/api/mounted-volumes/cache-sync").value(0).body,
+                 R"({"event":"app-launch","source":"menu-app","volumes":[]})");
+        QCOMPARE(agent->countFor("/api/mounted-volumes/cache-sync"), 1);
     }
 };
 
