@@ -26,6 +26,7 @@ private slots:
         const QByteArrayList open{"aevt", "oapp"};
         QTest::newRow("first") << QStringList{program} << open << QString() << false << true;
         QTest::newRow("same") << QStringList{program} << open << u"1.0.0"_s << false << false;
+        QTest::newRow("same, agent up") << QStringList{program} << open << u"1.0.0"_s << false << false;
         QTest::newRow("older") << QStringList{program} << open << u"0.9.0"_s << false << true;
         QTest::newRow("login") << QStringList{program, flag} << QByteArrayList() << u"0.9.0"_s << true << false;
         QTest::newRow("login item") << QStringList{program} << QByteArrayList{"aevt", "oapp", "lgit"} << u"0.9.0"_s
@@ -43,7 +44,8 @@ private slots:
         QFETCH(bool, atLogin);
         QFETCH(bool, welcomeShown);
         QFile::remove(defaults);
-        agent.setHealthDown();
+        const bool agentUp = QByteArray(QTest::currentDataTag()).endsWith("agent up");
+        agentUp ? agent.setHealthy() : agent.setHealthDown();
         FakeControlScript script(env.runtimeDir() + u"/agentctl.sh"_s);
         script.write();
         if (!stored.isNull())
@@ -71,11 +73,14 @@ private slots:
         QTRY_VERIFY(env.messagesSinceMark().contains(u"Application did finish launching."_s));
         QCOMPARE(c.delegate.launchedAtLogin, atLogin);
         QCOMPARE(c.delegate.presentedWelcomeOnLaunch, welcomeShown);
-        // The agent is down, so the launch flow starts it: interactively that shows the status page.
-        QTRY_COMPARE(script.runs(), QList<QStringList>{{u"start"_s}});
+        // An agent that is down is started, interactively with the status page; one that is up is left alone.
+        QTRY_VERIFY(env.messagesSinceMark().contains(agentUp ? u"Agent already healthy during launch."_s
+                                                             : u"Agent not healthy during launch. Starting agent."_s));
         QTRY_VERIFY_WITH_TIMEOUT(agent.countFor("/healthz") >= probes + 4, 3000); // the launch probe, then the refresh
+        QCOMPARE(script.runs(), agentUp ? QList<QStringList>() : QList<QStringList>{{u"start"_s}});
+        QCOMPARE(c.delegate.stateMenuItem->text(), agentUp ? u"Status: Running"_s : u"Status: Stopped"_s);
         QList<QUrl> expected;
-        if (welcomeShown || !atLogin)
+        if (welcomeShown || (!atLogin && !agentUp))
             expected = {QUrl::fromLocalFile(env.runtimeDir() +
                                             (welcomeShown ? "/welcome.html"_L1 : "/startup-status.html"_L1))};
         QCOMPARE(c.fakes.opener->opened, expected);
