@@ -370,6 +370,10 @@ private slots:
                                  timeoutMs);
         // Listed as "<bus name>[/<object path>]".
         const QString tray = watcher.property("RegisteredStatusNotifierItems").toStringList()[0].section(u'/', 0, 0);
+        // The icon made for the late panel has the badge at once, not from the next refresh on.
+        QVERIFY(QDebug::toString(
+                    askItem(tray, u"org.freedesktop.DBus.Properties"_s, u"Get"_s, {itemInterface, u"IconPixmap"_s}))
+                    .contains("a(iiay) {[Argument: (iiay) "_L1));
         // The whole menu while the agent runs, as a panel shows it.
         QTRY_COMPARE_WITH_TIMEOUT(menuShown(tray),
                                   u"(Status: Running)|(Version: 1.4.2)|-|(Start Agent)|Stop Agent|-|Open Cloud Admin|"
