@@ -139,7 +139,7 @@ private slots:
                  (Result{0, u"Agent stop finished.\n"_s}));
         QCOMPARE(program.run(port, {u"--stop-agent"_s}),
                  (Result{5, u"Stop Agent is not available now: the agent is not running.\n"_s}));
-        script.write({4, false, {}}, {0, false, {}});
+        script.write({4, false, {}}, {0, true, {}});
         const QString logs = program.homeOf(u"first"_s) + "/.local/share/TallyholdAgent/runtime/logs"_L1;
         QCOMPARE(program.run(port, {u"--start-agent"_s}),
                  (Result{1, "Agent start failed with exit code 4. The log: "_L1 + logs + "/menu-app.log\n"_L1}));
@@ -172,8 +172,15 @@ private slots:
         ::kill(pid_t(pid), SIGCONT);
 
         // Quit: the command returns once the program, having stopped the agent, has exited.
-        QCOMPARE(program.run(port, {u"--quit"_s}), Result{});
+        script.hold(u"stop"_s);
+        QProcess *quit = program.start(port, {u"--quit"_s});
+        QTRY_COMPARE(script.runs().size(), 4);
+        QTest::qWait(300); // an answer before the exit would have come by now
+        QCOMPARE(quit->state(), QProcess::Running);
+        script.release(u"stop"_s);
+        QTRY_COMPARE(quit->state(), QProcess::NotRunning);
         QVERIFY(exited(pid));
+        QCOMPARE((Result{quit->exitCode(), QString::fromUtf8(quit->readAllStandardOutput())}), Result{});
         QCOMPARE(running->exitCode(), 0);
         const QString runtime = program.runtimeDir();
         // What the commands did, as the log tells it (the state lines follow the refresh's timing).

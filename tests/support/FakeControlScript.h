@@ -47,6 +47,7 @@ public:
     {
         QFile(state_.path() + u"/release-"_s + command).open(QIODevice::WriteOnly);
     }
+    void hold(const QString &command) const { QFile::remove(state_.path() + u"/release-"_s + command); }
 
 private:
     static QString branch(const QString &command, const ScriptBehaviour &behaviour)
