@@ -11,7 +11,8 @@ InstalledProgram::InstalledProgram(bool onDesktop, const QString &desktopPlatfor
     QDir().mkpath(runtimeDir());
     QDir().mkpath(root() + u"/bin"_s);
     if (!QFile::copy(QStringLiteral(QUILLMERE_TEST_BINARY), root() + u"/bin/quillmere-menu"_s) ||
-        !QFile::copy(QStringLiteral(QUILLMERE_BUILD_RESOURCES "/Info.plist"), runtimeDir() + u"/../Info.plist"_s))
+        !QFile::copy(QStringLiteral(QUILLMERE_BUILD_RESOURCES "/Info.plist"),
+                     root() + u"/share/quillmere-menu/Info.plist"_s))
         qFatal("cannot copy the program");
     TestEnvironment::writeScript(root() + u"/fakebin/xdg-open"_s,
                                  u"printf '%s\\n' \"$*\" >> "_s +
