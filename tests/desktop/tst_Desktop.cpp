@@ -1,6 +1,6 @@
 // The real program on the desktops a user may have, driven from outside as a panel and a user
 // drive it: xfce4-panel (a StatusNotifierItem host) started after the program, tint2 (an XEmbed
-// tray only), no tray at all, and a Wayland session. Pointer and keys go through
+// tray only), no tray at all, and a Wayland session with the panel there first. Pointer and keys go through
 // xdotool; what happened is read from the screen, the X window tree and the session bus. Each case
 // runs on an X server and a session bus of its own (see CMakeLists.txt), named on the command line.
 #include "support/FakeAgent.h"
@@ -65,6 +65,17 @@ QStringList menuShown(const QString &item)
     }
     return entries;
 }
+
+// The bus name of the first tray item the panel's watcher lists ("<bus name>[/<object path>]").
+QString trayItem()
+{
+    QDBusInterface watcher(watcherService, u"/StatusNotifierWatcher"_s, watcherService);
+    return watcher.property("RegisteredStatusNotifierItems").toStringList().value(0).section(u'/', 0, 0);
+}
+// The whole menu while the agent runs, as a panel shows it.
+const QStringList runningMenu = u"(Status: Running)|(Version: 1.4.2)|-|(Start Agent)|Stop Agent|-|Open Cloud Admin|"
+                                "Check for Updates|Open Local Admin|Open Getting Started|Open Startup Status|"
+                                "Open Logs|-|Run at Startup [ ]|-|Quit"_s.split(u'|');
 
 // The desktop's notification service, as a notification daemon offers it.
 class NotificationService : public QObject {
@@ -242,6 +253,8 @@ private slots:
         const QRect badge = waitForStill(isBadgeCyan, {8, 8}, &screen);
         QVERIFY2(!badge.isEmpty(), "no running badge on the panel");
         savePicture(screen, u"xfce-panel-running.png"_s);
+        // The late tray icon's own menu, as the panel reads it for a right click.
+        QTRY_COMPARE_WITH_TIMEOUT(menuShown(trayItem()), runningMenu, timeoutMs);
         // A click opens the menu, where a user picks the first (with "Down") or last ("Up") enabled
         // item with the keyboard and clicks it where it is highlighted.
         const auto choose = [&](const QString &key) {
@@ -346,6 +359,7 @@ private slots:
 
     void wayland()
     {
+        startXfcePanel();            // the tray host, on the session bus both display servers share
         const QTemporaryDir runtime; // private to its owner, as a runtime folder must be
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert(u"XDG_RUNTIME_DIR"_s, runtime.path());
@@ -360,26 +374,14 @@ private slots:
         auto program = makeProgram(u"wayland"_s);
         QProcess *process = program->start(agent_.port());
         qunsetenv("WAYLAND_DISPLAY");
-        // The tray host, on the session bus both display servers share, comes after the program: the
-        // menu it reads is the context menu of a tray icon made late.
-        QTRY_VERIFY_WITH_TIMEOUT(agent_.countFor("/healthz") > 0, timeoutMs);
-        startXfcePanel();
-
-        QDBusInterface watcher(watcherService, u"/StatusNotifierWatcher"_s, watcherService);
-        QTRY_VERIFY_WITH_TIMEOUT(!watcher.property("RegisteredStatusNotifierItems").toStringList().isEmpty(),
-                                 timeoutMs);
-        // Listed as "<bus name>[/<object path>]".
-        const QString tray = watcher.property("RegisteredStatusNotifierItems").toStringList()[0].section(u'/', 0, 0);
-        // The icon made for the late panel has the badge at once, not from the next refresh on.
+        QString tray;
+        QTRY_VERIFY_WITH_TIMEOUT(!(tray = trayItem()).isEmpty(), timeoutMs);
+        // The icon has the badge as soon as the panel lists it.
         QVERIFY(QDebug::toString(
                     askItem(tray, u"org.freedesktop.DBus.Properties"_s, u"Get"_s, {itemInterface, u"IconPixmap"_s}))
                     .contains("a(iiay) {[Argument: (iiay) "_L1));
-        // The whole menu while the agent runs, as a panel shows it.
-        QTRY_COMPARE_WITH_TIMEOUT(menuShown(tray),
-                                  u"(Status: Running)|(Version: 1.4.2)|-|(Start Agent)|Stop Agent|-|Open Cloud Admin|"
-                                  "Check for Updates|Open Local Admin|Open Getting Started|Open Startup Status|"
-                                  "Open Logs|-|Run at Startup [ ]|-|Quit"_s.split(u'|'),
-                                  timeoutMs);
+        // The menu of an icon made while the panel was there.
+        QTRY_COMPARE_WITH_TIMEOUT(menuShown(tray), runningMenu, timeoutMs);
         // The tool tip's icon name, images, title and text, as Qt prints them.
         QTRY_VERIFY_WITH_TIMEOUT(QDebug::toString(askItem(tray, u"org.freedesktop.DBus.Properties"_s, u"Get"_s,
                                                           {itemInterface, u"ToolTip"_s}))
