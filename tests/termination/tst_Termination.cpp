@@ -222,6 +222,10 @@ private slots:
                               u"Duplicate app instance detected. Terminating new instance."_s,
                               u"Termination requested with stop bypass enabled."_s, lastLine}));
         QVERIFY(program.logMessages().contains(lockLine));
+        // The control socket falls back beside the lock, its name as private to this user.
+        QVERIFY(QFileInfo(program.root() + "/tmp/" QUILLMERE_BUNDLE_IDENTIFIER "-"_L1 + QString::number(::getuid()) +
+                          ".socket"_L1)
+                    .exists());
         QCOMPARE(first->state(), QProcess::Running);
         // The default timings: a probe at launch, the launch flow's 0.4 s later, the refresh's
         // 5 s later; in between the program idles (a spinning loop would take a whole core).

@@ -94,6 +94,8 @@ private slots:
         QTest::newRow("200") << CannedResponse{200, "{}"} << false << QString();
         QTest::newRow("201, not JSON") << CannedResponse{201, "created", "text/plain"} << false << QString();
         QTest::newRow("204") << CannedResponse{204, {}} << false << QString();
+        QTest::newRow("429") << CannedResponse{429, "{}"} << false
+                             << u"Mounted volume sync request failed with status 429."_s;
         QTest::newRow("500") << CannedResponse{500, "{}"} << false
                              << u"Mounted volume sync request failed with status 500."_s;
         QTest::newRow("200 cut off") << CannedResponse{200, "{}", "application/json", false, 0, 40} << false
