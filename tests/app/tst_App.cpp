@@ -148,6 +148,7 @@ private slots:
         QCOMPARE(locations.userDefaultsFile.value_or(QString()), out[3]);
         QCOMPARE(locations.volumeMountDirectory, out[4]);
         QCOMPARE(locations.applicationBundle, out[0].endsWith(QLatin1String("/Contents/Resources")));
+        QCOMPARE(Configuration().launchctlPath, u"/bin/launchctl"_s); // where macOS keeps it
     }
 
     // The macOS application delegate goes in only for Qt's cocoa plugin, chosen before Qt loads it.

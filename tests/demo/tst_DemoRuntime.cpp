@@ -62,6 +62,8 @@ private slots:
                      refused.second.constData());
         }
         QCOMPARE(runScript(QStringLiteral("start")).first, 0); // ends once the agent answers, though on pipes
+        QTcpSocket silent; // a client that never sends a request is let go in time
+        silent.connectToHost(QHostAddress::LocalHost, port);
         const auto health = request("GET", QStringLiteral("/healthz"));
         QCOMPARE(health.first, 200);
         const QRegularExpression healthy(QStringLiteral("^\\{\"status\":\"ok\",\"version\":\"[^\"]+\"\\}$"));
@@ -73,6 +75,7 @@ private slots:
         const auto page = request("GET", QStringLiteral("/"));
         QCOMPARE(page.first, 200);
         QVERIFY(page.second.contains("Photos &lt;2024&gt;")); // the last snapshot, escaped
+        QTRY_COMPARE_WITH_TIMEOUT(silent.state(), QAbstractSocket::UnconnectedState, 15000);
 
         QCOMPARE(runScript(QStringLiteral("stop")).first, 0);
         QCOMPARE(request("GET", QStringLiteral("/healthz")).first, 0); // nobody answers any more

@@ -157,6 +157,10 @@ private slots:
         delegate->configureMountedVolumeMonitoring();
         QCOMPARE(fakes.notifications->observerCount(), 3); // registered once
         QTRY_VERIFY(arrivals.size() == 1 && !delegate->mountedVolumeSyncInFlight);
+        const auto descriptors = [] {
+            return QDir(u"/proc/self/fd"_s).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System).size();
+        };
+        const qsizetype descriptorsBefore = descriptors();
 
         // Three notifications 0.15 s apart, a volume coming along the way: one sync, the default second
         // after the last.
@@ -189,6 +193,7 @@ private slots:
         delegate->removeMountedVolumeMonitoring();
         QCOMPARE(fakes.notifications->observerCount(), 0);
         QTest::qWait(1200); // long enough for a replaced or dropped sync to have run
+        QTRY_COMPARE(descriptors(), descriptorsBefore); // every listing and connection closed
         QCOMPARE(sent(agent),
                  QStringList({"app-launch:0", didMount + ":1"_L1, "agent-running:1", didUnmount + ":1"_L1}));
     }
@@ -206,6 +211,8 @@ private slots:
                          "105 30 8:65 / /media/al\\040exandra/Other rw - ext4 /dev/sde1 rw\n"
                          "106 30 8:81 / /media/al\\040ex/Caf\xc3\xa9\\011Tab rw - ext4 /dev/sdf1 rw\n"
                          "107 106 8:97 / /media/al\\040ex/Caf\xc3\xa9\\011Tab rw - ext4 /dev/sdg1 rw\n"
+                         "108 30 8:1 / /media/al\\040ex/Sp\\040 rw - ext4 /dev/sdi1 rw\n"
+                         "109 30 8:2 / /media/al\\040ex/Sp\\134040 rw - ext4 /dev/sdj1 rw\n"
                          "not a mount line\n");
         WorkspaceNotificationCenter center;
         QStringList posted;
@@ -213,13 +220,15 @@ private slots:
             center.addObserver(name, this, [&posted](const QString &name) { posted.append(name); });
         MountInfoWatcher watcher(u"/media/other/../al ex/"_s, &center, nullptr, table);
 
-        // Back\slash goes, the stacked Cafe mount moves, USB DISK comes back under a new name, a new disk comes.
+        // Back\slash and "Sp " (not "Sp\\040") go, the stacked Cafe mount moves, USB DISK comes back
+        // under a new name, a new disk comes.
         writeFile(table, "107 30 8:97 / /media/al\\040ex/Moved rw - ext4 /dev/sdg1 rw\n"
                          "110 30 8:17 / /media/al\\040ex/Renamed rw - vfat /dev/sdb1 rw\n"
-                         "111 30 8:113 / /media/al\\040ex/New rw - vfat /dev/sdh1 rw\n");
+                         "111 30 8:113 / /media/al\\040ex/New rw - vfat /dev/sdh1 rw\n"
+                         "109 30 8:2 / /media/al\\040ex/Sp\\134040 rw - ext4 /dev/sdj1 rw\n");
         watcher.rescan();
         watcher.rescan();
-        QCOMPARE(posted, QStringList({didUnmount, didRename, didRename, didMount}));
+        QCOMPARE(posted, QStringList({didUnmount, didUnmount, didRename, didRename, didMount}));
 
         if (!privateMountNamespace)
             QSKIP("mounting needs a private mount namespace (root)");
