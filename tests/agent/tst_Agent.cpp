@@ -1,5 +1,5 @@
-// The agent as the controller sees it: every kind of /healthz answer over loopback, the state line
-// following the answers, and starting and stopping through a recording control script.
+// The agent as the controller sees it: every kind of /healthz answer, the state line following them,
+// and starting and stopping through a recording control script.
 #include "control/AgentNotifications.h"
 #include "support/Testing.h"
 
@@ -10,6 +10,12 @@ QByteArray healthBody(const QByteArray &status, const QString &version = v142)
     return R"({"status":")" + status + R"(","version":")" + version.toUtf8() + "\"}";
 }
 const QByteArray okBody = healthBody("ok");
+struct CommandRow {
+    QString command; // "launch": the start at launch
+    int exitCode;
+    QStringList log; // %S: the script, %R: the runtime folder, %L: the logs
+    QStringList notices;
+};
 } // namespace
 
 class AgentTest : public QObject {
@@ -85,21 +91,16 @@ private slots:
 
     void refresh_data()
     {
-        QTest::addColumn<bool>("wasRunning");
-        QTest::addColumn<bool>("startInFlight");
-        QTest::addColumn<bool>("stopInFlight");
-        QTest::addColumn<bool>("up");
+        QTest::addColumn<QList<bool>>("before"); // was running, start in flight, stop in flight, up
         QTest::addColumn<QString>("title");
-        QTest::newRow("running clears both flags") << false << true << true << true << "Status: Running";
-        QTest::newRow("still running") << true << false << false << true << "Status: Running";
-        QTest::newRow("start wins over stop") << true << true << true << false << "Status: Starting...";
+        QTest::newRow("running clears both flags") << QList{false, true, true, true} << "Status: Running";
+        QTest::newRow("still running") << QList{true, false, false, true} << "Status: Running";
+        QTest::newRow("start wins over stop") << QList{true, true, true, false} << "Status: Starting...";
     }
     void refresh()
     {
-        QFETCH(bool, wasRunning);
-        QFETCH(bool, startInFlight);
-        QFETCH(bool, stopInFlight);
-        QFETCH(bool, up);
+        QFETCH(QList<bool>, before);
+        const bool wasRunning = before[0], startInFlight = before[1], stopInFlight = before[2], up = before[3];
         auto c = makeController(agent->baseURL());
         AppDelegate &d = c->delegate;
         d.updateStateMenu(u"Status: Launching..."_s, lastKnown, wasRunning);
@@ -122,10 +123,7 @@ private slots:
     // What the user asked for is no news to them; only a failing start at launch is told.
     void command_data()
     {
-        QTest::addColumn<QString>("command"); // "launch": the start at launch
-        QTest::addColumn<int>("exitCode");
-        QTest::addColumn<QStringList>("log"); // %S: the script, %R: the runtime folder, %L: the logs
-        QTest::addColumn<QStringList>("notices");
+        QTest::addColumn<CommandRow>("row");
         const QString state = u"State updated: Status: %1 version=1.4.2 running=false"_s,
                       launch = u"Launching process: %S "_s;
         const QStringList failedStart{state.arg("Starting..."),
@@ -136,24 +134,23 @@ private slots:
                                       "Opening logs directory: %L",
                                       state.arg("Start failed"),
                                       state.arg("Stopped")};
-        QTest::newRow("start fails") << "start" << 3
-                                     << QStringList{"Opening startup page: %R/startup-status.html"} + failedStart
-                                     << QStringList();
-        QTest::newRow("start at launch fails")
-            << "launch" << 3 << QStringList(failedStart).filter(QRegularExpression(u"^(?!Opening)"_s))
-            << QStringList{"Quillmere Agent could not start\nagentctl.sh start ended with exit code 3. The log is "
-                           "%L/menu-app.log."};
-        QTest::newRow("stop") << "stop" << 0
-                              << QStringList{state.arg("Stopping..."), launch + "stop", "Process exited with code 0",
-                                             state.arg("Stopped")}
-                              << QStringList();
+        QTest::newRow("start fails") << CommandRow{
+            "start", 3, QStringList{"Opening startup page: %R/startup-status.html"} + failedStart, {}};
+        QTest::newRow("start at launch fails") << CommandRow{
+            "launch",
+            3,
+            QStringList(failedStart).filter(QRegularExpression(u"^(?!Opening)"_s)),
+            {"Quillmere Agent could not start\nagentctl.sh start ended with exit code 3. The log is %L/menu-app.log."}};
+        QTest::newRow("stop") << CommandRow{
+            "stop",
+            0,
+            {state.arg("Stopping..."), launch + "stop", "Process exited with code 0", state.arg("Stopped")},
+            {}};
     }
     void command()
     {
-        QFETCH(QString, command);
-        QFETCH(int, exitCode);
-        QFETCH(QStringList, log);
-        QFETCH(QStringList, notices);
+        QFETCH(CommandRow, row);
+        auto [command, exitCode, log, notices] = row;
         const bool start = command != "stop"_L1;
         script->write({exitCode, true, {}}, {exitCode, true, {}});
         auto c = makeController(agent->baseURL());

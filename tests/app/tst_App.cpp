@@ -8,6 +8,13 @@
 
 #include <thread>
 
+struct ProcessRow {
+    QString body; // null: no such file
+    QStringList arguments;
+    int exitCode;
+    QStringList outputs, log; // standard output and error as returned; the log after the launching line
+};
+
 class AppTest : public QObject {
     Q_OBJECT
     TestEnvironment env;
@@ -51,42 +58,29 @@ private slots:
 
     void processResultAndLogLines_data()
     {
-        QTest::addColumn<QString>("body"); // null: no such file
-        QTest::addColumn<QStringList>("arguments");
-        QTest::addColumn<int>("exitCode");
-        QTest::addColumn<QStringList>("outputs");     // standard output and error as returned
-        QTest::addColumn<QStringList>("expectedLog"); // after the launching line
+        QTest::addColumn<ProcessRow>("row");
         const QStringList stop{u"stop"_s}, none{QString(), QString()};
-        QTest::newRow("missing") << QString() << stop << 1 << none << QStringList();
-        QTest::newRow("blank-stderr") << u"printf '  \\n\\t' >&2; exit 3"_s << stop << 3
-                                      << QStringList{QString(), u"  \n\t"_s}
-                                      << QStringList{u"Process exited with code 3"_s};
-        QTest::newRow("trimmed-in-log-only") << u"printf ' started agent\\n'; printf 'warn\\n' >&2"_s << QStringList()
-                                             << 0 << QStringList{u" started agent\n"_s, u"warn\n"_s}
-                                             << QStringList{u"Process stdout: started agent"_s,
-                                                            u"Process stderr: warn"_s, u"Process exited with code 0"_s};
-        QTest::newRow("undecodable output dropped")
-            << u"printf 'ok\\377\\n'"_s << stop << 0 << none << QStringList{u"Process exited with code 0"_s};
-        QTest::newRow("killed") << u"kill -9 $$"_s << QStringList() << 9 << none
-                                << QStringList{u"Process exited with code 9"_s};
+        const QString exited = u"Process exited with code %1"_s;
+        // clang-format off
+        QTest::newRow("missing") << ProcessRow{{}, stop, 1, none, {}};
+        QTest::newRow("blank-stderr") << ProcessRow{"printf '  \\n\\t' >&2; exit 3", stop, 3, {{}, "  \n\t"}, {exited.arg(3)}};
+        QTest::newRow("trimmed-in-log-only") << ProcessRow{"printf ' started agent\\n'; printf 'warn\\n' >&2", {}, 0,
+            {" started agent\n", "warn\n"}, {"Process stdout: started agent", "Process stderr: warn", exited.arg(0)}};
+        QTest::newRow("undecodable output dropped") << ProcessRow{"printf 'ok\\377\\n'", stop, 0, none, {exited.arg(0)}};
+        QTest::newRow("killed") << ProcessRow{"kill -9 $$", {}, 9, none, {exited.arg(9)}};
         // 16 MiB on each stream at once; the limit falls inside a two-byte character.
         const QString out = u'a' + QString(ProcessRunner::outputLimitBytes / 2 - 1, u'é'),
                       err(ProcessRunner::outputLimitBytes, u'x');
-        QTest::newRow("flood kept to the limit")
-            << QStringLiteral("head -c 16777216 /dev/zero | tr '\\0' x >&2 & printf a; yes é | tr -d '\\n' | "
-                              "head -c 16777216; wait")
-            << stop << 0 << QStringList{out, err}
-            << QStringList{"Process stdout: " + out + " [15728642 more bytes left out]",
-                           "Process stderr: " + err + " [15728640 more bytes left out]",
-                           u"Process exited with code 0"_s};
+        QTest::newRow("flood kept to the limit") << ProcessRow{
+            "head -c 16777216 /dev/zero | tr '\\0' x >&2 & printf a; yes é | tr -d '\\n' | head -c 16777216; wait", stop, 0,
+            {out, err}, {"Process stdout: " + out + " [15728642 more bytes left out]",
+                         "Process stderr: " + err + " [15728640 more bytes left out]", exited.arg(0)}};
+        // clang-format on
     }
     void processResultAndLogLines()
     {
-        QFETCH(QString, body);
-        QFETCH(QStringList, arguments);
-        QFETCH(int, exitCode);
-        QFETCH(QStringList, outputs);
-        QFETCH(QStringList, expectedLog);
+        QFETCH(ProcessRow, row);
+        auto [body, arguments, exitCode, outputs, expectedLog] = row;
         const QString path =
             body.isNull() ? env.root() + u"/nowhere"_s : script(QString::fromLatin1(QTest::currentDataTag()), body);
         env.markLog();
@@ -151,37 +145,23 @@ private slots:
         QCOMPARE(Configuration().launchctlPath, u"/bin/launchctl"_s); // where macOS keeps it
     }
 
-    // The macOS application delegate goes in only for Qt's cocoa plugin, chosen before Qt loads it.
-    void qtPlatformKnownBeforeTheApplicationExists_data()
+    // The macOS application delegate goes in only for Qt's cocoa plugin, chosen before Qt loads it; and
+    // the system's list of running copies may not hold this process yet when the launch asks.
+    void qtPlatformAndRunningCopiesKnownBeforeTheApplicationExists()
     {
-        QTest::addColumn<QStringList>("arguments");  // after the program's name
-        QTest::addColumn<QByteArray>("environment"); // QT_QPA_PLATFORM
-        QTest::addColumn<QString>("chosen");
-        QTest::newRow("built-in default") << QStringList() << QByteArray() << "cocoa";
-        QTest::newRow("environment") << QStringList{"--launched-at-login"} << QByteArray("offscreen") << "offscreen";
-        QTest::newRow("options and fallbacks")
-            << QStringList() << QByteArray("minimal:enable_fonts;cocoa") << "minimal";
-        QTest::newRow("argument over environment")
-            << QStringList{"-platform", "cocoa"} << QByteArray("offscreen") << "cocoa";
-        QTest::newRow("double dash, last one")
-            << QStringList{"--platform", "minimal", "--platform", "offscreen"} << QByteArray() << "offscreen";
-        QTest::newRow("argument without a value") << QStringList{"-platform"} << QByteArray("offscreen") << "offscreen";
-    }
-    void qtPlatformKnownBeforeTheApplicationExists()
-    {
-        QFETCH(QStringList, arguments);
-        QFETCH(QByteArray, environment);
-        QFETCH(QString, chosen);
-        QCOMPARE(chosenQtPlatform(QStringList{"quillmere-menu"} + arguments, environment, "cocoa"), chosen);
-    }
-
-    // The system's list of running copies may not hold this process yet when the launch asks.
-    void runningCopiesCountThisProcessOnce()
-    {
-        QCOMPARE(runningCopiesIncludingThisOne({}, 7), 1);
-        QCOMPARE(runningCopiesIncludingThisOne({7}, 7), 1);
-        QCOMPARE(runningCopiesIncludingThisOne({3}, 7), 2);
-        QCOMPARE(runningCopiesIncludingThisOne({3, 7, 9}, 7), 3);
+        const QList<std::tuple<QStringList, QByteArray, QString>> choices{
+            // arguments, QT_QPA_PLATFORM, choice
+            {{}, {}, "cocoa"},
+            {{"--launched-at-login"}, "offscreen", "offscreen"},
+            {{}, "minimal:enable_fonts;cocoa", "minimal"},
+            {{"-platform", "cocoa"}, "offscreen", "cocoa"},
+            {{"--platform", "minimal", "--platform", "offscreen"}, {}, "offscreen"},
+            {{"-platform"}, "offscreen", "offscreen"}};
+        for (const auto &[arguments, environment, chosen] : choices)
+            QCOMPARE(chosenQtPlatform(QStringList{"quillmere-menu"} + arguments, environment, "cocoa"), chosen);
+        const QList<std::pair<QList<qint64>, int>> copies{{{}, 1}, {{7}, 1}, {{3}, 2}, {{3, 7, 9}, 3}};
+        for (const auto &[pids, count] : copies)
+            QCOMPARE(runningCopiesIncludingThisOne(pids, 7), count);
     }
 };
 

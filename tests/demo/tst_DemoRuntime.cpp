@@ -62,7 +62,7 @@ private slots:
                      refused.second.constData());
         }
         QCOMPARE(runScript(QStringLiteral("start")).first, 0); // ends once the agent answers, though on pipes
-        QTcpSocket silent; // a client that never sends a request is let go in time
+        QTcpSocket silent;                                     // a client that never sends a request is let go in time
         silent.connectToHost(QHostAddress::LocalHost, port);
         const auto health = request("GET", QStringLiteral("/healthz"));
         QCOMPARE(health.first, 200);

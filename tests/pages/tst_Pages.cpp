@@ -1,5 +1,5 @@
-// The launch: the getting-started page shown once per version and never at login, the startup
-// status page only for a manual launch; and the menu's own getting-started and logs items.
+// The launch: the getting-started page once per version and never at login, the startup status
+// page only for a manual launch; and the menu's own getting-started and logs items.
 #include "support/Testing.h"
 
 #include <QSettings>
@@ -16,32 +16,26 @@ class PagesTest : public QObject {
 private slots:
     void gettingStartedOnLaunch_data()
     {
-        QTest::addColumn<QStringList>("arguments");
-        // The system's open-application event: class, ID, property data (four-character codes).
-        QTest::addColumn<QByteArrayList>("event");
-        QTest::addColumn<QString>("stored"); // null: nothing stored
-        QTest::addColumn<bool>("atLogin");
+        QTest::addColumn<bool>("atLogin");         // by the flag or the system's open-application event
+        QTest::addColumn<QByteArrayList>("event"); // class, ID, property data (four-character codes)
+        QTest::addColumn<QString>("stored");       // null: nothing stored
         QTest::addColumn<bool>("welcomeShown");
-        const QString program = u"quillmere-menu"_s, flag = u"--launched-at-login"_s;
         const QByteArrayList open{"aevt", "oapp"};
-        QTest::newRow("first") << QStringList{program} << open << QString() << false << true;
-        QTest::newRow("same") << QStringList{program} << open << u"1.0.0"_s << false << false;
-        QTest::newRow("same, agent up") << QStringList{program} << open << u"1.0.0"_s << false << false;
-        QTest::newRow("older") << QStringList{program} << open << u"0.9.0"_s << false << true;
-        QTest::newRow("login") << QStringList{program, flag} << QByteArrayList() << u"0.9.0"_s << true << false;
-        QTest::newRow("login item") << QStringList{program} << QByteArrayList{"aevt", "oapp", "lgit"} << u"0.9.0"_s
-                                    << true << false;
-        QTest::newRow("service item") << QStringList{program} << QByteArrayList{"aevt", "oapp", "svit"} << u"1.0.0"_s
-                                      << false << false;
+        QTest::newRow("first") << false << open << QString() << true;
+        QTest::newRow("same") << false << open << u"1.0.0"_s << false;
+        QTest::newRow("same, agent up") << false << open << u"1.0.0"_s << false;
+        QTest::newRow("older") << false << open << u"0.9.0"_s << true;
+        QTest::newRow("login") << true << QByteArrayList() << u"0.9.0"_s << false;
+        QTest::newRow("login item") << true << QByteArrayList{"aevt", "oapp", "lgit"} << u"0.9.0"_s << false;
+        QTest::newRow("service item") << false << QByteArrayList{"aevt", "oapp", "svit"} << u"1.0.0"_s << false;
         QTest::newRow("login mark on another event")
-            << QStringList{program} << QByteArrayList{"aevt", "odoc", "lgit"} << u"1.0.0"_s << false << false;
+            << false << QByteArrayList{"aevt", "odoc", "lgit"} << u"1.0.0"_s << false;
     }
     void gettingStartedOnLaunch()
     {
-        QFETCH(QStringList, arguments);
+        QFETCH(bool, atLogin);
         QFETCH(QByteArrayList, event);
         QFETCH(QString, stored);
-        QFETCH(bool, atLogin);
         QFETCH(bool, welcomeShown);
         QFile::remove(defaults);
         const bool agentUp = QByteArray(QTest::currentDataTag()).endsWith("agent up");
@@ -54,7 +48,9 @@ private slots:
         Configuration config = env.configuration(agent.baseURL());
         config.refreshInterval = std::chrono::milliseconds(100);
         config.launchFlowDelay = std::chrono::milliseconds(10);
-        config.arguments = arguments;
+        config.arguments = {u"quillmere-menu"_s};
+        if (event.isEmpty()) // no event: the flag tells
+            config.arguments.append(u"--launched-at-login"_s);
         // A support folder of each row's own, so that the logs item has to make it; the log stays.
         const QString support = env.root() + u"/support-"_s + QString::fromLatin1(QTest::currentDataTag());
         config.applicationSupportDirectory = support;

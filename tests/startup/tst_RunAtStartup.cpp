@@ -1,6 +1,5 @@
-// Run at startup: the state resolved from the login-item service and launch agent files, the menu
-// item switching it, each service outcome, the launch agent files with their launchctl runs (kept by
-// a stand-in launchctl), the exact property list, and the Linux autostart entry end to end.
+// Run at startup: the state resolved from the login-item service and launch agents, the menu item,
+// each service outcome, the launch agent with its launchctl runs, and the Linux autostart entry.
 #include "support/Testing.h"
 
 #include "menu/MenuItemCheckState.h"
@@ -20,6 +19,20 @@ const QByteArray marked = "<plist><string>/Beta.app</string><string>--launched-a
 const QByteArray markedInComment = "<plist><!-- started with --launched-at-login --><dict/></plist>";
 const QByteArray unmarked = "<plist><key>Label</key><string>com.tallyhold.agent</string></plist>";
 const QByteArray notUtf8 = "<plist>\xff\xfe<string>--launched-at-login</string></plist>";
+
+struct ResolveRow {
+    bool available;
+    int status;
+    bool ownPlist;
+    QByteArray leftover; // under each obsolete label; null: none
+    int shown;           // the item's check state
+};
+struct OutcomeRow {
+    bool enable;
+    int code; // of a failed register or unregister; 0: it succeeds
+    int statusAfter;
+    QStringList lines;
+};
 
 } // namespace
 
@@ -61,30 +74,22 @@ private slots:
 
     void resolvesShowsAndSwitches_data()
     {
-        QTest::addColumn<bool>("available");
-        QTest::addColumn<int>("status");
-        QTest::addColumn<bool>("ownPlist");
-        QTest::addColumn<QByteArray>("leftover"); // under each obsolete label; null: none
-        QTest::addColumn<int>("shown");           // the item's check state
+        QTest::addColumn<ResolveRow>("row");
         const int off = menuItemStateOff, on = menuItemStateOn, approval = menuItemStateMixed;
-        const QByteArray none;
-        QTest::newRow("no service, nothing") << false << 1 << false << none << off;
-        QTest::newRow("no service, own plist") << false << 0 << true << none << on;
-        QTest::newRow("enabled") << true << 1 << false << none << on;
-        QTest::newRow("requires approval") << true << 2 << false << none << approval;
-        QTest::newRow("requires approval, own plist") << true << 2 << true << none << on;
-        QTest::newRow("not found, leftover") << true << 3 << false << markedInComment << on;
-        QTest::newRow("leftover without marker") << true << 0 << false << unmarked << off;
-        QTest::newRow("leftover not UTF-8") << true << 0 << false << notUtf8 << off;
+        QTest::newRow("no service, nothing") << ResolveRow{false, 1, false, {}, off};
+        QTest::newRow("no service, own plist") << ResolveRow{false, 0, true, {}, on};
+        QTest::newRow("enabled") << ResolveRow{true, 1, false, {}, on};
+        QTest::newRow("requires approval") << ResolveRow{true, 2, false, {}, approval};
+        QTest::newRow("requires approval, own plist") << ResolveRow{true, 2, true, {}, on};
+        QTest::newRow("not found, leftover") << ResolveRow{true, 3, false, markedInComment, on};
+        QTest::newRow("leftover without marker") << ResolveRow{true, 0, false, unmarked, off};
+        QTest::newRow("leftover not UTF-8") << ResolveRow{true, 0, false, notUtf8, off};
     }
 
     void resolvesShowsAndSwitches()
     {
-        QFETCH(bool, available);
-        QFETCH(int, status);
-        QFETCH(bool, ownPlist);
-        QFETCH(QByteArray, leftover);
-        QFETCH(int, shown);
+        QFETCH(ResolveRow, row);
+        const auto [available, status, ownPlist, leftover, shown] = row;
         if (ownPlist)
             writeFile(plistPath(), QByteArray());
         for (int i = 0; i < obsoleteLabels.size() && !leftover.isNull(); ++i)
@@ -116,10 +121,7 @@ private slots:
 
     void serviceOutcomes_data()
     {
-        QTest::addColumn<bool>("enable");
-        QTest::addColumn<int>("code"); // of a failed register or unregister; 0: it succeeds
-        QTest::addColumn<int>("statusAfter");
-        QTest::addColumn<QStringList>("lines");
+        QTest::addColumn<OutcomeRow>("row");
         const QString removed = "Removed legacy run-at-startup plist at " + plistPath();
         const QString installed = "Enabled legacy run-at-startup plist at " + plistPath();
         const QString enabled = "Enabled run-at-startup with SMAppService.",
@@ -131,24 +133,22 @@ private slots:
                    " message=Operation failed.";
         };
         // clang-format off
-        QTest::newRow("enable") << true << 0 << 1 << QStringList{enabled, removed};
-        QTest::newRow("enable, needs approval") << true << 0 << 2 << QStringList{enabled, removed, requiresApproval};
-        QTest::newRow("already registered") << true << 12 << 2 << QStringList{failed("registration", 12), removed};
-        QTest::newRow("denied by user") << true << 11 << 0 << QStringList{failed("registration", 11), approvalRequired};
-        QTest::newRow("other, needs approval") << true << 1 << 2 << QStringList{failed("registration", 1), approvalRequired};
-        QTest::newRow("job not found") << true << 6 << 1 << QStringList{failed("registration", 6), installed};
-        QTest::newRow("disable") << false << 0 << 0 << QStringList{"Disabled run-at-startup with SMAppService.", removed};
-        QTest::newRow("disable, job not found is quiet") << false << 6 << 0 << QStringList{removed};
-        QTest::newRow("disable, other failure") << false << 22 << 0 << QStringList{failed("unregister", 22), removed};
+        QTest::newRow("enable") << OutcomeRow{true, 0, 1, {enabled, removed}};
+        QTest::newRow("enable, needs approval") << OutcomeRow{true, 0, 2, {enabled, removed, requiresApproval}};
+        QTest::newRow("already registered") << OutcomeRow{true, 12, 2, {failed("registration", 12), removed}};
+        QTest::newRow("denied by user") << OutcomeRow{true, 11, 0, {failed("registration", 11), approvalRequired}};
+        QTest::newRow("other, needs approval") << OutcomeRow{true, 1, 2, {failed("registration", 1), approvalRequired}};
+        QTest::newRow("job not found") << OutcomeRow{true, 6, 1, {failed("registration", 6), installed}};
+        QTest::newRow("disable") << OutcomeRow{false, 0, 0, {"Disabled run-at-startup with SMAppService.", removed}};
+        QTest::newRow("disable, job not found is quiet") << OutcomeRow{false, 6, 0, {removed}};
+        QTest::newRow("disable, other failure") << OutcomeRow{false, 22, 0, {failed("unregister", 22), removed}};
         // clang-format on
     }
 
     void serviceOutcomes()
     {
-        QFETCH(bool, enable);
-        QFETCH(int, code);
-        QFETCH(int, statusAfter);
-        QFETCH(QStringList, lines);
+        QFETCH(OutcomeRow, row);
+        const auto &[enable, code, statusAfter, lines] = row;
         writeFile(plistPath(), "an earlier install");
         Controller h(configuration(), false);
         FakeLoginItemService &service = *h.fakes.loginItems;

@@ -1,7 +1,5 @@
-// Orderly termination: the agent is stopped once before the application goes, whoever asks and
-// however often, and not before a start still running has ended; the real program does the same
-// on SIGTERM after launching in order, and a second copy leaves at once, even where the session's
-// runtime folder is unusable.
+// Orderly termination: the agent is stopped once before the program goes, whoever asks and however
+// often, and not before a running start has ended; a second copy leaves at once.
 #include "support/InstalledProgram.h"
 #include "support/Testing.h"
 
@@ -23,8 +21,7 @@ class TerminationTest : public QObject {
     std::unique_ptr<QSignalSpy> terminated;
     std::unique_ptr<FakeControlScript> script;
 
-    // A controller whose stop script exits with stopExit once released; the agent shown running.
-    // Without resources no control script can be found, and a stop ends at once.
+    // A controller whose stop script exits with stopExit once released (at once without resources).
     void makeController(int stopExit = 0, bool showRunning = true, bool withResources = true)
     {
         script = std::make_unique<FakeControlScript>(env.runtimeDir() + u"/agentctl.sh"_s);
@@ -130,63 +127,55 @@ private slots:
         QVERIFY(!env.messagesSinceMark().contains(u"Agent not healthy during launch. Starting agent."_s));
     }
 
-    // The system (AppKit, a quit signal) asks; the reply goes back at once and a deferred final
-    // answer is handed to the asker, which then ends the program itself. Guards: the early answer
-    // reached the asker before the reply, and a repeated request was answered twice or not at all.
+    // The system asks; its reply comes at once, one final answer after it. Guards: the early answer
+    // came before the reply, and a repeated request was answered twice or not at all.
     void systemRequestGetsItsReplyThenOneFinalAnswer_data()
     {
         QTest::addColumn<QString>("setup");
-        QTest::addColumn<int>("reply");
-        QTest::addColumn<int>("stopRuns");
+        QTest::addColumn<int>("stopRuns"); // -1: the reply is to terminate now
         QTest::addColumn<QString>("firstLine");
-        QTest::newRow("now, no delegate") << "no delegate" << int(ApplicationHost::TerminateNow) << 0 << QString();
-        QTest::newRow("stop bypass") << "bypass" << int(ApplicationHost::TerminateNow) << 0
-                                     << "Termination requested with stop bypass enabled.";
-        QTest::newRow("later") << "" << int(ApplicationHost::TerminateLater) << 1 << requestLine;
-        QTest::newRow("early answer, no resource folder")
-            << "no resources" << int(ApplicationHost::TerminateLater) << 0 << requestLine;
-        QTest::newRow("repeated request") << "repeat" << int(ApplicationHost::TerminateLater) << 1 << requestLine;
+        QTest::newRow("now, no delegate") << "no delegate" << -1 << QString();
+        QTest::newRow("stop bypass") << "bypass" << -1 << "Termination requested with stop bypass enabled.";
+        QTest::newRow("later, asked twice") << "" << 1 << requestLine;
+        QTest::newRow("early answer, no resource folder") << "no resources" << 0 << requestLine;
     }
     void systemRequestGetsItsReplyThenOneFinalAnswer()
     {
         QFETCH(QString, setup);
-        QFETCH(int, reply);
         QFETCH(int, stopRuns);
         QFETCH(QString, firstLine);
-        makeController(0, true, setup != QLatin1String("no resources"));
-        if (setup == QLatin1String("no delegate"))
+        makeController(0, true, setup != "no resources"_L1);
+        if (setup == "no delegate"_L1)
             host->setDelegate(nullptr);
-        delegate->stopAgentOnTerminate = setup != QLatin1String("bypass");
+        delegate->stopAgentOnTerminate = setup != "bypass"_L1;
         QList<bool> answers, repeatedAnswers;
-        QCOMPARE(int(host->systemRequestsTermination([&answers](bool yes) { answers.append(yes); })), reply);
-        if (setup == QLatin1String("repeat")) // each asker hears the answer once
-            QCOMPARE(host->systemRequestsTermination([&](bool yes) { repeatedAnswers.append(yes); }),
-                     ApplicationHost::TerminateLater);
+        const auto reply = stopRuns < 0 ? ApplicationHost::TerminateNow : ApplicationHost::TerminateLater;
+        QCOMPARE(host->systemRequestsTermination([&answers](bool yes) { answers.append(yes); }), reply);
+        if (stopRuns > 0) // each asker hears the answer once
+            QCOMPARE(host->systemRequestsTermination([&](bool yes) { repeatedAnswers.append(yes); }), reply);
         QVERIFY(answers.isEmpty()); // never before the reply has been returned
-        if (reply == ApplicationHost::TerminateLater) {
+        if (stopRuns >= 0) {
             if (stopRuns) {
                 QTRY_COMPARE(script->runs().size(), 1);
                 script->release(u"stop"_s);
             }
             QTRY_COMPARE(answers, QList<bool>{true});
             QTest::qWait(100); // a second answer would have come by now
-            QCOMPARE(answers, QList<bool>{true});
-            QCOMPARE(repeatedAnswers, setup == QLatin1String("repeat") ? QList<bool>{true} : QList<bool>{});
+            QCOMPARE(answers + repeatedAnswers, QList<bool>(1 + stopRuns, true));
         }
         QCOMPARE(terminated->count(), 0); // the asker ends the program, not the host
         host->systemWillTerminate();
         host->systemWillTerminate();
         QCOMPARE(terminated->count(), 1);
-        QCOMPARE(script->runs().size(), stopRuns);
+        QCOMPARE(script->runs().size(), std::max(stopRuns, 0));
         const QStringList log = env.messagesSinceMark();
         QCOMPARE(log.value(0), firstLine);
-        QCOMPARE(log.count(requestLine), reply == ApplicationHost::TerminateLater ? 1 : 0);
-        QCOMPARE(log.count(lastLine), setup == QLatin1String("no delegate") ? 0 : 1);
+        QCOMPARE(log.count(requestLine), stopRuns < 0 ? 0 : 1);
+        QCOMPARE(log.count(lastLine), setup == "no delegate"_L1 ? 0 : 1);
     }
 
-    // Guards: a SIGTERM while the launch start still ran exited before the start ended, leaving the
-    // agent it brought up running; and a second copy went unnoticed where the runtime folder is unusable
-    // (a file in its place: not even root writes there).
+    // Guards: a SIGTERM during the launch start exited before it ended, leaving its agent running; and a
+    // second copy went unnoticed where the runtime folder is unusable (a file: even root cannot write).
     void realProgramLeavesOnceAsSecondCopyAndWaitsForTheStartOnSigterm()
     {
         InstalledProgram program;
@@ -227,8 +216,7 @@ private slots:
                           ".socket"_L1)
                     .exists());
         QCOMPARE(first->state(), QProcess::Running);
-        // The default timings: a probe at launch, the launch flow's 0.4 s later, the refresh's
-        // 5 s later; in between the program idles (a spinning loop would take a whole core).
+        // Default timings: probes at launch, 0.4 s and 5 s later; idle in between (a spin takes a core).
         const auto cpuMs = [pid = first->processId()] {
             const QList<QByteArray> stat = readFile(u"/proc/%1/stat"_s.arg(pid)).split(')').last().split(' ');
             return (stat.value(12).toLongLong() + stat.value(13).toLongLong()) * 1000 / ::sysconf(_SC_CLK_TCK);
@@ -251,8 +239,7 @@ private slots:
         QCOMPARE(first->exitStatus(), QProcess::NormalExit);
         QCOMPARE(first->exitCode(), 0);
         QVERIFY2(!QFile::exists(agentUp), "the agent the start brought up is still running");
-        // The whole run in order: launched interactively (the welcome page, then a start as the agent
-        // is down), then the termination stop, and one more stop for the start that ended after it.
+        // In order: the welcome page, a start (the agent is down), the termination stop, one more for the start.
         const QString launching = "Launching process: "_L1 + realScript.path(),
                       exited = "Process exited with code 0"_L1;
         QCOMPARE(program.logMessages().filter(
@@ -265,7 +252,7 @@ private slots:
                               exited, stopped, lastLine}));
         QCOMPARE(program.openedLocations(),
                  QStringList{program.runtimeDir() + "/welcome.html"_L1}); // a path, not a URL
-        // The launch posted the volumes once, whatever the agent's health (the folder is empty), and no more.
+        // The launch posted the (empty) volumes once, whatever the agent's health.
         QCOMPARE(agent->requestsFor("/api/mounted-volumes/cache-sync").value(0).body,
                  R"({"event":"app-launch","source":"menu-app","volumes":[]})");
         QCOMPARE(agent->countFor("/api/mounted-volumes/cache-sync"), 1);

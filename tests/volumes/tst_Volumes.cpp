@@ -192,7 +192,7 @@ private slots:
         fakes.notifications->post(didMount);
         delegate->removeMountedVolumeMonitoring();
         QCOMPARE(fakes.notifications->observerCount(), 0);
-        QTest::qWait(1200); // long enough for a replaced or dropped sync to have run
+        QTest::qWait(1200);                             // long enough for a replaced or dropped sync to have run
         QTRY_COMPARE(descriptors(), descriptorsBefore); // every listing and connection closed
         QCOMPARE(sent(agent),
                  QStringList({"app-launch:0", didMount + ":1"_L1, "agent-running:1", didUnmount + ":1"_L1}));
