@@ -1,6 +1,5 @@
-// Commands from outside the menu, as a user or a script gives them: read as meant, carried out by
-// the running program under its menu's own rules, done by the command itself when none runs, over
-// a channel that only this user reaches and that a flood of bad requests does not hurt.
+// Commands from outside the menu: read as meant, carried out by the running program under its menu's
+// rules or by the command itself when none runs, over a channel only this user reaches.
 #include "app/CommandLine.h"
 #include "support/InstalledProgram.h"
 #include "support/Testing.h"

@@ -333,30 +333,31 @@ private slots:
         QVERIFY(
             bus.registerObject(u"/org/freedesktop/Notifications"_s, &notifications, QDBusConnection::ExportAllSlots) &&
             bus.registerService(u"org.freedesktop.Notifications"_s));
+        // First another copy finds a panel whose host registers after its watcher; the panel then quits.
+        FakeAgent otherAgent;
+        otherAgent.setHealthy();
+        InstalledProgram other(true);
+        FakeControlScript(other.controlScript()).write();
+        other.start(otherAgent.port());
+        {
+            StatusNotifierWatcher watcher;
+            QVERIFY(bus.registerObject(u"/StatusNotifierWatcher"_s, &watcher, QDBusConnection::ExportAllContents) &&
+                    bus.registerService(watcherService));
+            QTRY_VERIFY_WITH_TIMEOUT(watcher.asked > 0, timeoutMs); // it looked and found no host
+            watcher.hostRegistered = true;
+            emit watcher.StatusNotifierHostRegistered();
+            QTRY_COMPARE_WITH_TIMEOUT(watcher.items.size(), 1, timeoutMs);
+            QVERIFY(bus.unregisterService(watcherService));
+            bus.unregisterObject(u"/StatusNotifierWatcher"_s);
+        }
         auto program = makeProgram();
         QElapsedTimer sinceLaunch;
         sinceLaunch.start();
         program->start(agent_.port());
         QTRY_COMPARE_WITH_TIMEOUT(notifications.shown.size(), 1, timeoutMs);
         QVERIFY2(sinceLaunch.elapsed() > 9000, "a panel started at login may not be up yet");
-        // Another copy comes, and then a panel whose host registers after its watcher: it is found, and the
-        // copy is never told there is no tray.
-        FakeAgent otherAgent;
-        otherAgent.setHealthy();
-        InstalledProgram other(true);
-        FakeControlScript(other.controlScript()).write();
-        QElapsedTimer sinceOther;
-        sinceOther.start();
-        other.start(otherAgent.port());
-        StatusNotifierWatcher watcher;
-        QVERIFY(bus.registerObject(u"/StatusNotifierWatcher"_s, &watcher, QDBusConnection::ExportAllContents) &&
-                bus.registerService(watcherService));
-        QTRY_VERIFY_WITH_TIMEOUT(watcher.asked >= 2, timeoutMs); // both copies looked and found no host
-        watcher.hostRegistered = true;
-        emit watcher.StatusNotifierHostRegistered();
-        QTRY_COMPARE_WITH_TIMEOUT(watcher.items.size(), 2, timeoutMs);
-        for (const char *part : {"supervised", "SIGTERM", "log out", "GNOME", "AppIndicator/KStatusNotifierItem"})
-            QVERIFY2(notifications.shown[0].contains(QLatin1String(part)), qPrintable(notifications.shown[0]));
+        QElapsedTimer sinceNotice;
+        sinceNotice.start();
         // The agent stops on its own, comes back and stops again: told once. A second launch is told.
         const auto stateLines = [&program] { return program->logMessages().filter(u"State updated: Status: "_s); };
         for (bool healthy : {false, true, false}) {
@@ -371,8 +372,8 @@ private slots:
                               "Start Agent in the menu, or run quillmere-menu --start-agent."_s,
                               u"Quillmere Agent is already running\nStatus: Stopped, version 1.4.2. Its menu is in the "
                               "system tray."_s}));
-        // The no-tray notice comes once per run, and not to a copy that found a tray in time.
-        QTest::qWait(std::max<qint64>(0, 11500 - sinceOther.elapsed()));
+        // The no-tray notice comes once per run, not again 10 s later, and not to the copy that found a tray.
+        QTest::qWait(std::max<qint64>(0, 11500 - sinceNotice.elapsed()));
         QCOMPARE(notifications.shown.size(), 3);
         QCOMPARE(program->logMessages().filter(u"No system tray"_s).size(), 1);
     }

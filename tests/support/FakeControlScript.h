@@ -1,6 +1,5 @@
-// A stand-in for the agent's control script: it records every run with its arguments and then
-// does what the test chose for that command (exit code, waiting until the test releases it,
-// extra shell lines).
+// A stand-in for the agent's control script: it records every run with its arguments, then does
+// what the test chose for that command (exit code, waiting until released, extra shell lines).
 #pragma once
 
 #include "support/Files.h"

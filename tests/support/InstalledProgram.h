@@ -1,6 +1,5 @@
-// The built program copied into a temporary install tree (bin/, share/quillmere-menu/ with
-// Info.plist and runtime/), run as a real process with its own HOME, XDG and temporary folders,
-// agent port and a recording xdg-open first on PATH.
+// The built program in a temporary install tree, run with its own home, XDG and temporary folders,
+// agent port, and a recording xdg-open first on PATH.
 #pragma once
 
 #include <QProcess>
@@ -13,21 +12,18 @@ using namespace Qt::StringLiterals;
 
 class InstalledProgram {
 public:
-    // Headless by default (offscreen, no display, no session bus); on the desktop a copy keeps
-    // the test's display and session bus and uses the given Qt platform.
+    // Headless by default; on the desktop it keeps the test's display and bus, on the given Qt platform.
     explicit InstalledProgram(bool onDesktop = false, const QString &desktopPlatform = u"xcb"_s);
     ~InstalledProgram();
 
     QString root() const { return dir_.path(); }
     QString runtimeDir() const { return root() + u"/share/quillmere-menu/runtime"_s; }
     QString controlScript() const { return runtimeDir() + u"/agentctl.sh"_s; }
-    // Each user has home and XDG folders of their own; the session runtime folder (and with it
-    // the instance lock) is shared.
+    // Each user has home and XDG folders of their own; the runtime folder (and instance lock) is shared.
     QString homeOf(const QString &user) const { return root() + u"/users/"_s + user; }
     QString configHomeOf(const QString &user) const { return homeOf(user) + u"/.config"_s; }
 
-    // Starts a copy as the given user, talking to an agent on agentPort; the tree owns it. Its
-    // standard output can be read, its standard error goes where the test's goes.
+    // Starts a copy as the given user; the tree owns it. Its errors go where the test's go.
     QProcess *start(quint16 agentPort, const QStringList &arguments = {}, const QString &user = u"first"_s);
     // Runs a command to its end while this thread's events (the fake agent) keep running.
     struct Result {

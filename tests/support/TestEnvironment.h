@@ -1,5 +1,5 @@
-// A temporary world for one test executable: home, data, config and runtime folders, a bundle
-// stand-in (Info.plist of version 1.0.0, a runtime folder), a volume folder, and the log read back.
+// A temporary world for one test executable: home and XDG folders, resources (Info.plist of version
+// 1.0.0, a runtime folder), a volume folder, and the log read back.
 #pragma once
 
 #include "app/Configuration.h"
@@ -13,8 +13,7 @@ using namespace Qt::StringLiterals;
 
 class TestEnvironment {
 public:
-    // Points HOME and the XDG folders into a new temporary folder. Create it before anything
-    // logs: the shared log is placed on first use.
+    // Points HOME and XDG into a new temporary folder; made before anything logs (the log is placed then).
     TestEnvironment();
 
     QString root() const { return dir_.path(); }
