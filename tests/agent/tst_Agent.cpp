@@ -10,6 +10,10 @@ QByteArray healthBody(const QByteArray &status, const QString &version = v142)
     return R"({"status":")" + status + R"(","version":")" + version.toUtf8() + "\"}";
 }
 const QByteArray okBody = healthBody("ok");
+struct RefreshRow {
+    bool wasRunning, startInFlight, stopInFlight, up;
+    QString title;
+};
 struct CommandRow {
     QString command; // "launch": the start at launch
     int exitCode;
@@ -91,16 +95,15 @@ private slots:
 
     void refresh_data()
     {
-        QTest::addColumn<QList<bool>>("before"); // was running, start in flight, stop in flight, up
-        QTest::addColumn<QString>("title");
-        QTest::newRow("running clears both flags") << QList{false, true, true, true} << "Status: Running";
-        QTest::newRow("still running") << QList{true, false, false, true} << "Status: Running";
-        QTest::newRow("start wins over stop") << QList{true, true, true, false} << "Status: Starting...";
+        QTest::addColumn<RefreshRow>("row");
+        QTest::newRow("running clears both flags") << RefreshRow{false, true, true, true, "Status: Running"};
+        QTest::newRow("still running") << RefreshRow{true, false, false, true, "Status: Running"};
+        QTest::newRow("start wins over stop") << RefreshRow{true, true, true, false, "Status: Starting..."};
     }
     void refresh()
     {
-        QFETCH(QList<bool>, before);
-        const bool wasRunning = before[0], startInFlight = before[1], stopInFlight = before[2], up = before[3];
+        QFETCH(RefreshRow, row);
+        const auto &[wasRunning, startInFlight, stopInFlight, up, title] = row;
         auto c = makeController(agent->baseURL());
         AppDelegate &d = c->delegate;
         d.updateStateMenu(u"Status: Launching..."_s, lastKnown, wasRunning);
@@ -110,7 +113,7 @@ private slots:
         agent->setResponse("/healthz", {200, healthBody(up ? "ok" : "down", u"2.0.1"_s)});
         d.refreshHealth();
         QTRY_COMPARE(d.versionMenuItem->text(), u"Version: 2.0.1"_s);
-        QTEST(d.stateMenuItem->text(), "title");
+        QCOMPARE(d.stateMenuItem->text(), title);
         // Only a change to running asks for a volume sync, forced: sent well inside the one-second
         // debounce. Only a running agent clears the flags.
         QCOMPARE(d.mountedVolumeSyncDebounceWorkItem.get() != syncBefore, up && !wasRunning);

@@ -95,13 +95,11 @@ class StatusNotifierWatcher : public QObject {
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "org.kde.StatusNotifierWatcher")
     Q_PROPERTY(bool IsStatusNotifierHostRegistered READ isHostRegistered)
-    Q_PROPERTY(int ProtocolVersion READ protocolVersion)
 public:
     bool hostRegistered = false;
     mutable int asked = 0; // whether a host is there
     QStringList items;
     bool isHostRegistered() const { return ++asked, hostRegistered; }
-    int protocolVersion() const { return 0; }
 
 public slots:
     void RegisterStatusNotifierItem(const QString &item) { items.append(item); }
@@ -337,7 +335,6 @@ private slots:
         FakeAgent otherAgent;
         otherAgent.setHealthy();
         InstalledProgram other(true);
-        FakeControlScript(other.controlScript()).write();
         other.start(otherAgent.port());
         {
             StatusNotifierWatcher watcher;

@@ -19,6 +19,14 @@
 
 using namespace Qt::StringLiterals;
 
+// The open file descriptors of a process ("self": this one).
+inline qsizetype openDescriptors(const QString &process = u"self"_s)
+{
+    return QDir(u"/proc/"_s + process + u"/fd"_s)
+        .entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System)
+        .size();
+}
+
 // A controller on stand-in platform services, delegate of its own application host.
 struct Controller {
     explicit Controller(const Configuration &configuration, bool assembled = true)

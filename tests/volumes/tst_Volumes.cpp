@@ -157,10 +157,7 @@ private slots:
         delegate->configureMountedVolumeMonitoring();
         QCOMPARE(fakes.notifications->observerCount(), 3); // registered once
         QTRY_VERIFY(arrivals.size() == 1 && !delegate->mountedVolumeSyncInFlight);
-        const auto descriptors = [] {
-            return QDir(u"/proc/self/fd"_s).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System).size();
-        };
-        const qsizetype descriptorsBefore = descriptors();
+        const qsizetype descriptorsBefore = openDescriptors();
 
         // Three notifications 0.15 s apart, a volume coming along the way: one sync, the default second
         // after the last.
@@ -192,8 +189,8 @@ private slots:
         fakes.notifications->post(didMount);
         delegate->removeMountedVolumeMonitoring();
         QCOMPARE(fakes.notifications->observerCount(), 0);
-        QTest::qWait(1200);                             // long enough for a replaced or dropped sync to have run
-        QTRY_COMPARE(descriptors(), descriptorsBefore); // every listing and connection closed
+        QTest::qWait(1200);                                 // long enough for a replaced or dropped sync to have run
+        QTRY_COMPARE(openDescriptors(), descriptorsBefore); // every listing and connection closed
         QCOMPARE(sent(agent),
                  QStringList({"app-launch:0", didMount + ":1"_L1, "agent-running:1", didUnmount + ":1"_L1}));
     }
