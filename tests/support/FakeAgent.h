@@ -34,21 +34,11 @@ public:
         connect(&server_, &QTcpServer::newConnection, this, [this] {
             while (QTcpSocket *socket = server_.nextPendingConnection()) {
                 connect(socket, &QTcpSocket::readyRead, this, [this, socket] { onReadyRead(socket); });
-                connect(socket, &QTcpSocket::disconnected, this, [this, socket] {
-                    buffers_.remove(socket);
-                    socket->deleteLater();
-                });
+                connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
             }
         });
         if (!server_.listen(QHostAddress::LocalHost, 0))
             qFatal("FakeAgent could not listen on loopback: %s", qPrintable(server_.errorString()));
-    }
-    ~FakeAgent() override
-    {
-        // Connections still open (a hanging answer) are children of the server, which outlives the
-        // other members; closing them then must not call back into the already destroyed buffers.
-        for (QTcpSocket *socket : server_.findChildren<QTcpSocket *>())
-            socket->disconnect(this);
     }
 
     quint16 port() const { return server_.serverPort(); }
@@ -75,28 +65,28 @@ signals:
     void requestReceived(const RecordedRequest &request);
 
 private:
+    // A request stays in the socket's buffer until the whole of it has come.
     void onReadyRead(QTcpSocket *socket)
     {
-        QByteArray &buffer = buffers_[socket];
-        buffer += socket->readAll();
-        for (qsizetype headerEnd; (headerEnd = buffer.indexOf("\r\n\r\n")) >= 0;) {
-            RecordedRequest request;
-            const QList<QByteArray> lines = buffer.left(headerEnd).split('\n');
-            const QList<QByteArray> requestLine = lines.value(0).trimmed().split(' ');
-            request.method = requestLine.value(0);
-            request.path = requestLine.value(1);
-            for (const QByteArray &line : lines.mid(1))
-                if (const qsizetype colon = line.indexOf(':'); colon > 0)
-                    request.headers.insert(line.left(colon).trimmed().toLower(), line.mid(colon + 1).trimmed());
-            const qsizetype length = headerEnd + 4 + request.headers.value("content-length").toLongLong();
-            if (buffer.size() < length)
-                return;
-            request.body = buffer.mid(headerEnd + 4, length - headerEnd - 4);
-            buffer.remove(0, length);
-            requests_.append(request);
-            emit requestReceived(request);
-            respond(socket, responses_.value(request.path, CannedResponse{404, "not found", "text/plain"}));
-        }
+        const QByteArray buffer = socket->peek(socket->bytesAvailable());
+        const qsizetype headerEnd = buffer.indexOf("\r\n\r\n");
+        if (headerEnd < 0)
+            return;
+        RecordedRequest request;
+        const QList<QByteArray> lines = buffer.left(headerEnd).split('\n');
+        const QList<QByteArray> requestLine = lines.value(0).trimmed().split(' ');
+        request.method = requestLine.value(0);
+        request.path = requestLine.value(1);
+        for (const QByteArray &line : lines.mid(1))
+            if (const qsizetype colon = line.indexOf(':'); colon > 0)
+                request.headers.insert(line.left(colon).trimmed().toLower(), line.mid(colon + 1).trimmed());
+        const qsizetype length = headerEnd + 4 + request.headers.value("content-length").toLongLong();
+        if (buffer.size() < length)
+            return;
+        request.body = socket->read(length).mid(headerEnd + 4);
+        requests_.append(request);
+        emit requestReceived(request);
+        respond(socket, responses_.value(request.path, CannedResponse{404, "not found", "text/plain"}));
     }
     void respond(QTcpSocket *socket, const CannedResponse &response)
     {
@@ -115,8 +105,7 @@ private:
         });
     }
 
-    QTcpServer server_;
     QHash<QByteArray, CannedResponse> responses_;
-    QHash<QTcpSocket *, QByteArray> buffers_;
     QList<RecordedRequest> requests_;
+    QTcpServer server_; // last, so that its connections close before what they use goes
 };
