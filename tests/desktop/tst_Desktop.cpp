@@ -190,11 +190,11 @@ private slots:
             bus.registerService(u"org.freedesktop.Notifications"_s));
         // First another copy finds a panel that comes after it and whose host registers after its
         // watcher; its icon, made late, carries the whole menu. The panel then quits.
+        FakeAgent otherAgent;
+        otherAgent.setHealthy();
+        auto other = std::make_unique<InstalledProgram>(true);
+        other->start(otherAgent.port());
         {
-            FakeAgent otherAgent;
-            otherAgent.setHealthy();
-            InstalledProgram other(true);
-            other.start(otherAgent.port());
             StatusNotifierWatcher watcher;
             QVERIFY(bus.registerObject(u"/StatusNotifierWatcher"_s, &watcher, QDBusConnection::ExportAllContents) &&
                     bus.registerService(watcherService));
@@ -232,6 +232,7 @@ private slots:
         QTest::qWait(std::max<qint64>(0, 11500 - sinceNotice.elapsed()));
         QCOMPARE(notifications.shown.size(), 3);
         QCOMPARE(program->logMessages().filter(u"No system tray"_s).size(), 1);
+        other.reset();
 
         // An XEmbed tray comes at last: its announcement is heard, its selection read, the icon
         // embedded as a child of the tray's window, and a left click on it opens the menu.
