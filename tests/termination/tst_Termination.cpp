@@ -165,7 +165,7 @@ private slots:
                               u"Termination requested with stop bypass enabled."_s, lastLine}));
         // The control socket falls back beside the lock, its name as private to this user.
         QVERIFY(QFileInfo::exists(fallback + ".socket"_L1));
-        // Default timings: probes at launch, 0.4 s and 5 s later; idle in between (a spin takes a core).
+        // Default timings: probes at launch, 0.4 s and 5 s later; idle in between (a spin takes much of a core).
         const auto cpuMs = [pid = first->processId()] {
             const QList<QByteArray> stat = readFile(u"/proc/%1/stat"_s.arg(pid)).split(')').last().split(' ');
             return (stat.value(12).toLongLong() + stat.value(13).toLongLong()) * 1000 / ::sysconf(_SC_CLK_TCK);
@@ -173,7 +173,7 @@ private slots:
         const qint64 cpuBefore = cpuMs(), idleFrom = sinceLaunch.elapsed();
         QTRY_VERIFY_WITH_TIMEOUT(probes.size() >= 3, 12000);
         const qint64 idle = sinceLaunch.elapsed() - idleFrom, cpu = cpuMs() - cpuBefore;
-        QVERIFY2(cpu < 100 + idle / 2, qPrintable(u"%1 ms CPU in %2 ms"_s.arg(cpu).arg(idle)));
+        QVERIFY2(cpu < 100 + idle / 8, qPrintable(u"%1 ms CPU in %2 ms"_s.arg(cpu).arg(idle)));
         QVERIFY2(probes[1] - probes[0] >= 200 && probes[1] - probes[0] < 2000 && probes[2] - probes[0] >= 4000 &&
                      probes[2] - probes[0] < 7500,
                  qPrintable(QString::number(probes[1] - probes[0]) + ' ' + QString::number(probes[2] - probes[0])));
