@@ -5,8 +5,7 @@
 
 #include <QProcessEnvironment>
 
-InstalledProgram::InstalledProgram(bool onDesktop, const QString &desktopPlatform)
-    : onDesktop_(onDesktop), desktopPlatform_(desktopPlatform)
+InstalledProgram::InstalledProgram(const QString &platform) : platform_(platform)
 {
     QDir().mkpath(runtimeDir());
     QDir().mkpath(root() + u"/bin"_s);
@@ -30,28 +29,26 @@ InstalledProgram::~InstalledProgram()
 QProcessEnvironment InstalledProgram::environmentFor(quint16 agentPort, const QString &user) const
 {
     const QString run = root() + u"/xdg-runtime"_s, volumes = root() + u"/volumes"_s,
-                  dataHome = homeOf(user) + u"/.local/share"_s, temp = root() + u"/tmp"_s;
-    for (const QString &path : {dataHome, configHomeOf(user), run, volumes, temp})
+                  dataHome = homeOf(user) + u"/.local/share"_s, configHome = homeOf(user) + u"/.config"_s;
+    for (const QString &path : {dataHome, configHome, run, volumes, root() + u"/tmp"_s})
         QDir().mkpath(path);
     // A session runtime folder belongs to its user alone; Qt warns about anything wider.
     QFile::setPermissions(run, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    if (!onDesktop_) {
+    if (platform_ == "offscreen"_L1)
         for (const char *name : {"DISPLAY", "WAYLAND_DISPLAY", "DBUS_SESSION_BUS_ADDRESS"})
             environment.remove(QString::fromLatin1(name));
-    }
-    const QList<std::pair<const char *, QString>> settings = {
-        {"QT_QPA_PLATFORM", onDesktop_ ? desktopPlatform_ : u"offscreen"_s},
-        {"HOME", homeOf(user)},
-        {"XDG_DATA_HOME", dataHome},
-        {"XDG_CONFIG_HOME", configHomeOf(user)},
-        {"XDG_RUNTIME_DIR", run},
-        {"TMPDIR", temp},
-        {"QUILLMERE_AGENT_PORT", QString::number(agentPort)},
-        {"QUILLMERE_VOLUMES_DIR", volumes},
-        {"PATH", root() + u"/fakebin:"_s + environment.value(u"PATH"_s)}};
-    for (const auto &[name, value] : settings)
-        environment.insert(QString::fromLatin1(name), value);
+    for (const auto &[name, value] : std::initializer_list<std::pair<QString, QString>>{
+             {u"QT_QPA_PLATFORM"_s, platform_},
+             {u"HOME"_s, homeOf(user)},
+             {u"XDG_DATA_HOME"_s, dataHome},
+             {u"XDG_CONFIG_HOME"_s, configHome},
+             {u"XDG_RUNTIME_DIR"_s, run},
+             {u"TMPDIR"_s, root() + u"/tmp"_s},
+             {u"QUILLMERE_AGENT_PORT"_s, QString::number(agentPort)},
+             {u"QUILLMERE_VOLUMES_DIR"_s, volumes},
+             {u"PATH"_s, root() + u"/fakebin:"_s + environment.value(u"PATH"_s)}})
+        environment.insert(name, value);
     return environment;
 }
 

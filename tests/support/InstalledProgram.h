@@ -12,8 +12,8 @@ using namespace Qt::StringLiterals;
 
 class InstalledProgram {
 public:
-    // Headless by default; on the desktop it keeps the test's display and bus, on the given Qt platform.
-    explicit InstalledProgram(bool onDesktop = false, const QString &desktopPlatform = u"xcb"_s);
+    // Headless by default; on a desktop's Qt platform it keeps the test's display and bus.
+    explicit InstalledProgram(const QString &platform = u"offscreen"_s);
     ~InstalledProgram();
 
     QString root() const { return dir_.path(); }
@@ -21,7 +21,6 @@ public:
     QString controlScript() const { return runtimeDir() + u"/agentctl.sh"_s; }
     // Each user has home and XDG folders of their own; the runtime folder (and instance lock) is shared.
     QString homeOf(const QString &user) const { return root() + u"/users/"_s + user; }
-    QString configHomeOf(const QString &user) const { return homeOf(user) + u"/.config"_s; }
 
     // Starts a copy as the given user; the tree owns it. Its errors go where the test's go.
     QProcess *start(quint16 agentPort, const QStringList &arguments = {}, const QString &user = u"first"_s);
@@ -50,8 +49,7 @@ private:
     void launch(QProcess &process, const QStringList &arguments) const;
 
     QTemporaryDir dir_;
-    bool onDesktop_;
-    QString desktopPlatform_;
+    QString platform_;
     std::vector<std::unique_ptr<QProcess>> processes_;
 };
 

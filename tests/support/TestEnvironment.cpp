@@ -59,18 +59,13 @@ QStringList TestEnvironment::logMessagesIn(const QString &file)
     return messages;
 }
 
-QStringList TestEnvironment::logMessages() const
-{
-    AppLogger::shared().flush();
-    return logMessagesIn(logsDir() + u"/menu-app.log"_s);
-}
-
 void TestEnvironment::markLog()
 {
-    mark_ = logMessages().size();
+    mark_ += messagesSinceMark().size();
 }
 
 QStringList TestEnvironment::messagesSinceMark() const
 {
-    return logMessages().mid(mark_);
+    AppLogger::shared().flush();
+    return logMessagesIn(logsDir() + u"/menu-app.log"_s).mid(mark_);
 }

@@ -39,7 +39,6 @@ public:
     QStringList messagesSinceMark() const;
 
 private:
-    QStringList logMessages() const;
     QTemporaryDir dir_;
     qsizetype mark_ = 0;
 };
