@@ -10,9 +10,8 @@
 
 struct ProcessRow {
     QString body; // null: no such file
-    QStringList arguments;
     int exitCode;
-    QStringList outputs, log; // standard output and error as returned; the log after the launching line
+    QStringList arguments, outputs, log; // outputs: standard output and error; log: after the launching line
 };
 
 class AppTest : public QObject {
@@ -35,15 +34,13 @@ private slots:
         QStringList expected[2];
         {
             AppLogger logger(path);
-            std::thread workers[2];
+            std::jthread workers[2]; // joined before the logger goes
             for (int t = 0; t < 2; ++t)
-                workers[t] = std::thread([&logger, &lines = expected[t], t] {
+                workers[t] = std::jthread([&logger, &lines = expected[t], t] {
                     for (int i = 0; i < 500; ++i)
                         logger.log(
                             lines.emplace_back(u"thread %1 line %2 Größe | %3"_s.arg(t).arg(i).arg(QString(40, u'x'))));
                 });
-            for (auto &worker : workers)
-                worker.join();
         } // destruction drains the queue
         QCOMPARE(QDir(dir.path()).entryList(QDir::Files), QStringList{u"menu-app.log"_s});
         const QStringList lines = TestEnvironment::logMessagesIn(path); // each stamped in UTC to the millisecond
@@ -56,17 +53,17 @@ private slots:
         const QStringList stop{u"stop"_s}, none{QString(), QString()};
         const QString exited = u"Process exited with code %1"_s;
         // clang-format off
-        QTest::newRow("missing") << ProcessRow{{}, stop, 1, none, {}};
+        QTest::newRow("missing") << ProcessRow{{}, 1, stop, none, {}};
         QTest::newRow("trimmed in log only, blank not logged") << ProcessRow{
-            "printf ' started agent\\n'; printf '  \\n\\t' >&2; exit 3", {}, 3, {" started agent\n", "  \n\t"},
+            "printf ' started agent\\n'; printf '  \\n\\t' >&2; exit 3", 3, {}, {" started agent\n", "  \n\t"},
             {"Process stdout: started agent", exited.arg(3)}};
-        QTest::newRow("undecodable dropped, killed") << ProcessRow{"printf 'ok\\377\\n'; kill -9 $$", stop, 9, none,
+        QTest::newRow("undecodable dropped, killed") << ProcessRow{"printf 'ok\\377\\n'; kill -9 $$", 9, stop, none,
             {exited.arg(9)}};
         // 16 MiB on each stream at once; the limit falls inside a two-byte character.
         const QString out = u'a' + QString(ProcessRunner::outputLimitBytes / 2 - 1, u'é'),
                       err(ProcessRunner::outputLimitBytes, u'x');
         QTest::newRow("flood kept to the limit") << ProcessRow{
-            "head -c 16777216 /dev/zero | tr '\\0' x >&2 & printf a; yes é | tr -d '\\n' | head -c 16777216; wait", stop, 0,
+            "head -c 16777216 /dev/zero | tr '\\0' x >&2 & printf a; yes é | tr -d '\\n' | head -c 16777216; wait", 0, stop,
             {out, err}, {"Process stdout: " + out + " [15728642 more bytes left out]",
                          "Process stderr: " + err + " [15728640 more bytes left out]", exited.arg(0)}};
         // clang-format on
@@ -74,7 +71,7 @@ private slots:
     void processResultAndLogLines()
     {
         QFETCH(ProcessRow, row);
-        auto [body, arguments, exitCode, outputs, expectedLog] = row;
+        auto [body, exitCode, arguments, outputs, expectedLog] = row;
         const QString path = env.root() + u"/scripts/"_s + QString::fromLatin1(QTest::currentDataTag());
         if (!body.isNull()) // else no such file
             TestEnvironment::writeScript(path, body);
@@ -96,8 +93,7 @@ private slots:
 
     void locationsFollowTheExecutable_data()
     {
-        // In: executable, home, XDG_DATA_HOME, XDG_CONFIG_HOME, QUILLMERE_VOLUMES_DIR, whether /run/media/me exists.
-        // Out: resources, Info.plist, support, defaults file (empty: the preferences domain), volumes.
+        // Executable|home|XDG_DATA_HOME|XDG_CONFIG_HOME|QUILLMERE_VOLUMES_DIR|/run/media/me there, and what follows.
         QTest::addColumn<QString>("in");
         QTest::addColumn<QString>("out");
         const QString app = u"/Applications/Quillmere Agent.app/Contents"_s, conf = u"/com.tallyhold.agent.app.conf"_s;
@@ -130,8 +126,7 @@ private slots:
         QCOMPARE(l.applicationBundle, out.contains(u"/Contents/Resources|"_s));
     }
 
-    // The macOS application delegate goes in only for Qt's cocoa plugin, chosen before Qt loads it; and
-    // the system's list of running copies may not hold this process yet when the launch asks.
+    // The AppKit delegate goes in only for cocoa, chosen before Qt loads; the system may not list this process yet.
     void qtPlatformAndRunningCopiesKnownBeforeTheApplicationExists()
     {
         // Arguments, QT_QPA_PLATFORM, the choice.

@@ -1,13 +1,11 @@
-// The status menu and its badge: the entries in order, what a state update shows, logs and enables,
-// the status button, and the badge's colours at known pixels.
+// The status menu: what a state update shows, logs and enables, and the badge's colours at known pixels.
 #include "menu/BrandImage.h"
 #include "menu/MenuItemCheckState.h"
 #include "support/Testing.h"
 
 namespace {
 
-// The whole menu in order: "-" a separator, "(...)" a disabled item, "[x] " a checked one, " <...>" a shortcut;
-// "&&" in a title shows a literal ampersand, a lone '&' marks an accelerator.
+// The menu as shown ("&&" an ampersand, lone '&' an accelerator): "-", "(disabled)", "[x] checked", " <shortcut>".
 QString wholeMenu(const QMenu &menu)
 {
     QStringList entries;
@@ -42,8 +40,7 @@ private slots:
     void updateShowsLogsAndEnables_data()
     {
         QTest::addColumn<UpdateRow>("row");
-        // Each follows an earlier "Status: Running" update with the agent's running flag flipped, and
-        // "Run at Startup" checked by the startup code.
+        // Each follows "Status: Running" with the running flag flipped, and "Run at Startup" checked.
         // clang-format off
         QTest::newRow("assembled, no update") << UpdateRow{nullptr, nullptr, false, false, false, true, nullptr,
             "(Status: Launching...)|(Version: --)|-|Start Agent|(Stop Agent)|-|%P|-|Run at Startup|-|Quit"};
@@ -94,9 +91,7 @@ private slots:
 
     void badgeColoursAtKnownPixels()
     {
-        // Premultiplied ARGB, running then offline, of pixels wholly inside one part of the badge: the cut corner,
-        // the wash (lighter to the lower right), a drawn and the open upper-left side of the mark, and last,
-        // looked at only once pixels are small enough, the outline just outside the edge.
+        // Premultiplied ARGB, running then offline, of pixels inside one part each; the outline only at 8x.
         const QList<std::tuple<const char *, QPointF, QList<int>, QList<int>>> spots{
             {"corner", {0.5, 0.5}, {0, 0, 0, 0}, {0, 0, 0, 0}},
             {"lower right", {13.5, 13.5}, {251, 14, 62, 73}, {235, 77, 79, 81}},

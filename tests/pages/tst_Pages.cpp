@@ -1,5 +1,4 @@
-// The launch: the getting-started page once per version and never at login, the startup status
-// page only for a manual launch; and the menu's own getting-started and logs items.
+// The launch's pages: getting started once per version and never at login, startup status only by hand.
 #include "support/Testing.h"
 
 #include <QSettings>
@@ -83,8 +82,7 @@ private slots:
         else
             QCOMPARE(storedVersion(), welcomeShown ? u"1.0.0"_s : stored);
 
-        // Opened from the menu, the getting-started page is not shown again at the next launch; the
-        // logs item makes the folder it opens.
+        // Opened from the menu, getting started is not shown again; the logs item makes the folder it opens.
         QVERIFY(!QFileInfo::exists(support));
         c.delegate.openGettingStartedMenuItem()->trigger();
         c.delegate.openLogsMenuItem()->trigger();
