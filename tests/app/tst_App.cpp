@@ -10,19 +10,13 @@
 
 struct ProcessRow {
     QString body; // null: no such file
-    QStringList arguments;
     int exitCode;
-    QStringList outputs, log; // standard output and error as returned; the log after the launching line
+    QStringList arguments, outputs, log; // outputs: standard output and error; log: after the launching line
 };
 
 class AppTest : public QObject {
     Q_OBJECT
     TestEnvironment env;
-    QString script(const QString &name, const QString &body)
-    {
-        TestEnvironment::writeScript(env.root() + u"/scripts/"_s + name, body);
-        return env.root() + u"/scripts/"_s + name;
-    }
     // A /proc/self/status figure in kB: VmRSS now, VmHWM the peak so far.
     static qint64 memoryKb(const QByteArray &key)
     {
@@ -40,17 +34,14 @@ private slots:
         QStringList expected[2];
         {
             AppLogger logger(path);
-            std::thread workers[2];
+            std::jthread workers[2]; // joined before the logger goes
             for (int t = 0; t < 2; ++t)
-                workers[t] = std::thread([&logger, &lines = expected[t], t] {
+                workers[t] = std::jthread([&logger, &lines = expected[t], t] {
                     for (int i = 0; i < 500; ++i)
                         logger.log(
                             lines.emplace_back(u"thread %1 line %2 Größe | %3"_s.arg(t).arg(i).arg(QString(40, u'x'))));
                 });
-            for (auto &worker : workers)
-                worker.join();
         } // destruction drains the queue
-        QVERIFY(QFileInfo(path).isFile() && !QFileInfo(path).isSymLink());
         QCOMPARE(QDir(dir.path()).entryList(QDir::Files), QStringList{u"menu-app.log"_s});
         const QStringList lines = TestEnvironment::logMessagesIn(path); // each stamped in UTC to the millisecond
         QCOMPARE(lines.filter(u"thread 0 "_s) + lines.filter(u"thread 1 "_s), expected[0] + expected[1]);
@@ -62,17 +53,17 @@ private slots:
         const QStringList stop{u"stop"_s}, none{QString(), QString()};
         const QString exited = u"Process exited with code %1"_s;
         // clang-format off
-        QTest::newRow("missing") << ProcessRow{{}, stop, 1, none, {}};
-        QTest::newRow("blank-stderr") << ProcessRow{"printf '  \\n\\t' >&2; exit 3", stop, 3, {{}, "  \n\t"}, {exited.arg(3)}};
-        QTest::newRow("trimmed-in-log-only") << ProcessRow{"printf ' started agent\\n'; printf 'warn\\n' >&2", {}, 0,
-            {" started agent\n", "warn\n"}, {"Process stdout: started agent", "Process stderr: warn", exited.arg(0)}};
-        QTest::newRow("undecodable output dropped") << ProcessRow{"printf 'ok\\377\\n'", stop, 0, none, {exited.arg(0)}};
-        QTest::newRow("killed") << ProcessRow{"kill -9 $$", {}, 9, none, {exited.arg(9)}};
+        QTest::newRow("missing") << ProcessRow{{}, 1, stop, none, {}};
+        QTest::newRow("trimmed in log only, blank not logged") << ProcessRow{
+            "printf ' started agent\\n'; printf '  \\n\\t' >&2; exit 3", 3, {}, {" started agent\n", "  \n\t"},
+            {"Process stdout: started agent", exited.arg(3)}};
+        QTest::newRow("undecodable dropped, killed") << ProcessRow{"printf 'ok\\377\\n'; kill -9 $$", 9, stop, none,
+            {exited.arg(9)}};
         // 16 MiB on each stream at once; the limit falls inside a two-byte character.
         const QString out = u'a' + QString(ProcessRunner::outputLimitBytes / 2 - 1, u'é'),
                       err(ProcessRunner::outputLimitBytes, u'x');
         QTest::newRow("flood kept to the limit") << ProcessRow{
-            "head -c 16777216 /dev/zero | tr '\\0' x >&2 & printf a; yes é | tr -d '\\n' | head -c 16777216; wait", stop, 0,
+            "head -c 16777216 /dev/zero | tr '\\0' x >&2 & printf a; yes é | tr -d '\\n' | head -c 16777216; wait", 0, stop,
             {out, err}, {"Process stdout: " + out + " [15728642 more bytes left out]",
                          "Process stderr: " + err + " [15728640 more bytes left out]", exited.arg(0)}};
         // clang-format on
@@ -80,9 +71,10 @@ private slots:
     void processResultAndLogLines()
     {
         QFETCH(ProcessRow, row);
-        auto [body, arguments, exitCode, outputs, expectedLog] = row;
-        const QString path =
-            body.isNull() ? env.root() + u"/nowhere"_s : script(QString::fromLatin1(QTest::currentDataTag()), body);
+        auto [body, exitCode, arguments, outputs, expectedLog] = row;
+        const QString path = env.root() + u"/scripts/"_s + QString::fromLatin1(QTest::currentDataTag());
+        if (!body.isNull()) // else no such file
+            TestEnvironment::writeScript(path, body);
         env.markLog();
         const qint64 before = memoryKb("VmRSS");
         const ProcessResult result = ProcessRunner::runSync(path, arguments);
@@ -101,65 +93,51 @@ private slots:
 
     void locationsFollowTheExecutable_data()
     {
-        // Inputs: executable, home, XDG_DATA_HOME, XDG_CONFIG_HOME, QUILLMERE_VOLUMES_DIR, and
-        // whether /run/media/me exists. Expected: resources (empty: none), Info.plist, support,
-        // defaults file (empty: the preferences domain), volumes.
-        QTest::addColumn<QStringList>("in");
-        QTest::addColumn<QStringList>("out");
-        const QString app = u"/Applications/Quillmere Agent.app"_s;
-        const QString conf = u"/com.tallyhold.agent.app.conf"_s;
-        QTest::newRow("installed") << QStringList{"/usr/bin/quillmere-menu", "/home/me", "", "", "", ""}
-                                   << QStringList{"/usr/share/quillmere-menu", "/usr/share/quillmere-menu/Info.plist",
-                                                  "/home/me/.local/share", "/home/me/.config" + conf, "/media/me"};
+        // Executable|home|XDG_DATA_HOME|XDG_CONFIG_HOME|QUILLMERE_VOLUMES_DIR|/run/media/me there, and what follows.
+        QTest::addColumn<QString>("in");
+        QTest::addColumn<QString>("out");
+        const QString app = u"/Applications/Quillmere Agent.app/Contents"_s, conf = u"/com.tallyhold.agent.app.conf"_s;
+        const QString xdg = "|/home/me/.local/share|/home/me/.config" + conf + '|';
         QTest::newRow("installed, tidied, relative XDG ignored, desktop media")
-            << QStringList{"/opt/q/bin/quillmere-menu", "/home/me/", "relative/share", "", "", "run-media"}
-            << QStringList{"/opt/q/share/quillmere-menu", "/opt/q/share/quillmere-menu/Info.plist",
-                           "/home/me/.local/share", "/home/me/.config" + conf, "/run/media/me"};
-        QTest::newRow("bundle") << QStringList{app + "/Contents/MacOS/quillmere-menu", "/Users/me", "", "", "", ""}
-                                << QStringList{app + "/Contents/Resources", app + "/Contents/Info.plist",
-                                               "/Users/me/Library/Application Support", "", "/Volumes"};
+            << u"/opt/q/bin/quillmere-menu|/home/me/|relative/share|||run-media"_s
+            << "/opt/q/share/quillmere-menu|/opt/q/share/quillmere-menu/Info.plist" + xdg + "/run/media/me";
+        QTest::newRow("bundle") << app + "/MacOS/quillmere-menu|/Users/me||||"
+                                << app + "/Resources|" + app +
+                                       "/Info.plist|/Users/me/Library/Application Support||/Volumes";
         QTest::newRow("bundle with overrides")
-            << QStringList{app + "/Contents/MacOS/quillmere-menu", "/Users/me", "/t/data/", "/t/config", "/t/vol", ""}
-            << QStringList{app + "/Contents/Resources", app + "/Contents/Info.plist", "/t/data", "/t/config" + conf,
-                           "/t/vol"};
+            << app + "/MacOS/quillmere-menu|/Users/me|/t/data/|/t/config|/t/vol|"
+            << app + "/Resources|" + app + "/Info.plist|/t/data|/t/config" + conf + "|/t/vol";
         QTest::newRow("MacOS folder outside a bundle")
-            << QStringList{"/build/Contents/MacOS/quillmere-menu", "/home/me", "", "", "", ""}
-            << QStringList{"/build/Contents/share/quillmere-menu", "/build/Contents/share/quillmere-menu/Info.plist",
-                           "/home/me/.local/share", "/home/me/.config" + conf, "/media/me"};
-        QTest::newRow("unknown executable")
-            << QStringList{"", "/home/me", "", "", "", ""}
-            << QStringList{"", "", "/home/me/.local/share", "/home/me/.config" + conf, "/media/me"};
+            << u"/build/Contents/MacOS/quillmere-menu|/home/me||||"_s
+            << "/build/Contents/share/quillmere-menu|/build/Contents/share/quillmere-menu/Info.plist" + xdg +
+                   "/media/me";
+        QTest::newRow("unknown executable") << u"|/home/me||||"_s << '|' + xdg + "/media/me";
     }
     void locationsFollowTheExecutable()
     {
-        QFETCH(QStringList, in);
-        QFETCH(QStringList, out);
-        const Locations locations =
-            locationsFor({in[0], in[1], in[2], in[3], in[4], u"me"_s, in[5] == QLatin1String("run-media")});
-        QCOMPARE(locations.resourceDirectory.value_or(QString()), out[0]);
-        QCOMPARE(locations.infoPlistPath, out[1]);
-        QCOMPARE(locations.applicationSupportDirectory, out[2]);
-        QCOMPARE(locations.userDefaultsFile.value_or(QString()), out[3]);
-        QCOMPARE(locations.volumeMountDirectory, out[4]);
-        QCOMPARE(locations.applicationBundle, out[0].endsWith(QLatin1String("/Contents/Resources")));
+        QFETCH(QString, in);
+        QFETCH(QString, out);
+        const QStringList i = in.split(u'|');
+        const Locations l = locationsFor({i[0], i[1], i[2], i[3], i[4], u"me"_s, !i[5].isEmpty()});
+        QCOMPARE(QStringList({l.resourceDirectory.value_or(QString()), l.infoPlistPath, l.applicationSupportDirectory,
+                              l.userDefaultsFile.value_or(QString()), l.volumeMountDirectory})
+                     .join(u'|'),
+                 out);
+        QCOMPARE(l.applicationBundle, out.contains(u"/Contents/Resources|"_s));
     }
 
-    // The macOS application delegate goes in only for Qt's cocoa plugin, chosen before Qt loads it; and
-    // the system's list of running copies may not hold this process yet when the launch asks.
+    // The AppKit delegate goes in only for cocoa, chosen before Qt loads; the system may not list this process yet.
     void qtPlatformAndRunningCopiesKnownBeforeTheApplicationExists()
     {
+        // Arguments, QT_QPA_PLATFORM, the choice.
         const QList<std::tuple<QStringList, QByteArray, QString>> choices{
-            // arguments, QT_QPA_PLATFORM, choice
             {{}, {}, "cocoa"},
-            {{"--launched-at-login"}, "offscreen", "offscreen"},
             {{}, "minimal:enable_fonts;cocoa", "minimal"},
-            {{"-platform", "cocoa"}, "offscreen", "cocoa"},
-            {{"--platform", "minimal", "--platform", "offscreen"}, {}, "offscreen"},
-            {{"-platform"}, "offscreen", "offscreen"}};
+            {{"--platform", "minimal", "-platform", "cocoa"}, "offscreen", "cocoa"},
+            {{"--launched-at-login", "-platform"}, "offscreen", "offscreen"}};
         for (const auto &[arguments, environment, chosen] : choices)
             QCOMPARE(chosenQtPlatform(QStringList{"quillmere-menu"} + arguments, environment, "cocoa"), chosen);
-        const QList<std::pair<QList<qint64>, int>> copies{{{}, 1}, {{7}, 1}, {{3}, 2}, {{3, 7, 9}, 3}};
-        for (const auto &[pids, count] : copies)
+        for (const auto &[pids, count] : QList<std::pair<QList<qint64>, int>>{{{}, 1}, {{7}, 1}, {{3, 7, 9}, 3}})
             QCOMPARE(runningCopiesIncludingThisOne(pids, 7), count);
         QCOMPARE(Configuration().launchctlPath, u"/bin/launchctl"_s); // where macOS keeps it
     }

@@ -1,23 +1,19 @@
-// The status menu and its badge: the entries in order, what a state update shows, logs and enables,
-// the status button, and the badge's colours at known pixels (also written out as pictures).
+// The status menu: what a state update shows, logs and enables, and the badge's colours at known pixels.
 #include "menu/BrandImage.h"
 #include "menu/MenuItemCheckState.h"
 #include "support/Testing.h"
 
 namespace {
 
-// What a menu shows for a title: "&&" is a literal ampersand, a lone '&' marks an accelerator.
-QString shownText(const QAction *action)
-{
-    return QString(action->text()).replace(QRegularExpression(u"&(.)"_s), u"\\1"_s);
-}
-
-// The whole menu in order: "-" a separator, "(...)" a disabled item, "[x] " a checked one, " <...>" a shortcut.
+// The menu as shown ("&&" an ampersand, lone '&' an accelerator): "-", "(disabled)", "[x] checked", " <shortcut>".
 QString wholeMenu(const QMenu &menu)
 {
     QStringList entries;
     for (const QAction *item : menu.actions()) {
-        QString entry = item->isSeparator() ? u"-"_s : (item->isChecked() ? u"[x] "_s : QString()) + shownText(item);
+        QString entry = item->isSeparator()
+                            ? u"-"_s
+                            : (item->isChecked() ? u"[x] "_s : QString()) +
+                                  QString(item->text()).replace(QRegularExpression(u"&(.)"_s), u"\\1"_s);
         if (!item->shortcut().isEmpty())
             entry += " <" + item->shortcut().toString() + '>';
         entries.append(item->isEnabled() ? entry : '(' + entry + ')');
@@ -28,8 +24,8 @@ QString wholeMenu(const QMenu &menu)
 struct UpdateRow {
     const char *title, *version; // no update at all if title is null
     bool running, startInFlight, stopInFlight, runtimeFolder;
-    const char *logged; // no line logged if null
-    const char *menu;   // the whole menu afterwards; "%P" stands for the two page items enabled
+    // The line logged (none if null), and the whole menu afterwards ("%P": the page items, all enabled).
+    const char *logged, *menu;
 };
 
 } // namespace
@@ -44,8 +40,7 @@ private slots:
     void updateShowsLogsAndEnables_data()
     {
         QTest::addColumn<UpdateRow>("row");
-        // Each follows an earlier "Status: Running" update with the agent's running flag flipped, and
-        // "Run at Startup" checked by the startup code.
+        // Each follows "Status: Running" with the running flag flipped, and "Run at Startup" checked.
         // clang-format off
         QTest::newRow("assembled, no update") << UpdateRow{nullptr, nullptr, false, false, false, true, nullptr,
             "(Status: Launching...)|(Version: --)|-|Start Agent|(Stop Agent)|-|%P|-|Run at Startup|-|Quit"};
@@ -83,13 +78,12 @@ private slots:
             d.startInFlight = row.startInFlight;
             d.stopInFlight = row.stopInFlight;
             env.markLog();
-            d.updateStateMenu(QString::fromUtf8(row.title), QString::fromUtf8(row.version), row.running);
-            QCOMPARE(env.messagesSinceMark(), row.logged ? QStringList{QString::fromUtf8(row.logged)} : QStringList());
+            d.updateStateMenu(row.title, row.version, row.running);
+            QCOMPARE(env.messagesSinceMark(), row.logged ? QStringList{row.logged} : QStringList());
         }
-        QCOMPARE(wholeMenu(*d.menu),
-                 QString::fromUtf8(row.menu).replace(
-                     u"%P"_s, QStringLiteral("Open Cloud Admin|Check for Updates|Open Local Admin|"
-                                             "Open Getting Started|Open Startup Status|Open Logs")));
+        QCOMPARE(wholeMenu(*d.menu), QString(row.menu).replace(u"%P"_s, u"Open Cloud Admin|Check for Updates|"
+                                                                        "Open Local Admin|Open Getting Started|"
+                                                                        "Open Startup Status|Open Logs"_s));
         QCOMPARE(button->toolTip(), row.running ? u"Quillmere Agent is running"_s : u"Quillmere Agent is offline"_s);
         QVERIFY(button->title().isEmpty() && !button->appearsDisabled() && !button->image().isMask());
         QCOMPARE(c.fakes.statusItem->menu(), d.menu.get()); // what the tray's own context menu shows
@@ -97,21 +91,14 @@ private slots:
 
     void badgeColoursAtKnownPixels()
     {
-        // Premultiplied ARGB of pixels wholly inside one part of the badge, running then offline:
-        // the cut corner, the wash (lighter to the lower right), a drawn and the open upper-left
-        // side of the mark, and (once pixels are small enough) the outline just outside the edge.
-        struct Spot {
-            const char *name;
-            QPointF at; // in points from the upper left
-            QList<int> running, offline, scales;
-        };
-        const QList<Spot> spots{{"corner", {0.5, 0.5}, {0, 0, 0, 0}, {0, 0, 0, 0}, {1, 2}},
-                                {"lower right", {13.5, 13.5}, {251, 14, 62, 73}, {235, 77, 79, 81}, {1, 2}},
-                                {"upper left", {4.5, 4.5}, {251, 15, 38, 43}, {233, 69, 70, 71}, {1, 2}},
-                                {"mark", {10.5, 7.5}, {255, 150, 235, 251}, {253, 207, 211, 215}, {1, 2}},
-                                {"open side", {7.5, 7.5}, {251, 14, 45, 52}, {234, 71, 73, 74}, {1, 2}},
-                                {"outline", {0.95, 9.05}, {209, 63, 136, 160}, {179, 120, 125, 130}, {8}}};
-        const QString folder = qEnvironmentVariable("QUILLMERE_TEST_OUTPUT");
+        // Premultiplied ARGB, running then offline, of pixels inside one part each; the outline only at 8x.
+        const QList<std::tuple<const char *, QPointF, QList<int>, QList<int>>> spots{
+            {"corner", {0.5, 0.5}, {0, 0, 0, 0}, {0, 0, 0, 0}},
+            {"lower right", {13.5, 13.5}, {251, 14, 62, 73}, {235, 77, 79, 81}},
+            {"upper left", {4.5, 4.5}, {251, 15, 38, 43}, {233, 69, 70, 71}},
+            {"mark", {10.5, 7.5}, {255, 150, 235, 251}, {253, 207, 211, 215}},
+            {"open side", {7.5, 7.5}, {251, 14, 45, 52}, {234, 71, 73, 74}},
+            {"outline", {0.95, 9.05}, {209, 63, 136, 160}, {179, 120, 125, 130}}};
         for (bool running : {true, false})
             for (int scale : {1, 2, 8}) {
                 const QImage image = makeBrandStatusImage(running)
@@ -119,15 +106,12 @@ private slots:
                                          .toImage()
                                          .convertToFormat(QImage::Format_ARGB32_Premultiplied);
                 QCOMPARE(image.size(), QSize(18, 18) * scale);
-                const QString name = u"brand-badge-%1@%2x.png"_s.arg(running ? "running" : "offline").arg(scale);
-                if (!folder.isEmpty())
-                    QVERIFY2(image.save(folder + '/' + name), qPrintable(name));
-                for (const Spot &spot : spots) {
-                    const QRgb p = image.pixel(int(spot.at.x() * scale), int(spot.at.y() * scale));
+                for (const auto &[name, at, whenRunning, whenOffline] : spots.first(scale == 8 ? 6 : 5)) {
+                    const QRgb p = image.pixel(int(at.x() * scale), int(at.y() * scale));
                     const QList<int> actual{qAlpha(p), qRed(p), qGreen(p), qBlue(p)};
-                    const QList<int> &expected = running ? spot.running : spot.offline;
-                    for (int i = 0; i < 4 && spot.scales.contains(scale); ++i)
-                        QVERIFY2(std::abs(actual[i] - expected[i]) <= 3, qPrintable(name + ' ' + spot.name));
+                    for (int i = 0; i < 4; ++i)
+                        QVERIFY2(std::abs(actual[i] - (running ? whenRunning : whenOffline)[i]) <= 3,
+                                 qPrintable(name + u" at %1x"_s.arg(scale)));
                 }
             }
     }
