@@ -1,0 +1,70 @@
+// The bundled demo runtime: agentctl.sh starts the demo agent on a loopback port, or says on
+// standard output why it could not; the agent takes snapshots, shows the last one escaped on its
+// admin page, lets a silent client go, and stops.
+#include "support/TestEnvironment.h"
+
+#include <QProcess>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTest>
+#include <QTimer>
+
+class DemoRuntimeTest : public QObject {
+    Q_OBJECT
+    TestEnvironment env;
+    QTcpServer taken; // holds a free loopback port, then gives it to the agent
+    const quint16 port = taken.listen(QHostAddress::LocalHost) ? taken.serverPort() : 0;
+
+    // On pipes, as the controller runs it: exit code (-1: not ended within the 10 s a start may
+    // take) and standard output. Events run meanwhile.
+    QPair<int, QByteArray> runScript(const QString &argument)
+    {
+        QProcess process;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(u"QUILLMERE_AGENT_PORT"_s, QString::number(port));
+        process.setProcessEnvironment(environment);
+        process.start(QStringLiteral(QUILLMERE_BUILD_RESOURCES "/runtime/agentctl.sh"), {argument});
+        const bool ended = QTest::qWaitFor([&] { return process.state() == QProcess::NotRunning; }, 10000);
+        return {ended ? process.exitCode() : -1, process.readAllStandardOutput()};
+    }
+    // The whole answer to one request; the agent closes each connection once it has answered.
+    QByteArray answerTo(const QByteArray &requestLine, const QByteArray &body = {})
+    {
+        QTcpSocket socket;
+        socket.connectToHost(QHostAddress::LocalHost, port);
+        socket.write(requestLine + "\r\nContent-Length: " + QByteArray::number(body.size()) + "\r\n\r\n" + body);
+        const bool closed = QTest::qWaitFor([&] { return socket.state() == QAbstractSocket::UnconnectedState; });
+        return closed ? socket.readAll() : "still open after 5 s";
+    }
+
+private slots:
+    void cleanup() { runScript(u"stop"_s); } // never leave an agent behind
+    void startServesAndStopEnds()
+    {
+        // The port held by a peer that answers a byte at a time: the start gives up, and says why.
+        QTimer trickle;
+        connect(&trickle, &QTimer::timeout, [&] {
+            for (QTcpSocket *peer : taken.findChildren<QTcpSocket *>())
+                peer->write("H");
+        });
+        trickle.start(200);
+        const auto refused = runScript(u"start"_s);
+        QVERIFY2(refused.first == 1 &&
+                     refused.second.contains(": cannot listen on 127.0.0.1:" + QByteArray::number(port)),
+                 refused.second.constData());
+        taken.close();
+        QCOMPARE(runScript(u"start"_s).first, 0); // ends once the agent answers, though on pipes
+        QTcpSocket silent;                        // a client that never sends a request is let go in time
+        silent.connectToHost(QHostAddress::LocalHost, port);
+        const QByteArray sync = answerTo("POST /api/mounted-volumes/cache-sync HTTP/1.1",
+                                         R"({"event":"app-launch","volumes":[{"name":"Photos <2024>"}]})");
+        QVERIFY2(sync.startsWith("HTTP/1.1 200 ") && sync.endsWith("\r\n\r\n{\"ok\":true}"), sync.constData());
+        QVERIFY(answerTo("GET / HTTP/1.1").contains("Photos &lt;2024&gt;")); // the last snapshot, escaped
+        QTRY_COMPARE_WITH_TIMEOUT(silent.state(), QAbstractSocket::UnconnectedState, 15000);
+        QCOMPARE(runScript(u"stop"_s).first, 0);
+        QCOMPARE(answerTo("GET /healthz HTTP/1.1"), QByteArray()); // nobody answers any more
+    }
+};
+
+QTEST_MAIN(DemoRuntimeTest)
+#include "tst_DemoRuntime.moc"
