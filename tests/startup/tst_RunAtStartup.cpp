@@ -6,6 +6,7 @@
 #include "platform/linux/AutostartLoginItemService.h"
 #endif
 
+#include <QProcess>
 #include <unistd.h>
 
 namespace {
@@ -239,6 +240,7 @@ private slots:
         QCOMPARE(readFile(entry), QByteArray("[Desktop Entry]\nType=Application\nName=Quillmere Agent\nExec="
                                              "\"/a b/\\\\\"\\\\$\\\\`\\\\\\\\100%%\\n\\t\" --launched-at-login"
                                              "\nX-GNOME-Autostart-enabled=true\nNoDisplay=true\n"));
+        QCOMPARE(QProcess::execute(u"desktop-file-validate"_s, {entry}), 0); // as desktop sessions read it
         const LoginItemError again = entries->registerApp().value_or(LoginItemError{});
         QVERIFY(again.code == LoginItemService::errorAlreadyRegistered && !again.message.isEmpty());
         QCOMPARE(again.domain, "QuillmereAutostartErrorDomain");
