@@ -6,9 +6,7 @@
 #include "support/InstalledProgram.h"
 
 #include <QElapsedTimer>
-#include <QGuiApplication>
 #include <QRegularExpression>
-#include <QScreen>
 #include <QTest>
 #include <QtDBus>
 #include <optional>
@@ -32,7 +30,7 @@ QDBusMessage askItem(const QString &item, const QString &interface, const QStrin
 }
 
 // Each top-level menu entry as a panel shows it: "-" a separator, "(...)" disabled, "[x]"/"[ ]" a
-// check mark on or off, "+icon" an icon beside it; and each label's item id, which a click names.
+// check mark on or off; and each label's item id, which a click names.
 QStringList menuShown(const QString &item, QHash<QString, int> *ids = nullptr)
 {
     // Qt exports an icon's menu at /MenuBar.
@@ -56,8 +54,6 @@ QStringList menuShown(const QString &item, QHash<QString, int> *ids = nullptr)
             shown = u'(' + shown + u')';
         if (p.value(u"toggle-type"_s) == "checkmark"_L1)
             shown += p.value(u"toggle-state"_s).toInt() == 1 ? " [x]"_L1 : " [ ]"_L1;
-        if (p.contains(u"icon-data"_s) || p.contains(u"icon-name"_s))
-            shown += " +icon"_L1;
         entries.append(shown);
     }
     return entries;
@@ -116,17 +112,6 @@ std::optional<QString> runTool(const QString &tool, const QStringList &arguments
         return QString::fromUtf8(process.readAllStandardOutput());
     qWarning().noquote() << tool << arguments << "failed:" << process.errorString() << process.readAllStandardError();
     return std::nullopt;
-}
-
-// How many pixels of the screen differ from an earlier look.
-int pixelsChangedSince(const QImage &before)
-{
-    const QImage now = QGuiApplication::primaryScreen()->grabWindow(0).toImage().convertToFormat(before.format());
-    int changed = 0;
-    for (int y = 0; y < now.height(); ++y)
-        for (int x = 0; x < now.width(); ++x)
-            changed += now.pixel(x, y) != before.pixel(x, y);
-    return changed;
 }
 
 } // namespace
@@ -219,7 +204,7 @@ private slots:
         other.reset();
 
         // An XEmbed tray comes at last: its announcement is heard, its selection read, the icon
-        // embedded (only then shown), and a left click on it opens the menu.
+        // embedded (only then shown).
         // tint2 waits for a window manager to announce its desktops; this desktop has none.
         QVERIFY(runTool(u"xprop"_s, {u"-root"_s, u"-f"_s, u"_NET_NUMBER_OF_DESKTOPS"_s, u"32c"_s, u"-set"_s,
                                      u"_NET_NUMBER_OF_DESKTOPS"_s, u"1"_s}));
@@ -229,10 +214,10 @@ private slots:
                                      .value_or(QString())
                                      .contains("Geometry: 24x24"_L1),
                                  timeoutMs);
-        const QImage before = QGuiApplication::primaryScreen()->grabWindow(0).toImage();
+        // A left click on it opens the menu: a second window of the program shows.
         QVERIFY(runTool(u"xdotool"_s, icon + QStringList{u"mousemove"_s, u"--window"_s, u"%1"_s, u"12"_s, u"12"_s,
                                                          u"click"_s, u"1"_s}));
-        QTRY_VERIFY_WITH_TIMEOUT(pixelsChangedSince(before) > 100 * 150, timeoutMs);
+        QTRY_COMPARE_WITH_TIMEOUT(runTool(u"xdotool"_s, icon).value_or(QString()).count(u'\n'), 2, timeoutMs);
     }
 
     // Xfce's panel is there first; the program runs on Wayland and is driven as the panel drives it.
