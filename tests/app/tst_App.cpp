@@ -17,12 +17,6 @@ struct ProcessRow {
 class AppTest : public QObject {
     Q_OBJECT
     TestEnvironment env;
-    // A /proc/self/status figure in kB: VmRSS now, VmHWM the peak so far.
-    static qint64 memoryKb(const QByteArray &key)
-    {
-        const QByteArray status = readFile(u"/proc/self/status"_s);
-        return status.mid(status.indexOf(key + ':') + key.size() + 1).trimmed().split(' ').value(0).toLongLong();
-    }
 
 private slots:
     void logLinesAreOrderedWholeAndNeverLost()

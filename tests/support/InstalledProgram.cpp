@@ -3,6 +3,7 @@
 #include "support/Files.h"
 #include "support/TestEnvironment.h"
 
+#include <QMap>
 #include <QProcessEnvironment>
 
 InstalledProgram::InstalledProgram(const QString &platform) : platform_(platform)
@@ -14,7 +15,7 @@ InstalledProgram::InstalledProgram(const QString &platform) : platform_(platform
                      root() + u"/share/quillmere-menu/Info.plist"_s))
         qFatal("cannot copy the program");
     TestEnvironment::writeScript(root() + u"/fakebin/xdg-open"_s,
-                                 u"printf '%s\\n' \"$*\" >> "_s +
+                                 u"printf '%s %s\\n' $$ \"$*\" >> "_s +
                                      TestEnvironment::shellQuoted(root() + u"/xdg-open-calls"_s));
 }
 
@@ -90,5 +91,9 @@ QStringList InstalledProgram::logMessages(const QString &user) const
 
 QStringList InstalledProgram::openedLocations() const
 {
-    return QString::fromUtf8(readFile(root() + u"/xdg-open-calls"_s)).split(u'\n', Qt::SkipEmptyParts);
+    QMap<int, QString> byProcessId; // ids rise in the order the runs were started, whichever ended first
+    for (const QString &line :
+         QString::fromUtf8(readFile(root() + u"/xdg-open-calls"_s)).split(u'\n', Qt::SkipEmptyParts))
+        byProcessId.insert(line.section(u' ', 0, 0).toInt(), line.section(u' ', 1));
+    return byProcessId.values();
 }

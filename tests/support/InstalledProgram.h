@@ -38,7 +38,7 @@ public:
     }
     // The user's log without timestamps (runs of one user share it).
     QStringList logMessages(const QString &user = u"first"_s) const;
-    // Every location handed to xdg-open, in order.
+    // Every location handed to xdg-open, in the order the program asked.
     QStringList openedLocations() const;
 
     // A command that the program is run through (another user's: setpriv ...); none by default.

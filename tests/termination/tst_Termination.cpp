@@ -167,8 +167,8 @@ private slots:
         QVERIFY(QFileInfo::exists(fallback + ".socket"_L1));
         // Default timings: probes at launch, 0.4 s and 5 s later; idle in between (a spin takes much of a core).
         const auto cpuMs = [pid = first->processId()] {
-            const QList<QByteArray> stat = readFile(u"/proc/%1/stat"_s.arg(pid)).split(')').last().split(' ');
-            return (stat.value(12).toLongLong() + stat.value(13).toLongLong()) * 1000 / ::sysconf(_SC_CLK_TCK);
+            const QList<QByteArray> stat = processStat(pid);
+            return (stat.value(11).toLongLong() + stat.value(12).toLongLong()) * 1000 / ::sysconf(_SC_CLK_TCK);
         };
         const qint64 cpuBefore = cpuMs(), idleFrom = sinceLaunch.elapsed();
         QTRY_VERIFY_WITH_TIMEOUT(probes.size() >= 3, 12000);
