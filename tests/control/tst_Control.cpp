@@ -116,7 +116,7 @@ private slots:
         for (const QString &page : pageNames())
             QCOMPARE(program.run(port, {u"--open"_s, page}), Result{});
 
-        // A flood of bad, oversized and unfinished requests: answered or dropped, nothing kept.
+        // A flood of bad, oversized and unfinished requests: bad ones answered, nothing kept.
         const qint64 pid = running->processId();
         const qint64 descriptors = openDescriptors(pid), memory = memoryKb("VmRSS", pid);
         std::vector<std::unique_ptr<QLocalSocket>> unfinished;
@@ -126,14 +126,12 @@ private slots:
             auto socket = std::make_unique<QLocalSocket>();
             socket->connectToServer(program.socketPath());
             QVERIFY(socket->waitForConnected(2000) && socket->write(requests[i % 4]) &&
-                    socket->waitForBytesWritten(2000));
+                    socket->waitForBytesWritten(2000) && (i % 4 > 1 || socket->waitForReadyRead(2000)));
             if (i % 4 == 3 && unfinished.size() < 40)
                 unfinished.push_back(std::move(socket));
         }
-        QTRY_VERIFY_WITH_TIMEOUT(openDescriptors(pid) <= descriptors + 2,
-                                 10000); // unfinished ones dropped
-        QVERIFY2(memoryKb("VmRSS", pid) < memory + 4096,
-                 qPrintable(u"%1 kB, was %2 kB"_s.arg(memoryKb("VmRSS", pid)).arg(memory)));
+        QTRY_VERIFY_WITH_TIMEOUT(openDescriptors(pid) <= descriptors + 2, 10000); // unfinished ones dropped
+        QCOMPARE_LT(memoryKb("VmRSS", pid) - memory, 4096);                       // kB
 
         ::kill(pid_t(pid), SIGSTOP); // a program that hangs
         QCOMPARE(program.run(port, {u"--status"_s}),
