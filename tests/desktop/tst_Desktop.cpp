@@ -59,12 +59,6 @@ QStringList menuShown(const QString &item, QHash<QString, int> *ids = nullptr)
     return entries;
 }
 
-// The bus name of the first tray item the panel's watcher lists ("<bus name>[/<object path>]").
-QString trayItem()
-{
-    QDBusInterface watcher(watcherService, u"/StatusNotifierWatcher"_s, watcherService);
-    return watcher.property("RegisteredStatusNotifierItems").toStringList().value(0).section(u'/', 0, 0);
-}
 // The whole menu while the agent runs, as a panel shows it.
 const QStringList runningMenu = u"(Status: Running)|(Version: 1.4.2)|-|(Start Agent)|Stop Agent|-|Open Cloud Admin|"
                                 "Check for Updates|Open Local Admin|Open Getting Started|Open Startup Status|"
@@ -250,8 +244,10 @@ private slots:
         auto program = makeProgram(u"wayland"_s);
         QProcess *process = program->start(agent_.port());
         qunsetenv("WAYLAND_DISPLAY");
-        QString tray;
-        QTRY_VERIFY_WITH_TIMEOUT(!(tray = trayItem()).isEmpty(), timeoutMs);
+        QDBusInterface watcher(watcherService, u"/StatusNotifierWatcher"_s, watcherService);
+        const auto registered = [&watcher] { return watcher.property("RegisteredStatusNotifierItems").toStringList(); };
+        QTRY_COMPARE_WITH_TIMEOUT(registered().size(), 1, timeoutMs);
+        const QString tray = registered()[0].section(u'/', 0, 0); // "<bus name>[/<object path>]"
         const auto property = [&tray](const QString &name) {
             return QDebug::toString(
                 askItem(tray, u"org.freedesktop.DBus.Properties"_s, u"Get"_s, {itemInterface, name}));
