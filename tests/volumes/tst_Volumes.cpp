@@ -1,5 +1,4 @@
-// Volumes from the mount folder to the agent: the snapshot, the sync request as the agent
-// receives it and what its answer does, when syncs go out, and mount table events.
+// Volumes to the agent: the snapshot, the sync request and what its answer does, when syncs go, mount table events.
 #include "platform/linux/MountInfoWatcher.h"
 #include "support/Testing.h"
 
@@ -51,9 +50,7 @@ private slots:
         QTest::addColumn<QString>("logLine"); // none: the answer counts as accepted
         const QString failed = u"Mounted volume sync request failed: "_s;
         QTest::newRow("201, not JSON") << CannedResponse{201, "created", "text/plain"} << QString();
-        QTest::newRow("204") << CannedResponse{204, {}} << QString();
         QTest::newRow("429") << CannedResponse{429, "{}"} << u"Mounted volume sync request failed with status 429."_s;
-        QTest::newRow("500") << CannedResponse{500, "{}"} << u"Mounted volume sync request failed with status 500."_s;
         QTest::newRow("200 cut off") << CannedResponse{200, "{}", "application/json", false, 0, 40}
                                      << failed + "Connection closed"_L1;
         QTest::newRow("hung") << CannedResponse{200, "{}", "application/json", true}
