@@ -10,27 +10,21 @@ QString wholeMenu(const QMenu &menu)
 {
     QStringList entries;
     for (const QAction *item : menu.actions()) {
-        QString entry = item->isSeparator()
-                            ? u"-"_s
-                            : (item->isChecked() ? u"[x] "_s : QString()) +
-                                  QString(item->text()).replace(QRegularExpression(u"&(.)"_s), u"\\1"_s);
-        if (!item->shortcut().isEmpty())
-            entry += " <" + item->shortcut().toString() + '>';
+        const QString keys = item->shortcut().toString(),
+                      entry = item->isSeparator()
+                                  ? u"-"_s
+                                  : (item->isChecked() ? u"[x] "_s : QString()) +
+                                        QString(item->text()).replace(QRegularExpression(u"&(.)"_s), u"\\1"_s) +
+                                        (keys.isEmpty() ? QString() : " <" + keys + '>');
         entries.append(item->isEnabled() ? entry : '(' + entry + ')');
     }
     return entries.join(u'|');
 }
 
-struct UpdateRow {
-    const char *title, *version; // no update at all if title is null
-    bool running, startInFlight, stopInFlight, runtimeFolder;
-    // The line logged (none if null), and the whole menu afterwards ("%P": the page items, all enabled).
-    const char *logged, *menu;
-};
-
+// Title and version (no update at all if the title is null), running, start and stop in flight, a runtime folder, the
+// line logged (none if null), and the whole menu afterwards ("%P": the page items, all enabled).
+using UpdateRow = std::tuple<const char *, const char *, bool, bool, bool, bool, const char *, const char *>;
 } // namespace
-
-Q_DECLARE_METATYPE(UpdateRow)
 
 class StatusMenuTest : public QObject {
     Q_OBJECT
@@ -63,28 +57,29 @@ private slots:
     void updateShowsLogsAndEnables()
     {
         QFETCH(UpdateRow, row);
+        const auto [title, version, running, startInFlight, stopInFlight, runtimeFolder, logged, menu] = row;
         Configuration config = env.configuration(QUrl(u"http://127.0.0.1:1"_s));
-        if (!row.runtimeFolder)
+        if (!runtimeFolder)
             config.resourceDirectory.reset();
         Controller c(config);
         AppDelegate &d = c.delegate;
         StatusButton *button = c.fakes.statusItem->button();
-        if (row.title) {
-            d.updateStateMenu(u"Status: Running"_s, u"0.9"_s, !row.running);
+        if (title) {
+            d.updateStateMenu(u"Status: Running"_s, u"0.9"_s, !running);
             setMenuItemCheckState(d.runAtStartupMenuItem(), 1);
             // Whatever the button showed gives way to the plain image-only badge.
             button->setTitle(u"stale"_s);
             button->setAppearsDisabled(true);
-            d.startInFlight = row.startInFlight;
-            d.stopInFlight = row.stopInFlight;
+            d.startInFlight = startInFlight;
+            d.stopInFlight = stopInFlight;
             env.markLog();
-            d.updateStateMenu(row.title, row.version, row.running);
-            QCOMPARE(env.messagesSinceMark(), row.logged ? QStringList{row.logged} : QStringList());
+            d.updateStateMenu(title, version, running);
+            QCOMPARE(env.messagesSinceMark(), logged ? QStringList{logged} : QStringList());
         }
-        QCOMPARE(wholeMenu(*d.menu), QString(row.menu).replace(u"%P"_s, u"Open Cloud Admin|Check for Updates|"
-                                                                        "Open Local Admin|Open Getting Started|"
-                                                                        "Open Startup Status|Open Logs"_s));
-        QCOMPARE(button->toolTip(), row.running ? u"Quillmere Agent is running"_s : u"Quillmere Agent is offline"_s);
+        QCOMPARE(wholeMenu(*d.menu), QString(menu).replace(u"%P"_s, u"Open Cloud Admin|Check for Updates|"
+                                                                    "Open Local Admin|Open Getting Started|"
+                                                                    "Open Startup Status|Open Logs"_s));
+        QCOMPARE(button->toolTip(), running ? u"Quillmere Agent is running"_s : u"Quillmere Agent is offline"_s);
         QVERIFY(button->title().isEmpty() && !button->appearsDisabled() && !button->image().isMask());
         QCOMPARE(c.fakes.statusItem->menu(), d.menu.get()); // what the tray's own context menu shows
     }
