@@ -87,8 +87,8 @@ private slots:
         d.startInFlight = startInFlight;
         d.stopInFlight = stopInFlight;
         const DispatchWorkItem *syncBefore = d.mountedVolumeSyncDebounceWorkItem.get();
-        agent->setResponse(
-            "/healthz", {200, up ? R"({"status":"ok","version":"2.0.1"})" : R"({"status":"down","version":"2.0.1"})"});
+        agent->setResponse("/healthz",
+                           {200, R"({"status":")" + QByteArray(up ? "ok" : "down") + R"(","version":"2.0.1"})"});
         d.refreshHealth();
         QTRY_COMPARE(d.versionMenuItem->text(), u"Version: 2.0.1"_s);
         // Only a change to running asks for a volume sync, forced: sent well inside the one-second

@@ -32,7 +32,8 @@ private slots:
                         logger.log(
                             lines.emplace_back(u"thread %1 line %2 Größe | %3"_s.arg(t).arg(i).arg(QString(40, u'x'))));
                 });
-        }                                                               // destruction drains the queue
+        } // destruction drains the queue
+
         const QStringList lines = TestEnvironment::logMessagesIn(path); // each stamped in UTC to the millisecond
         QCOMPARE(lines.filter(u"thread 0 "_s) + lines.filter(u"thread 1 "_s), expected[0] + expected[1]);
     }
@@ -70,7 +71,8 @@ private slots:
         const ProcessResult result = ProcessRunner::runSync(path, arguments);
         if (body.isNull()) { // could not start: the reason is the error output and its log line
             QVERIFY(!result.stdErr.isEmpty());
-            expectedLog = {u"Process launch failed: "_s + (outputs[1] = result.stdErr)};
+            outputs[1] = result.stdErr;
+            expectedLog = {u"Process launch failed: "_s + result.stdErr};
         }
         // With no arguments the launching line ends in the blank after the path.
         QCOMPARE(std::tuple(result.exitCode, QStringList{result.stdOut, result.stdErr}, env.messagesSinceMark()),

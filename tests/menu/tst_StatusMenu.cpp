@@ -10,12 +10,12 @@ QString wholeMenu(const QMenu &menu)
 {
     QStringList entries;
     for (const QAction *item : menu.actions()) {
-        const QString keys = item->shortcut().toString(),
-                      entry = item->isSeparator()
-                                  ? u"-"_s
-                                  : (item->isChecked() ? u"[x] "_s : QString()) +
-                                        QString(item->text()).replace(QRegularExpression(u"&(.)"_s), u"\\1"_s) +
-                                        (keys.isEmpty() ? QString() : " <" + keys + '>');
+        QString entry = item->isSeparator()
+                            ? u"-"_s
+                            : (item->isChecked() ? u"[x] "_s : QString()) +
+                                  QString(item->text()).replace(QRegularExpression(u"&(.)"_s), u"\\1"_s);
+        if (const QString keys = item->shortcut().toString(); !keys.isEmpty())
+            entry += " <" + keys + '>';
         entries.append(item->isEnabled() ? entry : '(' + entry + ')');
     }
     return entries.join(u'|');

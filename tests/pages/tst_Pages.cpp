@@ -66,7 +66,7 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(agent.countFor("/healthz") >= probes + 4, 3000); // the launch probe, then the refresh
         QCOMPARE(std::tuple(c.delegate.launchedAtLogin, c.delegate.presentedWelcomeOnLaunch, script.runs(),
                             c.delegate.stateMenuItem->text(), storedVersion()),
-                 std::tuple(atLogin, welcomeShown, QList<QStringList>(!agentUp, {u"start"_s}),
+                 std::tuple(atLogin, welcomeShown, agentUp ? QList<QStringList>() : QList<QStringList>{{u"start"_s}},
                             agentUp ? u"Status: Running"_s : u"Status: Stopped"_s, welcomeShown ? u"1.0.0"_s : stored));
 
         // Opened from the menu, getting started is not shown again; the logs item makes the folder it opens.
