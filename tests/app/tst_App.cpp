@@ -25,13 +25,15 @@ private slots:
         QStringList expected[2];
         {
             AppLogger logger(path);
-            std::jthread workers[2]; // joined before the logger goes
+            std::thread workers[2];
             for (int t = 0; t < 2; ++t)
-                workers[t] = std::jthread([&logger, &lines = expected[t], t] {
+                workers[t] = std::thread([&logger, &lines = expected[t], t] {
                     for (int i = 0; i < 500; ++i)
                         logger.log(
                             lines.emplace_back(u"thread %1 line %2 Größe | %3"_s.arg(t).arg(i).arg(QString(40, u'x'))));
                 });
+            for (std::thread &worker : workers) // before the logger goes
+                worker.join();
         } // destruction drains the queue
 
         const QStringList lines = TestEnvironment::logMessagesIn(path); // each stamped in UTC to the millisecond
