@@ -2,10 +2,14 @@
 #include "app/AppDelegate.h"
 
 #include "agent/HealthJudgement.h"
+#include "app/log/AppLogger.h"
+#include "platform/ListenerOwner.h"
+#include "platform/LocalPeer.h"
 
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
+#include <unistd.h>
 
 void AppDelegate::queryHealth(HealthCompletion completion)
 {
@@ -29,8 +33,30 @@ void AppDelegate::queryHealth(HealthCompletion completion)
         // missing HTTP response has no body at all.
         if (exchange.httpStatus)
             exchange.body = reply->readAll();
-        // The fallback is the version that stands now, when the answer is judged.
-        const HealthAnswer answer = judgeHealthAnswer(exchange, lastKnownVersion);
+        // The fallback is the version that stands now, when the answer is judged. An answer at all
+        // means that a connection was made, and only then is the listener's owner worth asking.
+        const HealthAnswer answer = exchange.httpStatus && agentPortHeldByAnotherUser(healthURL)
+                                        ? HealthAnswer{false, lastKnownVersion}
+                                        : judgeHealthAnswer(exchange, lastKnownVersion);
         completion(answer.running, answer.version);
     });
+}
+
+bool AppDelegate::agentPortHeldByAnotherUser(const QUrl &endpoint)
+{
+    const quint16 port = quint16(endpoint.port(80));
+    const std::optional<uint> owner = listenerOwner(QHostAddress(endpoint.host()), port);
+    // Root stands for an agent run as a system service.
+    if (!owner || *owner == ::getuid() || *owner == 0) {
+        if (owner)
+            loggedPortOwner_.reset();
+        return false;
+    }
+    if (owner != loggedPortOwner_) {
+        loggedPortOwner_ = owner;
+        const QString name = userName(*owner), uid = QStringLiteral("uid ") + QString::number(*owner);
+        AppLogger::shared().log(QStringLiteral("Agent port %1 is held by another user: %2.")
+                                    .arg(QString::number(port), name.isEmpty() ? uid : name + " (" + uid + ')'));
+    }
+    return true;
 }

@@ -63,6 +63,9 @@ public:
 
     // Health.
     void queryHealth(HealthCompletion completion);
+    // Whether the socket listening on endpoint's port belongs to a user other than this one and
+    // root, as far as the system tells; logs that owner once, and again when the owner changes.
+    bool agentPortHeldByAnotherUser(const QUrl &endpoint);
     void refreshHealth();
     void startAgentIfNeededOnLaunch();
 
@@ -185,4 +188,6 @@ private:
     int startScriptsRunning_ = 0;
     bool startEndedSinceStopLaunched_ = false;
     bool terminationWaitsForStart_ = false;
+    // The other user last logged as holding the agent's port; cleared when a trusted owner is seen.
+    std::optional<uint> loggedPortOwner_;
 };

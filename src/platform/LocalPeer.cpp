@@ -2,6 +2,7 @@
 
 #include <QFile>
 #include <fcntl.h>
+#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -28,6 +29,17 @@ std::optional<uint> fileOwnerId(const QString &path)
     if (::lstat(QFile::encodeName(path).constData(), &status) != 0)
         return std::nullopt;
     return uint(status.st_uid);
+}
+
+QString userName(uint userId)
+{
+    struct passwd entry = {};
+    struct passwd *found = nullptr;
+    char buffer[4096];
+    // The reentrant form: the log line that wants the name may not be the only lookup running.
+    if (::getpwuid_r(uid_t(userId), &entry, buffer, sizeof buffer, &found) != 0 || !found)
+        return {};
+    return QString::fromLocal8Bit(found->pw_name);
 }
 
 void holdOpenUntilExit(qintptr socketDescriptor)

@@ -55,6 +55,10 @@ void AppDelegate::syncMountedVolumesCache(const QString &reason, bool force)
     request.setAttribute(QNetworkRequest::CacheSaveControlAttribute, false);
     request.setTransferTimeout(int(configuration_.volumeSyncTimeout.count()));
 
+    // The volume names are this user's: a program of another user on the agent's port gets none.
+    if (agentPortHeldByAnotherUser(mountedVolumeSyncURL))
+        return;
+
     mountedVolumeSyncInFlight = true;
     QNetworkReply *reply = network().post(request, body);
     // The reply belongs to the controller's network manager: if the controller goes, the reply

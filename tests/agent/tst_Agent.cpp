@@ -2,6 +2,10 @@
 #include "control/AgentNotifications.h"
 #include "support/Testing.h"
 
+#include <QProcess>
+#include <QStandardPaths>
+#include <unistd.h>
+
 namespace {
 const QString lastKnown = u"1.3.0"_s, v142 = u"1.4.2"_s;
 const QByteArray okBody = R"({"status":"ok","version":"1.4.2"})";
@@ -153,6 +157,39 @@ private slots:
         QCOMPARE(env.messagesSinceMark(),
                  QStringList({"agentctl.sh exists but is not executable: "_L1 + script->path(),
                               u"State updated: Status: Missing runtime files version=1.4.2 running=false"_s}));
+    }
+
+    // Another user's program on the agent's port is not the agent, whatever it answers: the start at
+    // launch runs (and fails, the port being taken), no snapshot goes there, its owner is logged once.
+    void strangerOnThePort()
+    {
+        const QString demoAgent = QStringLiteral(QUILLMERE_BUILD_RESOURCES "/runtime/quillmere-demo-agent");
+        if (::getuid() != 0 || !QFile::exists(demoAgent) || QStandardPaths::findExecutable(u"setpriv"_s).isEmpty())
+            QSKIP("a listener of another user needs root, setpriv and the demo agent");
+        const QUrl base = agent->baseURL();
+        agent.reset(); // its port goes to the stranger
+        QProcess stranger;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(u"QUILLMERE_AGENT_PORT"_s, QString::number(base.port()));
+        stranger.setProcessEnvironment(environment);
+        stranger.start(u"setpriv"_s, {u"--reuid=65534"_s, u"--regid=65534"_s, u"--clear-groups"_s, demoAgent});
+        QVERIFY(stranger.waitForReadyRead() && stranger.readAllStandardOutput().contains("listening"));
+        script->write({3, false, {}});
+        Controller c(env.configuration(base));
+        AppDelegate &d = c.delegate;
+        env.markLog();
+        d.syncMountedVolumesCache(u"app-launch"_s, true);
+        QVERIFY(!d.mountedVolumeSyncInFlight);
+        QList<QPair<bool, QString>> answers;
+        d.startAgentIfNeededOnLaunch();
+        d.queryHealth([&](bool r, const QString &v) { answers.append({r, v}); });
+        QTRY_COMPARE(
+            std::tuple(answers, script->runs(),
+                       env.messagesSinceMark().filter(QRegularExpression(u"^Agent|running=true"_s))),
+            std::tuple(QList<QPair<bool, QString>>{{false, u"--"_s}}, QList<QStringList>{{u"start"_s}},
+                       QStringList{u"Agent port %1 is held by another user: nobody (uid 65534)."_s.arg(base.port()),
+                                   u"Agent not healthy during launch. Starting agent."_s,
+                                   u"Agent start command failed with exit code 3"_s}));
     }
 };
 

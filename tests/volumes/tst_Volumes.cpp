@@ -1,4 +1,5 @@
 // Volumes to the agent: the snapshot, the sync request and what its answer does, when syncs go, mount table events.
+#include "platform/linux/ListeningSockets.h"
 #include "platform/linux/MountInfoWatcher.h"
 #include "support/Testing.h"
 
@@ -150,6 +151,34 @@ private slots:
         QTRY_COMPARE(openDescriptors(), descriptorsBefore); // every listing and connection closed
         QCOMPARE(sent(agent),
                  QStringList({"app-launch:0", didMount + ":1"_L1, "agent-running:1", didUnmount + ":1"_L1}));
+    }
+
+    // Recorded /proc/net/tcp and tcp6 lines (uids changed) for port 0xA029, asked for 127.0.0.1.
+    void listenerOwnerOnThePort_data()
+    {
+        QTest::addColumn<QByteArray>("table");
+        QTest::addColumn<int>("owner"); // -1: none
+        const QByteArray header = "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  "
+                                  "timeout inode\n",
+                         any6 = "00000000000000000000000000000000", mapped = "0000000000000000FFFF00000100007F";
+        const auto row = [](const QByteArray &local, const char *state, int uid) {
+            return "   1: " + local + " 00000000:0000 " + state + " 00000000:00000000 00:00000000 00000000  " +
+                   QByteArray::number(uid) + "        0 86666 1 00000000c54501b1 100 0 0 10 0\n";
+        };
+        QTest::newRow("every IPv4 address, beside a connection")
+            << header + row("0100007F:A029", "01", 0) + row("00000000:A029", "0A", 1001) << 1001;
+        QTest::newRow("every IPv6 address, not another port or address")
+            << header + row("0100007F:A02A", "0A", 0) + row("0200007F:A029", "0A", 0) + row(any6 + ":A029", "0A", 1002)
+            << 1002;
+        QTest::newRow("the address itself wins, mapped into IPv6")
+            << row("00000000:A029", "0A", 1001) + row(any6 + ":A029", "0A", 1002) + row(mapped + ":A029", "0A", 1000)
+            << 1000;
+        QTest::newRow("IPv6 loopback alone") << header + row("00000000000000000000000001000000:A029", "0A", 1001) << -1;
+    }
+    void listenerOwnerOnThePort()
+    {
+        QFETCH(QByteArray, table);
+        QTEST(int(listenerOwnerInTable(table, QHostAddress(QHostAddress::LocalHost), 0xA029).value_or(-1)), "owner");
     }
 
     void watcherPostsMountTableChanges()
