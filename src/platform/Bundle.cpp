@@ -55,9 +55,12 @@ QVariant readValue(QXmlStreamReader &xml)
 QVariantMap readPropertyListDictionary(const QString &path)
 {
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    QXmlStreamReader xml(&file);
+    return file.open(QIODevice::ReadOnly) ? propertyListDictionary(file.readAll()) : QVariantMap();
+}
+
+QVariantMap propertyListDictionary(const QByteArray &text)
+{
+    QXmlStreamReader xml(text);
     if (!xml.readNextStartElement() || xml.name() != u"plist")
         return {};
     if (!xml.readNextStartElement() || xml.name() != u"dict")

@@ -9,6 +9,8 @@
 // qlonglong, reals double, booleans bool; anything else is kept as a nested map or list.
 // A missing or malformed file gives an empty map.
 QVariantMap readPropertyListDictionary(const QString &path);
+// The same from the property list's text.
+QVariantMap propertyListDictionary(const QByteArray &text);
 
 // CFBundleIdentifier of the property list at infoPlistPath when it is a non-empty string.
 std::optional<QString> bundleIdentifier(const QString &infoPlistPath);

@@ -84,14 +84,14 @@ QString withoutTrailingSlashes(QString path)
 // JSON is written by hand: the snapshot is taken on the main thread for every sync, and for a
 // crowded mount folder building QJsonObjects costs several times the listing itself. The output
 // is byte for byte what QJsonDocument writes in compact form (keys sorted, UTF-8 unescaped,
-// control characters escaped).
+// control characters escaped), but for U+FEFF, which goes escaped: a reader that decodes a string
+// as UTF-8 text of its own (Qt's does) takes one at the start for a byte order mark and drops it.
 void appendJsonString(QByteArray &out, const QString &text)
 {
     static constexpr char hex[] = "0123456789abcdef";
     out += '"';
     // UTF-8 bytes of non-ASCII characters are all 0x80 or above and pass through unchanged.
     const bool ascii = std::all_of(text.cbegin(), text.cend(), [](QChar c) { return c.unicode() < 0x80; });
-    const QByteArray utf8 = ascii ? QByteArray() : text.toUtf8();
     const auto escape = [&out](unsigned char c) {
         switch (c) {
         case '"':
@@ -129,8 +129,13 @@ void appendJsonString(QByteArray &out, const QString &text)
         for (const QChar c : text)
             escape(static_cast<unsigned char>(c.unicode()));
     } else {
-        for (const char byte : utf8)
-            escape(static_cast<unsigned char>(byte));
+        const QStringList parts = text.split(QChar(0xFEFF));
+        for (qsizetype i = 0; i < parts.size(); ++i) {
+            if (i > 0)
+                out += "\\ufeff";
+            for (const char byte : parts[i].toUtf8())
+                escape(static_cast<unsigned char>(byte));
+        }
     }
     out += '"';
 }

@@ -3,7 +3,6 @@
 #include "support/Testing.h"
 
 #include <QProcess>
-#include <QStandardPaths>
 #include <unistd.h>
 
 namespace {
@@ -164,25 +163,22 @@ private slots:
     void strangerOnThePort()
     {
         const QString demoAgent = QStringLiteral(QUILLMERE_BUILD_RESOURCES "/runtime/quillmere-demo-agent");
-        if (::getuid() != 0 || !QFile::exists(demoAgent) || QStandardPaths::findExecutable(u"setpriv"_s).isEmpty())
-            QSKIP("a listener of another user needs root, setpriv and the demo agent");
+        if (::getuid() != 0 || !QFile::exists(demoAgent))
+            QSKIP("a listener of another user needs root (and the demo agent)");
         const QUrl base = agent->baseURL();
         agent.reset(); // its port goes to the stranger
         QProcess stranger;
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(u"QUILLMERE_AGENT_PORT"_s, QString::number(base.port()));
-        stranger.setProcessEnvironment(environment);
-        stranger.start(u"setpriv"_s, {u"--reuid=65534"_s, u"--regid=65534"_s, u"--clear-groups"_s, demoAgent});
+        stranger.start(u"setpriv"_s, {u"--reuid=65534"_s, u"--regid=65534"_s, u"--clear-groups"_s, u"env"_s,
+                                      u"QUILLMERE_AGENT_PORT=%1"_s.arg(base.port()), demoAgent});
         QVERIFY(stranger.waitForReadyRead() && stranger.readAllStandardOutput().contains("listening"));
         script->write({3, false, {}});
         Controller c(env.configuration(base));
-        AppDelegate &d = c.delegate;
         env.markLog();
-        d.syncMountedVolumesCache(u"app-launch"_s, true);
-        QVERIFY(!d.mountedVolumeSyncInFlight);
+        c.delegate.syncMountedVolumesCache(u"app-launch"_s, true);
+        QVERIFY(!c.delegate.mountedVolumeSyncInFlight);
         QList<QPair<bool, QString>> answers;
-        d.startAgentIfNeededOnLaunch();
-        d.queryHealth([&](bool r, const QString &v) { answers.append({r, v}); });
+        c.delegate.startAgentIfNeededOnLaunch();
+        c.delegate.queryHealth([&](bool r, const QString &v) { answers.append({r, v}); });
         QTRY_COMPARE(
             std::tuple(answers, script->runs(),
                        env.messagesSinceMark().filter(QRegularExpression(u"^Agent|running=true"_s))),

@@ -153,27 +153,25 @@ private slots:
                  QStringList({"app-launch:0", didMount + ":1"_L1, "agent-running:1", didUnmount + ":1"_L1}));
     }
 
-    // Recorded /proc/net/tcp and tcp6 lines (uids changed) for port 0xA029, asked for 127.0.0.1.
+    // Recorded /proc/net/tcp and tcp6 lines (uids changed) on port 0xA029, asked for 127.0.0.1.
     void listenerOwnerOnThePort_data()
     {
         QTest::addColumn<QByteArray>("table");
         QTest::addColumn<int>("owner"); // -1: none
-        const QByteArray header = "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  "
-                                  "timeout inode\n",
-                         any6 = "00000000000000000000000000000000", mapped = "0000000000000000FFFF00000100007F";
         const auto row = [](const QByteArray &local, const char *state, int uid) {
-            return "   1: " + local + " 00000000:0000 " + state + " 00000000:00000000 00:00000000 00000000  " +
+            return "   1: " + local + ":A029 00000000:0000 " + state + " 00000000:00000000 00:00000000 00000000  " +
                    QByteArray::number(uid) + "        0 86666 1 00000000c54501b1 100 0 0 10 0\n";
         };
-        QTest::newRow("every IPv4 address, beside a connection")
-            << header + row("0100007F:A029", "01", 0) + row("00000000:A029", "0A", 1001) << 1001;
-        QTest::newRow("every IPv6 address, not another port or address")
-            << header + row("0100007F:A02A", "0A", 0) + row("0200007F:A029", "0A", 0) + row(any6 + ":A029", "0A", 1002)
-            << 1002;
+        const QByteArray any6 = "00000000000000000000000000000000", mapped = "0000000000000000FFFF00000100007F";
+        QTest::newRow("every IPv4 address, not a connection, ::1 or another address")
+            << "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout inode\n" +
+                   row("0100007F", "01", 0) + row("00000000000000000000000001000000", "0A", 0) +
+                   row("0200007F", "0A", 0) + row("00000000", "0A", 1001)
+            << 1001;
         QTest::newRow("the address itself wins, mapped into IPv6")
-            << row("00000000:A029", "0A", 1001) + row(any6 + ":A029", "0A", 1002) + row(mapped + ":A029", "0A", 1000)
-            << 1000;
-        QTest::newRow("IPv6 loopback alone") << header + row("00000000000000000000000001000000:A029", "0A", 1001) << -1;
+            << row(any6, "0A", 1002) + row(mapped, "0A", 1000) + row("00000000", "0A", 1001) << 1000;
+        QTest::newRow("every IPv6 address, not another port")
+            << row("0100007F", "0A", 0).replace(":A029", ":A02A") + row(any6, "0A", 1002) << 1002;
     }
     void listenerOwnerOnThePort()
     {

@@ -19,15 +19,13 @@ LoginItemError writeError(const QString &message)
     return LoginItemError{AutostartLoginItemService::errorDomain, AutostartLoginItemService::errorWriteFailed, message};
 }
 
-// True when the entry's own group says it is switched off, as desktop session managers do.
-bool entryIsHidden(const QString &path)
+} // namespace
+
+bool AutostartLoginItemService::entryTextIsHidden(const QByteArray &text)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly | QIODevice::Text))
-        return false;
     bool inMainGroup = false;
-    while (!file.atEnd()) {
-        const QString line = QString::fromUtf8(file.readLine()).trimmed();
+    for (const QByteArray &rawLine : text.split('\n')) {
+        const QString line = QString::fromUtf8(rawLine).trimmed();
         if (line.startsWith(QLatin1Char('['))) {
             inMainGroup = line == desktopEntryGroup;
             continue;
@@ -46,8 +44,6 @@ bool entryIsHidden(const QString &path)
     return false;
 }
 
-} // namespace
-
 AutostartLoginItemService::AutostartLoginItemService(QString configDirectory, QString bundleIdentifier,
                                                      QString executablePath, LocationOpener *opener)
     : configDirectory_(std::move(configDirectory)), bundleIdentifier_(std::move(bundleIdentifier)),
@@ -62,10 +58,11 @@ bool AutostartLoginItemService::isAvailable() const
 
 int AutostartLoginItemService::status() const
 {
-    const QString path = entryPath();
-    if (!QFileInfo(path).isFile() || entryIsHidden(path))
+    QFile file(entryPath());
+    if (!QFileInfo(file).isFile())
         return statusNotRegistered;
-    return statusEnabled;
+    // An entry that cannot be read is there all the same.
+    return file.open(QIODevice::ReadOnly) && entryTextIsHidden(file.readAll()) ? statusNotRegistered : statusEnabled;
 }
 
 std::optional<LoginItemError> AutostartLoginItemService::registerApp()

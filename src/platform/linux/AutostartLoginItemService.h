@@ -35,6 +35,8 @@ public:
     static QString execLine(const QString &program);
     // The whole desktop entry.
     static QString entryText(const QString &program);
+    // True when the entry's own group says it is switched off, as desktop session managers do.
+    static bool entryTextIsHidden(const QByteArray &text);
 
 private:
     QString configDirectory_;
