@@ -50,8 +50,8 @@ struct Configuration {
     std::optional<QString> executablePath;
     // Whether the executable runs inside an application bundle (X.app/Contents/MacOS).
     bool applicationBundle = false;
-    // The folder whose entries are the mounted volumes.
-    QString volumeMountDirectory;
+    // The folders whose entries are the mounted volumes, listed in this order.
+    QStringList volumeMountDirectories;
     QString launchctlPath = QStringLiteral("/bin/launchctl");
     // The process's command line (program name first); the launch sequence looks for the login
     // flag in it. Tests set it instead of the real command line.
