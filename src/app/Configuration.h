@@ -30,6 +30,10 @@ struct Configuration {
     std::chrono::milliseconds healthTimeout{2500};
     std::chrono::milliseconds volumeSyncTimeout{3000};
     std::chrono::milliseconds volumeSyncDebounce{1000};
+    // How long quitting waits, after its own stop, for a start script still running, and how long
+    // that script's process group then has between SIGTERM and SIGKILL.
+    std::chrono::milliseconds startGraceAfterTerminationStop{10000};
+    std::chrono::milliseconds processGroupKillDelay{2000};
 
     // The user's home folder (LaunchAgents live below it).
     QString homeDirectory;
