@@ -56,7 +56,13 @@ struct Configuration {
     bool applicationBundle = false;
     // The folders whose entries are the mounted volumes, listed in this order.
     QStringList volumeMountDirectories;
-    QString launchctlPath = QStringLiteral("/bin/launchctl");
+    // launchd's control tool, run for the per-user launch agent that stands in for a login item;
+    // none where the system has no launch agents, and nothing is written for one there.
+#ifdef Q_OS_MACOS
+    std::optional<QString> launchctlPath = QStringLiteral("/bin/launchctl");
+#else
+    std::optional<QString> launchctlPath;
+#endif
     // The process's command line (program name first); the launch sequence looks for the login
     // flag in it. Tests set it instead of the real command line.
     QStringList arguments;
