@@ -12,6 +12,7 @@
 #include <pwd.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <unistd.h>
 
 namespace {
 const QByteArray syncPath = "/api/mounted-volumes/cache-sync";
