@@ -1,10 +1,10 @@
 // Process entry: the application object, the one controller, the event loop.
 #include "app/AppDelegate.h"
 #include "app/ApplicationHost.h"
-#include "app/CommandLine.h"
 #include "app/log/AppLogger.h"
 #include "control/AgentNotifications.h"
 #include "control/CommandClient.h"
+#include "control/CommandLine.h"
 #include "control/ControlProtocol.h"
 #include "control/ControlServer.h"
 

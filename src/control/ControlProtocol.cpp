@@ -1,7 +1,7 @@
 #include "control/ControlProtocol.h"
 
-#include "app/CommandLine.h"
 #include "app/Configuration.h"
+#include "control/CommandLine.h"
 
 #include <QDir>
 #include <QFileInfo>

@@ -1,6 +1,6 @@
 // Commands from outside the menu: read as meant, carried out by the running program under its menu's
 // rules or by the command itself when none runs, over a channel only this user reaches.
-#include "app/CommandLine.h"
+#include "control/CommandLine.h"
 #include "support/InstalledProgram.h"
 #include "support/Testing.h"
 
