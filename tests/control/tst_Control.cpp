@@ -36,7 +36,7 @@ class ControlTest : public QObject {
 private slots:
     void commandLineIsReadAsMeant_data()
     {
-        QTest::addColumn<QString>("reading"); // of the row's name as arguments: kind|json|page|problem
+        QTest::addColumn<QString>("reading"); // of the row's name as arguments: kind|json,watch|page|problem
         QTest::newRow("--launched-at-login") << u"launch|||"_s;
         QTest::newRow("--status -h") << u"help|||"_s;
         QTest::newRow("-v --bogus") << u"version|||"_s;
@@ -51,7 +51,10 @@ private slots:
                                              pageNames().join(u", "_s) + u')';
         QTest::newRow("--start-agent --stop-agent")
             << u"badUsage|||one command at a time, not --start-agent and --stop-agent"_s;
-        QTest::newRow("--stop-agent --json") << u"badUsage|||--json goes with --status"_s;
+        QTest::newRow("--stop-agent --json") << u"badUsage|||--json goes with --status or --diagnose"_s;
+        QTest::newRow("--watch --json --status") << u"status|json,watch||"_s;
+        QTest::newRow("--diagnose --json") << u"diagnose|json||"_s;
+        QTest::newRow("--diagnose --watch") << u"badUsage|||--watch goes with --status"_s;
         QTest::newRow("--status --launched-at-login")
             << u"badUsage|||--launched-at-login is for a plain launch, not with --status"_s;
         QTest::newRow("--status --bogus") << u"badUsage|||unknown option '--bogus'"_s;
@@ -59,13 +62,12 @@ private slots:
     void commandLineIsReadAsMeant()
     {
         QFETCH(QString, reading);
-        static const QStringList kinds = {u"launch"_s,    u"help"_s, u"version"_s, u"status"_s,  u"startAgent"_s,
-                                          u"stopAgent"_s, u"open"_s, u"quit"_s,    u"badUsage"_s};
+        static const QStringList kinds = {u"launch"_s,     u"help"_s,      u"version"_s, u"status"_s, u"diagnose"_s,
+                                          u"startAgent"_s, u"stopAgent"_s, u"open"_s,    u"quit"_s,   u"badUsage"_s};
         const CommandLine line = parseCommandLine(QStringList{u"quillmere-menu"_s} +
                                                   QString::fromLatin1(QTest::currentDataTag()).split(u' '));
-        QCOMPARE(
-            QStringList({kinds[int(line.kind)], line.json ? u"json"_s : QString(), line.page, line.problem}).join(u'|'),
-            reading);
+        const QString flags = (line.json ? u"json"_s : QString()) + (line.watch ? u",watch"_s : QString());
+        QCOMPARE(QStringList({kinds[int(line.kind)], flags, line.page, line.problem}).join(u'|'), reading);
     }
 
     // With no program the command does the job itself; with one, the program does it through its menu.
