@@ -4,6 +4,7 @@
 #include "support/InstalledProgram.h"
 #include "support/Testing.h"
 
+#include <QLocalServer>
 #include <QLocalSocket>
 #include <csignal>
 #include <sys/socket.h>
@@ -165,6 +166,80 @@ private slots:
             QStringList({welcome, runtime + "/startup-status.html"_L1, runtime + "/startup-status.html"_L1, failed,
                          logs, u"https://quillmere.example/admin.html"_s, u"https://quillmere.example/downloads/"_s,
                          u"http://127.0.0.1:%1/"_s.arg(port), welcome, failed, logs}));
+    }
+
+    // A watch prints the state at once and a line per change alone: probing itself while no program
+    // runs, then told by the program that starts; it ends 0 with the program, 4 on a broken channel.
+    void watchFollowsTheState()
+    {
+        InstalledProgram program;
+        FakeControlScript script(program.controlScript());
+        script.write({}, {0, true, {}});
+        agent.setHealthy();
+        const QStringList watch = {u"--status"_s, u"--watch"_s};
+        QProcess *text = program.start(port, watch), *json = program.start(port, watch + QStringList{u"--json"_s});
+        // Everything printed so far, as the bar would have shown it line by line.
+        const auto printed = [](QProcess *watcher) { return QString::fromUtf8(watcher->peek(1 << 20)); };
+        QString shown = u"Status: Running; Version: 1.4.2; watched by this command, quillmere-menu is not running\n"_s;
+        QTRY_COMPARE(printed(text), shown);
+        agent.setHealthDown();
+        shown += u"Status: Stopped; Version: 1.4.2; watched by this command, quillmere-menu is not running\n"_s;
+        QTRY_COMPARE_WITH_TIMEOUT(printed(text), shown, 15000);
+        agent.setHealthy();
+        QProcess *running = program.start(port);
+        shown += u"Status: Running; Version: 1.4.2; watched by quillmere-menu\n"_s;
+        QTRY_COMPARE_WITH_TIMEOUT(printed(text), shown, 15000);
+        // Just after a refresh found it running, so that none finds it running again while it stops.
+        const int refreshed = agent.countFor("/healthz");
+        QTRY_VERIFY_WITH_TIMEOUT(agent.countFor("/healthz") > refreshed, 15000);
+        agent.setHealthDown();
+        QProcess *stop = program.start(port, {u"--stop-agent"_s});
+        QTRY_COMPARE(script.runs().size(), 1);
+        script.release(u"stop"_s);
+        QTRY_COMPARE(stop->state(), QProcess::NotRunning);
+        shown += u"Status: Stopping...; Version: 1.4.2; a stop is in progress; watched by quillmere-menu\n"
+                 u"Status: Stopping...; Version: 1.4.2; watched by quillmere-menu\n"
+                 u"Status: Stopped; Version: 1.4.2; watched by quillmere-menu\n"_s;
+        QTRY_COMPARE(printed(text), shown);
+        // Past a refresh that finds the same state (the next one is asked once it was answered): no line.
+        const int asked = agent.countFor("/healthz");
+        QTRY_VERIFY_WITH_TIMEOUT(agent.countFor("/healthz") > asked + 1, 15000);
+        QCOMPARE(printed(text), shown);
+        QCOMPARE(program.run(port, {u"--quit"_s}), Result{});
+        for (QProcess *process : {running, text, json})
+            QTRY_COMPARE(process->state(), QProcess::NotRunning);
+        // The same changes, each as --status --json shows a status; the quit's own lines last.
+        QString objects;
+        for (const auto &[agentRunning, programRunning, stopping, state] :
+             std::initializer_list<std::tuple<bool, bool, bool, const char *>>{
+                 {true, false, false, "Running"},
+                 {false, false, false, "Stopped"},
+                 {true, true, false, "Running"},
+                 {false, true, true, "Stopping..."},
+                 {false, true, false, "Stopping..."},
+                 {false, true, false, "Stopped"},
+                 {false, true, true, "Stopping and Scanning..."},
+                 {false, true, false, "Stopping and Scanning..."}})
+            objects += u"{\"agentRunning\":%1,\"programRunning\":%2,\"startInFlight\":false,\"state\":\"Status: %3\","
+                       u"\"stopInFlight\":%4,\"version\":\"1.4.2\"}\n"_s.arg(agentRunning ? "true" : "false",
+                                                                             programRunning ? "true" : "false", state,
+                                                                             stopping ? "true" : "false");
+        QCOMPARE((Result{json->exitCode(), printed(json)}), (Result{0, objects}));
+        QCOMPARE(text->exitCode(), 0);
+        // With no program left the watch goes on probing until the user ends it.
+        QProcess *alone = program.start(port, watch);
+        QTRY_VERIFY(printed(alone).startsWith(u"Status: Stopped"_s));
+        ::kill(pid_t(alone->processId()), SIGTERM);
+        QTRY_COMPARE(alone->state(), QProcess::NotRunning);
+        QCOMPARE((std::pair{alone->exitStatus(), alone->exitCode()}), (std::pair{QProcess::NormalExit, 0}));
+
+        // A program that vanishes without its last word (killed, crashed): the channel broke.
+        QLocalServer vanishing;
+        QVERIFY(vanishing.listen(program.socketPath()));
+        connect(&vanishing, &QLocalServer::newConnection, &vanishing,
+                [&vanishing] { delete vanishing.nextPendingConnection(); });
+        QCOMPARE(program.run(port, watch),
+                 (Result{4, u"quillmere-menu: the channel to the running program broke.\n"_s}));
     }
 
     // A stale socket file of another user is refused, then a program of another user is not talked to.
