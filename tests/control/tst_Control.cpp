@@ -4,6 +4,9 @@
 #include "support/InstalledProgram.h"
 #include "support/Testing.h"
 
+#include <QDirIterator>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QLocalServer>
 #include <QLocalSocket>
 #include <csignal>
@@ -240,6 +243,68 @@ private slots:
                 [&vanishing] { delete vanishing.nextPendingConnection(); });
         QCOMPARE(program.run(port, watch),
                  (Result{4, u"quillmere-menu: the channel to the running program broke.\n"_s}));
+    }
+
+    // The report on a healthy set-up finds no problem; on a broken one it names each problem, and
+    // with the agent and the program both silent it waits on them at once, changing nothing.
+    void diagnosisNamesWhatIsWrong()
+    {
+        InstalledProgram program;
+        FakeControlScript script(program.controlScript());
+        script.write();
+        agent.setHealthy();
+        QProcess *running = program.start(port);
+        QTRY_COMPARE_WITH_TIMEOUT(program.run(port, {u"--status"_s}).exitCode, 0, 15000);
+        const auto report = [&] {
+            const Result result = program.run(port, {u"--diagnose"_s, u"--json"_s});
+            return std::pair{result.exitCode, QJsonDocument::fromJson(result.output.toUtf8()).object()};
+        };
+        const auto [healthy, found] = report();
+        const auto at = [](const QJsonObject &object, const QString &path) {
+            QJsonValue value = object;
+            for (const QString &key : path.split(u'.'))
+                value = value.toObject().value(key);
+            return value.toVariant();
+        };
+        QCOMPARE((QVariantList{healthy, at(found, u"agent.version"_s), at(found, u"program.running"_s),
+                               at(found, u"program.socket.trusted"_s), at(found, u"program.lock.pid"_s),
+                               at(found, u"files.runtime.controlScriptExecutable"_s), at(found, u"problems"_s)}),
+                 (QVariantList{0, u"1.4.2"_s, true, true, running->processId(), true, QVariantList()}));
+        QCOMPARE(program.run(port, {u"--quit"_s}).exitCode, 0);
+
+        // Broken: the script not executable, the agent and a program at the socket silent.
+        QFile::setPermissions(program.controlScript(), QFile::ReadOwner | QFile::WriteOwner);
+        agent.setResponse("/healthz", {200, {}, "application/json", true});
+        QLocalServer silent;
+        silent.setSocketOptions(QLocalServer::UserAccessOption);
+        QVERIFY(silent.listen(program.socketPath()));
+        const auto tree = [&] {
+            QStringList files;
+            for (QDirIterator it(program.root(), QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot,
+                                 QDirIterator::Subdirectories);
+                 it.hasNext();) {
+                const QFileInfo info = it.nextFileInfo();
+                files.append(
+                    u"%1 %2 %3"_s.arg(info.filePath()).arg(info.size()).arg(info.lastModified().toMSecsSinceEpoch()));
+            }
+            return files;
+        };
+        const QStringList before = tree();
+        QElapsedTimer clock;
+        clock.start();
+        const auto [broken, problems] = report();
+        QCOMPARE_LT(clock.elapsed(), 4000); // the agent's 2.5 s and the program's 2 s, waited at once
+        QStringList items;
+        for (const QVariant &problem : at(problems, u"problems"_s).toList())
+            items.append(problem.toMap().value(u"item"_s).toString());
+        QCOMPARE((std::pair{broken, items}),
+                 (std::pair{6, QStringList{u"files.runtime.controlScript"_s, u"agent"_s, u"program"_s}}));
+        const Result text = program.run(port, {u"--diagnose"_s});
+        QVERIFY2(text.exitCode == 6 &&
+                     text.output.endsWith(u"\nPROBLEM (program): the running program does not answer. "
+                                          u"Hint: end process 0 and start quillmere-menu again.\n"_s),
+                 toString(text));
+        QCOMPARE(tree(), before);
     }
 
     // A stale socket file of another user is refused, then a program of another user is not talked to.
