@@ -63,26 +63,28 @@ void AppDelegate::startAgent(bool openStatusPage)
     stopInFlight = false;
     updateStateMenu(QStringLiteral("Status: Starting..."), lastKnownVersion, false);
 
-    ++startScriptsRunning_;
-    ProcessRunner::run(
-        script, {QStringLiteral("start")}, onMainThread(this, [openStatusPage](AppDelegate &self, int exitCode) {
-            self.startInFlight = false;
-            --self.startScriptsRunning_;
-            self.startEndedSinceStopLaunched_ = true;
-            self.refreshHealth();
-            if (exitCode != 0) {
-                AppLogger::shared().log(QStringLiteral("Agent start command failed with exit code ") +
-                                        QString::number(exitCode));
-                if (openStatusPage) {
-                    self.openStartupPage(true);
-                    self.openLogs();
-                }
-                self.updateStateMenu(QStringLiteral("Status: Start failed"), self.lastKnownVersion, false);
+    auto child = std::make_shared<RunningChild>();
+    runningStarts_.append(child);
+    const auto finished = [openStatusPage, child](AppDelegate &self, int exitCode) {
+        self.startInFlight = false;
+        self.runningStarts_.removeOne(child);
+        self.startEndedSinceStopLaunched_ = true;
+        self.refreshHealth();
+        if (exitCode != 0) {
+            AppLogger::shared().log(QStringLiteral("Agent start command failed with exit code ") +
+                                    QString::number(exitCode));
+            // A start ended by quitting is no failure to show pages about.
+            if (openStatusPage && !self.startsEndedByTermination_) {
+                self.openStartupPage(true);
+                self.openLogs();
             }
-            emit self.agentCommandFinished(QStringLiteral("start"), exitCode);
-            if (self.terminationWaitsForStart_)
-                self.answerTerminationOnceStartsHaveEnded();
-        }));
+            self.updateStateMenu(QStringLiteral("Status: Start failed"), self.lastKnownVersion, false);
+        }
+        emit self.agentCommandFinished(QStringLiteral("start"), exitCode);
+        if (self.terminationWaitsForStart_)
+            self.answerTerminationOnceStartsHaveEnded();
+    };
+    ProcessRunner::run(script, {QStringLiteral("start")}, onMainThread(this, finished), child);
 }
 
 void AppDelegate::requestAgentStop(bool terminateWhenFinished)

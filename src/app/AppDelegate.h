@@ -20,6 +20,7 @@
 #include <optional>
 
 class QAction;
+class RunningChild;
 class QMenu;
 class QNetworkAccessManager;
 class QSettings;
@@ -171,6 +172,8 @@ private:
     // Gives the deferred termination answer once no start script runs any more, stopping the
     // agent once more first if a start ended after the last stop was launched.
     void answerTerminationOnceStartsHaveEnded();
+    // Ends the process groups of start scripts that outlast the termination's grace period.
+    void endStartsStillRunning();
 
     QAction *makeMenuItem(QAction *&storage, const QString &title, void (AppDelegate::*action)());
     QNetworkAccessManager &network();
@@ -182,7 +185,9 @@ private:
     QNetworkAccessManager *network_ = nullptr;
     // startInFlight is cleared by a stop or a running health answer while the script may still
     // run; quitting needs to know what really runs.
-    int startScriptsRunning_ = 0;
+    QList<std::shared_ptr<RunningChild>> runningStarts_;
     bool startEndedSinceStopLaunched_ = false;
     bool terminationWaitsForStart_ = false;
+    bool startGraceArmed_ = false;
+    bool startsEndedByTermination_ = false;
 };

@@ -4,12 +4,24 @@
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QFileInfo>
+#include <QFile>
 #include <QtGlobal>
+
+#include <pwd.h>
+#include <unistd.h>
 
 namespace {
 
 constexpr int defaultAgentPort = 8787;
+
+// Started by a service manager or from cron, $USER may be unset or stale; the account database
+// knows who we run as.
+QString accountName()
+{
+    if (const passwd *account = ::getpwuid(::getuid()); account && account->pw_name && *account->pw_name)
+        return QFile::decodeName(account->pw_name);
+    return qEnvironmentVariable("USER");
+}
 
 LocationInputs locationInputsFromEnvironment()
 {
@@ -23,8 +35,7 @@ LocationInputs locationInputsFromEnvironment()
     inputs.dataHome = qEnvironmentVariable("XDG_DATA_HOME");
     inputs.configHome = qEnvironmentVariable("XDG_CONFIG_HOME");
     inputs.volumesDir = qEnvironmentVariable("QUILLMERE_VOLUMES_DIR");
-    inputs.user = qEnvironmentVariable("USER");
-    inputs.runMediaExists = !inputs.user.isEmpty() && QFileInfo(QStringLiteral("/run/media/") + inputs.user).isDir();
+    inputs.user = accountName();
     return inputs;
 }
 
@@ -71,7 +82,7 @@ Configuration Configuration::fromEnvironment()
     config.applicationBundle = locations.applicationBundle;
     if (!inputs.executablePath.isEmpty())
         config.executablePath = inputs.executablePath;
-    config.volumeMountDirectory = locations.volumeMountDirectory;
+    config.volumeMountDirectories = locations.volumeMountDirectories;
     config.arguments = QCoreApplication::arguments();
     return config;
 }

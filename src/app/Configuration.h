@@ -30,6 +30,10 @@ struct Configuration {
     std::chrono::milliseconds healthTimeout{2500};
     std::chrono::milliseconds volumeSyncTimeout{3000};
     std::chrono::milliseconds volumeSyncDebounce{1000};
+    // How long quitting waits, after its own stop, for a start script still running, and how long
+    // that script's process group then has between SIGTERM and SIGKILL.
+    std::chrono::milliseconds startGraceAfterTerminationStop{10000};
+    std::chrono::milliseconds processGroupKillDelay{2000};
 
     // The user's home folder (LaunchAgents live below it).
     QString homeDirectory;
@@ -50,9 +54,15 @@ struct Configuration {
     std::optional<QString> executablePath;
     // Whether the executable runs inside an application bundle (X.app/Contents/MacOS).
     bool applicationBundle = false;
-    // The folder whose entries are the mounted volumes.
-    QString volumeMountDirectory;
-    QString launchctlPath = QStringLiteral("/bin/launchctl");
+    // The folders whose entries are the mounted volumes, listed in this order.
+    QStringList volumeMountDirectories;
+    // launchd's control tool, run for the per-user launch agent that stands in for a login item;
+    // none where the system has no launch agents, and nothing is written for one there.
+#ifdef Q_OS_MACOS
+    std::optional<QString> launchctlPath = QStringLiteral("/bin/launchctl");
+#else
+    std::optional<QString> launchctlPath;
+#endif
     // The process's command line (program name first); the launch sequence looks for the login
     // flag in it. Tests set it instead of the real command line.
     QStringList arguments;

@@ -40,7 +40,7 @@ Locations locationsFor(const LocationInputs &in)
         // The preferences domain, unless a test or developer moved the configuration folder.
         if (!in.configHome.isEmpty() && !QDir::isRelativePath(in.configHome))
             out.userDefaultsFile = out.configDirectory;
-        out.volumeMountDirectory = overridden(in.volumesDir, QStringLiteral("/Volumes"));
+        out.volumeMountDirectories = {overridden(in.volumesDir, QStringLiteral("/Volumes"))};
     } else {
         if (!in.executablePath.isEmpty()) {
             const QString resources = QDir::cleanPath(in.executablePath + QStringLiteral("/../../") +
@@ -51,9 +51,13 @@ Locations locationsFor(const LocationInputs &in)
         out.applicationSupportDirectory = overridden(in.dataHome, home + QStringLiteral("/.local/share"));
         out.configDirectory = overridden(in.configHome, home + QStringLiteral("/.config"));
         out.userDefaultsFile = out.configDirectory;
-        const QString media = in.runMediaExists && !in.user.isEmpty() ? QStringLiteral("/run/media/") + in.user
-                                                                      : QStringLiteral("/media/") + in.user;
-        out.volumeMountDirectory = overridden(in.volumesDir, media);
+        if (!in.volumesDir.isEmpty() && !QDir::isRelativePath(in.volumesDir))
+            out.volumeMountDirectories = {QDir::cleanPath(in.volumesDir)};
+        // Without a name the folders would be /run/media and /media themselves, whose entries are
+        // every user's media folders: no folder is better than the wrong ones.
+        else if (!in.user.isEmpty() && !in.user.contains(QLatin1Char('/')) && in.user != QLatin1String("..") &&
+                 in.user != QLatin1String("."))
+            out.volumeMountDirectories = {QStringLiteral("/run/media/") + in.user, QStringLiteral("/media/") + in.user};
     }
     if (out.userDefaultsFile)
         *out.userDefaultsFile += QStringLiteral("/" QUILLMERE_BUNDLE_IDENTIFIER ".conf");

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <QString>
+#include <QStringList>
 #include <optional>
 
 // What the decision reads. Environment values are as set (empty when unset).
@@ -13,9 +14,7 @@ struct LocationInputs {
     QString dataHome;   // XDG_DATA_HOME
     QString configHome; // XDG_CONFIG_HOME
     QString volumesDir; // QUILLMERE_VOLUMES_DIR
-    QString user;       // USER
-    // Whether /run/media/<user> is a folder (the desktop's removable-media folder).
-    bool runMediaExists = false;
+    QString user;       // the account's name, from the account database
 };
 
 struct Locations {
@@ -28,7 +27,8 @@ struct Locations {
     // The INI file that holds the user defaults; none means the system's own store for the
     // bundle identifier (the preferences domain of a macOS application).
     std::optional<QString> userDefaultsFile;
-    QString volumeMountDirectory;
+    // The folders whose entries are the mounted volumes, in listing order.
+    QStringList volumeMountDirectories;
 };
 
 // A folder from the environment, tidied ("/home/me/" gives "/home/me"); unset or relative falls
@@ -36,5 +36,7 @@ struct Locations {
 QString overridden(const QString &value, const QString &fallback);
 
 // XDG_* and QUILLMERE_VOLUMES_DIR override the folders in both layouts (relative values are
-// ignored, as the XDG rules ask), so that tests and developers can move them anywhere.
+// ignored, as the XDG rules ask), so that tests and developers can move them anywhere. On Linux
+// both removable-media folders count, whether or not they exist yet: udisks2 makes
+// /run/media/<user> (Fedora, Arch) or /media/<user> (Debian, Ubuntu) only at the first mount.
 Locations locationsFor(const LocationInputs &inputs);

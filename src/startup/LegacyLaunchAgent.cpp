@@ -129,6 +129,8 @@ QString AppDelegate::launchAgentPlistURL() const
 
 bool AppDelegate::legacyRunAtStartupEnabled() const
 {
+    if (!configuration_.launchctlPath)
+        return false;
     // Our own property list counts whatever it holds; one of an earlier edition only when it
     // starts the application at login.
     if (QFileInfo::exists(launchAgentPlistURL()))
@@ -140,6 +142,13 @@ bool AppDelegate::legacyRunAtStartupEnabled() const
 void AppDelegate::installLegacyRunAtStartup()
 {
     AppLogger &logger = AppLogger::shared();
+    // Without launchd a property list would start nothing at login, yet show the item checked.
+    if (!configuration_.launchctlPath) {
+        logger.log(QStringLiteral("Run at startup not saved: the login item failed and this system has no "
+                                  "per-user launch agent to fall back to."));
+        updateStateMenu(QStringLiteral("Status: Could not save startup setting"), lastKnownVersion, agentIsRunning);
+        return;
+    }
     const std::optional<QString> executable = configuration_.executablePath;
     if (!executable || executable->isEmpty()) {
         logger.log(QStringLiteral("Could not resolve app executable path for legacy run-at-startup."));
@@ -179,6 +188,8 @@ void AppDelegate::installLegacyRunAtStartup()
 
 void AppDelegate::removeLegacyRunAtStartup()
 {
+    if (!configuration_.launchctlPath)
+        return;
     const QString plistPath = launchAgentPlistURL();
     bootoutLegacyLaunchAgent(plistPath);
     QFile::remove(plistPath);
@@ -188,7 +199,7 @@ void AppDelegate::removeLegacyRunAtStartup()
 
 void AppDelegate::bootstrapLegacyLaunchAgent(const QString &plistPath, const QString &label)
 {
-    const QString launchctl = configuration_.launchctlPath;
+    const QString launchctl = configuration_.launchctlPath.value_or(QString());
     const QString domain = guiDomainTarget();
     // A job loaded from an earlier install must go first, or bootstrap refuses the label.
     ProcessRunner::runSync(launchctl, {QStringLiteral("bootout"), domain, plistPath});
@@ -203,5 +214,6 @@ void AppDelegate::bootoutLegacyLaunchAgent(const QString &plistPath)
 {
     if (!QFileInfo::exists(plistPath))
         return;
-    ProcessRunner::runSync(configuration_.launchctlPath, {QStringLiteral("bootout"), guiDomainTarget(), plistPath});
+    ProcessRunner::runSync(configuration_.launchctlPath.value_or(QString()),
+                           {QStringLiteral("bootout"), guiDomainTarget(), plistPath});
 }

@@ -27,7 +27,11 @@ bool errorStandsForHttpStatus(QNetworkReply::NetworkError error)
 
 QList<VolumeEntry> AppDelegate::currentMountedVolumesPayload() const
 {
-    return volumeSnapshotFromListing(listVolumeFolder(configuration_.volumeMountDirectory));
+    // One listing across the folders, so that the naming, duplicate and order rules see every volume.
+    QStringList names;
+    for (const QString &folder : configuration_.volumeMountDirectories)
+        names += listVolumeFolder(folder);
+    return volumeSnapshotFromListing(names);
 }
 
 void AppDelegate::syncMountedVolumesCache(const QString &reason, bool force)

@@ -83,34 +83,35 @@ private slots:
 
     void locationsFollowTheExecutable_data()
     {
-        // Executable|home|XDG_DATA_HOME|XDG_CONFIG_HOME|QUILLMERE_VOLUMES_DIR|/run/media/me there, and what follows.
+        // Executable|home|XDG_DATA_HOME|XDG_CONFIG_HOME|QUILLMERE_VOLUMES_DIR|user name, and what follows.
         QTest::addColumn<QString>("in");
         QTest::addColumn<QString>("out");
         const QString app = u"/Applications/Quillmere Agent.app/Contents"_s, conf = u"/com.tallyhold.agent.app.conf"_s;
         const QString xdg = "|/home/me/.local/share|/home/me/.config" + conf + '|';
-        QTest::newRow("installed, tidied, relative XDG ignored, desktop media")
-            << u"/opt/q/bin/quillmere-menu|/home/me/|relative/share|||run-media"_s
-            << "/opt/q/share/quillmere-menu|/opt/q/share/quillmere-menu/Info.plist" + xdg + "/run/media/me";
-        QTest::newRow("bundle") << app + "/MacOS/quillmere-menu|/Users/me||||"
+        QTest::newRow("installed, tidied, relative XDG ignored, both media folders")
+            << u"/opt/q/bin/quillmere-menu|/home/me/|relative/share|||me"_s
+            << "/opt/q/share/quillmere-menu|/opt/q/share/quillmere-menu/Info.plist" + xdg + "/run/media/me,/media/me";
+        QTest::newRow("bundle") << app + "/MacOS/quillmere-menu|/Users/me||||me"
                                 << app + "/Resources|" + app +
                                        "/Info.plist|/Users/me/Library/Application Support||/Volumes";
         QTest::newRow("bundle with overrides")
-            << app + "/MacOS/quillmere-menu|/Users/me|/t/data/|/t/config|/t/vol|"
+            << app + "/MacOS/quillmere-menu|/Users/me|/t/data/|/t/config|/t/vol|me"
             << app + "/Resources|" + app + "/Info.plist|/t/data|/t/config" + conf + "|/t/vol";
-        QTest::newRow("MacOS folder outside a bundle")
-            << u"/build/Contents/MacOS/quillmere-menu|/home/me||||"_s
-            << "/build/Contents/share/quillmere-menu|/build/Contents/share/quillmere-menu/Info.plist" + xdg +
-                   "/media/me";
-        QTest::newRow("unknown executable") << u"|/home/me||||"_s << '|' + xdg + "/media/me";
+        QTest::newRow("MacOS folder outside a bundle, volumes moved")
+            << u"/build/Contents/MacOS/quillmere-menu|/home/me|||/t/vol/|me"_s
+            << "/build/Contents/share/quillmere-menu|/build/Contents/share/quillmere-menu/Info.plist" + xdg + "/t/vol";
+        // No name: /media itself would list every user's media folder as a volume.
+        QTest::newRow("unknown executable and user") << u"|/home/me||||"_s << '|' + xdg;
+        QTest::newRow("user name a path") << u"|/home/me||||.."_s << '|' + xdg;
     }
     void locationsFollowTheExecutable()
     {
         QFETCH(QString, in);
         QFETCH(QString, out);
         const QStringList i = in.split(u'|');
-        const Locations l = locationsFor({i[0], i[1], i[2], i[3], i[4], u"me"_s, !i[5].isEmpty()});
+        const Locations l = locationsFor({i[0], i[1], i[2], i[3], i[4], i[5]});
         QCOMPARE(QStringList({l.resourceDirectory.value_or(QString()), l.infoPlistPath, l.applicationSupportDirectory,
-                              l.userDefaultsFile.value_or(QString()), l.volumeMountDirectory})
+                              l.userDefaultsFile.value_or(QString()), l.volumeMountDirectories.join(u',')})
                      .join(u'|'),
                  out);
         QCOMPARE(l.applicationBundle, out.contains(u"/Contents/Resources|"_s));
@@ -129,7 +130,11 @@ private slots:
             QCOMPARE(chosenQtPlatform(QStringList{"quillmere-menu"} + arguments, environment, "cocoa"), chosen);
         for (const auto &[pids, count] : QList<std::pair<QList<qint64>, int>>{{{}, 1}, {{7}, 1}, {{3, 7, 9}, 3}})
             QCOMPARE(runningCopiesIncludingThisOne(pids, 7), count);
-        QCOMPARE(Configuration().launchctlPath, u"/bin/launchctl"_s); // where macOS keeps it
+#ifdef Q_OS_MACOS
+        QCOMPARE(Configuration().launchctlPath, u"/bin/launchctl"_s);
+#else
+        QCOMPARE(Configuration::fromEnvironment().launchctlPath, std::nullopt); // no launch agents off macOS
+#endif
     }
 };
 

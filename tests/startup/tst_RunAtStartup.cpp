@@ -59,7 +59,7 @@ private slots:
         QDir(env.root() + u"/support"_s).removeRecursively();
         QFile::remove(recordPath());
         // A launchctl that records each run as one line of bracketed arguments.
-        TestEnvironment::writeScript(configuration().launchctlPath,
+        TestEnvironment::writeScript(*configuration().launchctlPath,
                                      QStringLiteral("line=''\nfor a in \"$@\"; do line=\"$line[$a]\"; done\n"
                                                     "printf '%s\\n' \"$line\" >> '%1'\n")
                                          .arg(recordPath()));
@@ -166,7 +166,7 @@ private slots:
         else
             writeFile(plistPath(), "an earlier install");
         if (tag.endsWith("no launchctl"))
-            QFile::remove(config.launchctlPath);
+            QFile::remove(*config.launchctlPath);
         else if (tag.endsWith("no executable"))
             config.executablePath.reset();
         else if (tag.endsWith("translocated"))
@@ -223,7 +223,8 @@ private slots:
         FakePlatform fakes;
         ApplicationHost host;
         PlatformServices services = fakes.services();
-        const Configuration config = configuration();
+        Configuration config = configuration();
+        config.launchctlPath.reset(); // as on every Linux system
         // The program is quoted, with the escapes of a desktop entry's strings and arguments.
         auto *entries =
             new AutostartLoginItemService(config.configDirectory, ownLabel, u"/a b/\"$`\\100%\n\t"_s, fakes.opener);
@@ -262,6 +263,23 @@ private slots:
         entries->openSystemSettingsLoginItems();
         QVERIFY(QFileInfo(folder).isDir());
         QCOMPARE(fakes.opener->opened, QList<QUrl>{QUrl::fromLocalFile(folder)});
+
+        // An autostart folder that cannot be (a file in its place, which stops root too): said so, not
+        // pretended with a launch agent nothing on Linux reads.
+        QDir(folder).removeRecursively();
+        writeFile(folder, {});
+        env.markLog();
+        item->trigger();
+        QStringList lines = env.messagesSinceMark();
+        QVERIFY2(lines.value(0).startsWith("SMAppService registration failed: domain=QuillmereAutostartErrorDomain "
+                                           "code=1 message=Could not create the folder "_L1 +
+                                           folder + ": "_L1),
+                 qPrintable(lines.value(0)));
+        QCOMPARE(lines.mid(1), QStringList({u"Run at startup not saved: the login item failed and this system has no "
+                                            "per-user launch agent to fall back to."_s,
+                                            u"State updated: Status: Could not save startup setting version=-- "
+                                            "running=false"_s}));
+        QVERIFY(!item->isChecked() && !QFileInfo::exists(env.home() + u"/Library"_s));
 
 #endif
     }

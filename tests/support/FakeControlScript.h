@@ -8,7 +8,7 @@
 struct ScriptBehaviour {
     int exitCode = 0;
     bool holdUntilReleased = false; // until release(), or until the record folder is gone
-    QString extra;                  // shell lines run before the exit
+    QString extra;                  // shell lines run first
 };
 
 class FakeControlScript {
@@ -51,11 +51,11 @@ public:
 private:
     static QString branch(const QString &command, const ScriptBehaviour &behaviour)
     {
-        QString text = command + u")\n"_s;
+        QString text = command + u")\n  %1\n"_s.arg(behaviour.extra);
         if (behaviour.holdUntilReleased)
             text +=
                 u"  while [ ! -e \"$state/release-%1\" ] && [ -d \"$state\" ]; do sleep 0.02; done\n"_s.arg(command);
-        return text + u"  %1\n  exit %2\n  ;;\n"_s.arg(behaviour.extra).arg(behaviour.exitCode);
+        return text + u"  exit %1\n  ;;\n"_s.arg(behaviour.exitCode);
     }
 
     QString scriptPath_;

@@ -43,6 +43,8 @@ public:
 
     // A command that the program is run through (another user's: setpriv ...); none by default.
     QStringList launcher;
+    // Variables of the environment above that the program runs without.
+    QStringList removedVariables;
 
 private:
     QProcessEnvironment environmentFor(quint16 agentPort, const QString &user) const;

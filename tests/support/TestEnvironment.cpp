@@ -33,7 +33,7 @@ Configuration TestEnvironment::configuration(const QUrl &agentBase) const
     config.resourceDirectory = resourceDir();
     config.infoPlistPath = resourceDir() + u"/Info.plist"_s;
     config.executablePath = QStringLiteral(QUILLMERE_TEST_BINARY);
-    config.volumeMountDirectory = volumesDir();
+    config.volumeMountDirectories = {volumesDir()};
     config.launchctlPath = root() + u"/bin/launchctl"_s;
     return config;
 }

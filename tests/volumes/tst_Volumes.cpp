@@ -1,5 +1,6 @@
 // Volumes to the agent: the snapshot, the sync request and what its answer does, when syncs go, mount table events.
 #include "platform/linux/MountInfoWatcher.h"
+#include "support/InstalledProgram.h"
 #include "support/Testing.h"
 
 #include <QApplication>
@@ -7,6 +8,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QTimer>
+#include <pwd.h>
 #include <sched.h>
 #include <sys/mount.h>
 
@@ -167,14 +169,15 @@ private slots:
                          "107 106 8:97 / /media/al\\040ex/Caf\xc3\xa9\\011Tab rw - ext4 /dev/sdg1 rw\n"
                          "108 30 8:1 / /media/al\\040ex/Sp\\040 rw - ext4 /dev/sdi1 rw\n"
                          "109 30 8:2 / /media/al\\040ex/Sp\\134040 rw - ext4 /dev/sdj1 rw\n"
+                         "112 30 8:8 / /run/media/al\\040ex/Stick rw - vfat /dev/sdk1 rw\n"
                          "not a mount line\n");
         WorkspaceNotificationCenter center;
         QStringList posted;
         for (const QString &name : {didMount, didUnmount, didRename})
             center.addObserver(name, this, [&posted](const QString &name) { posted.append(name); });
-        MountInfoWatcher watcher(u"/media/other/../al ex/"_s, &center, nullptr, table);
+        MountInfoWatcher watcher({u"/media/other/../al ex/"_s, u"/run/media/al ex"_s}, &center, nullptr, table);
 
-        // Back\slash and "Sp " (not "Sp\\040") go, the stacked Cafe mount moves, USB DISK comes back
+        // Back\slash, Stick and "Sp " (not "Sp\\040") go, the stacked Cafe mount moves, USB DISK comes back
         // under a new name, a new disk comes.
         writeFile(table, "107 30 8:97 / /media/al\\040ex/Moved rw - ext4 /dev/sdg1 rw\n"
                          "110 30 8:17 / /media/al\\040ex/Renamed rw - vfat /dev/sdb1 rw\n"
@@ -182,19 +185,45 @@ private slots:
                          "109 30 8:2 / /media/al\\040ex/Sp\\134040 rw - ext4 /dev/sdj1 rw\n");
         watcher.rescan();
         watcher.rescan();
-        QCOMPARE(posted, QStringList({didUnmount, didUnmount, didRename, didRename, didMount}));
+        QCOMPARE(posted, QStringList({didUnmount, didUnmount, didUnmount, didRename, didRename, didMount}));
+    }
 
+    // The real program, started by a service manager (no $USER) before udisks2 made either media folder:
+    // a disk under each folder once it comes reaches the agent as one snapshot, and so does their going.
+    void realProgramFollowsMediaFoldersThatComeLater()
+    {
         if (!privateMountNamespace)
-            QSKIP("mounting needs a private mount namespace (root)");
-        // The kernel's change signal on the real table: mount, unmount.
-        const QByteArray disk = QFile::encodeName(dir.filePath(u"media/Disk"_s));
-        QVERIFY(QDir().mkpath(QFile::decodeName(disk)));
-        posted.clear();
-        MountInfoWatcher live(dir.filePath(u"media"_s), &center);
-        QCOMPARE(::mount("quillmere-test", disk.constData(), "tmpfs", 0, "size=64k"), 0);
-        QTRY_COMPARE(posted, QStringList{didMount});
-        QCOMPARE(::umount2(disk.constData(), 0), 0);
-        QTRY_COMPARE(posted, QStringList({didMount, didUnmount}));
+            QSKIP("real mounts need root, in a private mount namespace so that nothing shows outside the test");
+        // Fresh /run and /media for this namespace alone, so that the media folders come after the program.
+        for (const char *folder : {"/run", "/media"})
+            QCOMPARE(::mount("quillmere-test", folder, "tmpfs", 0, "size=1m"), 0);
+        const QString user = QFile::decodeName(::getpwuid(::getuid())->pw_name);
+        FakeAgent agent;
+        agent.setHealthy();
+        InstalledProgram program;
+        program.removedVariables = {u"QUILLMERE_VOLUMES_DIR"_s, u"USER"_s};
+        program.start(agent.port());
+        QTRY_COMPARE_WITH_TIMEOUT(agent.countFor(syncPath), 2, 10000); // at launch, and as the agent is found running
+        const auto mountDisk = [](const QString &path, bool on) { // as udisks2 does, mount point included
+            const QByteArray native = QFile::encodeName(path);
+            return on ? QDir().mkpath(path) && ::mount("quillmere-test", native, "tmpfs", 0, "size=64k") == 0
+                      : ::umount2(native, 0) == 0 && QDir().rmdir(path);
+        };
+        const QStringList disks{"/run/media/"_L1 + user + "/USB Disk"_L1, "/media/"_L1 + user + "/backup"_L1};
+        QVERIFY(mountDisk(disks[0], true));
+        QTRY_COMPARE_WITH_TIMEOUT(agent.countFor(syncPath), 3, 10000);
+        QVERIFY(mountDisk(disks[1], true));
+        QTRY_COMPARE_WITH_TIMEOUT(agent.countFor(syncPath), 4, 10000);
+        QVERIFY(mountDisk(disks[0], false) && mountDisk(disks[1], false));
+        QTRY_COMPARE_WITH_TIMEOUT(agent.countFor(syncPath), 5, 10000);
+        QStringList bodies;
+        for (const RecordedRequest &request : agent.requestsFor(syncPath).mid(2))
+            bodies.append(QString::fromUtf8(request.body));
+        const QString usb = u"{\"isMounted\":true,\"name\":\"USB Disk\",\"path\":\"/Volumes/USB Disk\"}"_s,
+                      backup = u"{\"isMounted\":true,\"name\":\"backup\",\"path\":\"/Volumes/backup\"}"_s,
+                      body = u"{\"event\":\"%1\",\"source\":\"menu-app\",\"volumes\":[%2]}"_s;
+        QCOMPARE(bodies, QStringList({body.arg(didMount, usb), body.arg(didMount, backup + u',' + usb),
+                                      body.arg(didUnmount, QString())}));
     }
 };
 

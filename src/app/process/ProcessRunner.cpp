@@ -7,6 +7,9 @@
 #include <QStringDecoder>
 #include <QThreadPool>
 
+#include <csignal>
+#include <unistd.h>
+
 namespace {
 
 // Children run on threads of their own pool, so that a script that never ends does not starve
@@ -68,7 +71,18 @@ struct BoundedOutput {
 
 } // namespace
 
+bool RunningChild::signalGroup(int signal)
+{
+    const std::lock_guard lock(mutex_);
+    return pid_ > 0 && ::kill(-pid_t(pid_), signal) == 0;
+}
+
 ProcessResult ProcessRunner::runSync(const QString &executablePath, const QStringList &arguments)
+{
+    return runSync(executablePath, arguments, nullptr);
+}
+
+ProcessResult ProcessRunner::runSync(const QString &executablePath, const QStringList &arguments, RunningChild *child)
 {
     AppLogger &logger = AppLogger::shared();
     logger.log(QStringLiteral("Launching process: ") + executablePath + QLatin1Char(' ') +
@@ -78,6 +92,9 @@ ProcessResult ProcessRunner::runSync(const QString &executablePath, const QStrin
     process.setProgram(executablePath);
     process.setArguments(arguments);
     process.setInputChannelMode(QProcess::ForwardedInputChannel);
+    // A group of its own: ending it must not reach us, and a terminal's Ctrl-C reaches us alone,
+    // so that quitting still stops the agent through its script.
+    process.setChildProcessModifier([] { ::setpgid(0, 0); });
     // QProcess drains both pipes while it waits and reports each read here, on this thread, so
     // output of any size is collected and no more than the limit of it is held.
     BoundedOutput out, err;
@@ -89,6 +106,10 @@ ProcessResult ProcessRunner::runSync(const QString &executablePath, const QStrin
         const QString description = process.errorString();
         logger.log(QStringLiteral("Process launch failed: ") + description);
         return {1, QString(), description};
+    }
+    if (child) {
+        const std::lock_guard lock(child->mutex_);
+        child->pid_ = process.processId();
     }
 
     // A child ended by a signal reports the signal's number, as the termination status does.
@@ -107,10 +128,11 @@ ProcessResult ProcessRunner::runSync(const QString &executablePath, const QStrin
     return result;
 }
 
-void ProcessRunner::run(const QString &executablePath, const QStringList &arguments, Completion completion)
+void ProcessRunner::run(const QString &executablePath, const QStringList &arguments, Completion completion,
+                        std::shared_ptr<RunningChild> child)
 {
-    processPool().start([executablePath, arguments, completion = std::move(completion)] {
-        const ProcessResult result = runSync(executablePath, arguments);
+    processPool().start([executablePath, arguments, child = std::move(child), completion = std::move(completion)] {
+        const ProcessResult result = runSync(executablePath, arguments, child.get());
         completion(result.exitCode, result.stdOut, result.stdErr);
     });
 }

@@ -19,7 +19,7 @@ PlatformServices PlatformServices::forThisSystem(const Configuration &configurat
         services.opener.get());
     services.workspaceNotifications = std::make_unique<WorkspaceNotificationCenter>();
     services.volumeEventSource =
-        std::make_unique<MountInfoWatcher>(configuration.volumeMountDirectory, services.workspaceNotifications.get());
+        std::make_unique<MountInfoWatcher>(configuration.volumeMountDirectories, services.workspaceNotifications.get());
     services.runningApplications =
         std::make_unique<LockFileRunningApplications>(configuration.runtimeStateDirectory, QDir::tempPath());
     return services;

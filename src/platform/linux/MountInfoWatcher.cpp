@@ -145,16 +145,17 @@ QList<MountChange> mountChangesBetween(const QList<MountRecord> &before, const Q
     return changes;
 }
 
-MountInfoWatcher::MountInfoWatcher(QString mountFolder, WorkspaceNotificationCenter *center, QObject *parent,
+MountInfoWatcher::MountInfoWatcher(QStringList mountFolders, WorkspaceNotificationCenter *center, QObject *parent,
                                    QString mountTable)
-    : QObject(parent), mountFolder_(std::move(mountFolder)), center_(center)
+    : QObject(parent), mountFolders_(std::move(mountFolders)), center_(center)
 {
-    if (mountFolder_.isEmpty())
+    mountFolders_.removeAll(QString());
+    if (mountFolders_.isEmpty())
         return;
     fd_ = ::open(QFile::encodeName(mountTable).constData(), O_RDONLY | O_CLOEXEC);
     if (fd_ < 0)
         return;
-    mounts_ = mountsInFolder(readTable(), watchedFolder());
+    mounts_ = mountsInFolders(readTable());
     // The mount table is always readable; a change of it is signalled as an exceptional
     // condition (POLLPRI), so the notifier wakes only when something was mounted or unmounted.
     notifier_ = new QSocketNotifier(fd_, QSocketNotifier::Exception, this);
@@ -172,7 +173,7 @@ void MountInfoWatcher::rescan()
 {
     if (fd_ < 0)
         return;
-    QList<MountRecord> current = mountsInFolder(readTable(), watchedFolder());
+    QList<MountRecord> current = mountsInFolders(readTable());
     const QList<MountChange> changes = mountChangesBetween(mounts_, current);
     mounts_ = std::move(current);
     for (const MountChange &change : changes) {
@@ -197,9 +198,14 @@ QByteArray MountInfoWatcher::readTable() const
     return text;
 }
 
-QString MountInfoWatcher::watchedFolder() const
+QList<MountRecord> MountInfoWatcher::mountsInFolders(const QByteArray &table) const
 {
-    // The table names mount points by their real path; the folder may be reached through a link.
-    const QString canonical = QFileInfo(mountFolder_).canonicalFilePath();
-    return canonical.isEmpty() ? QDir::cleanPath(mountFolder_) : canonical;
+    QList<MountRecord> mounts;
+    for (const QString &folder : mountFolders_) {
+        // The table names mount points by their real path; the folder may be reached through a
+        // link, and may have come into being since the last look.
+        const QString canonical = QFileInfo(folder).canonicalFilePath();
+        mounts += mountsInFolder(table, canonical.isEmpty() ? QDir::cleanPath(folder) : canonical);
+    }
+    return mounts;
 }

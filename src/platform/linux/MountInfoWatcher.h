@@ -6,6 +6,7 @@
 #include <QObject>
 #include <QPointer>
 #include <QString>
+#include <QStringList>
 
 class QSocketNotifier;
 class WorkspaceNotificationCenter;
@@ -40,8 +41,9 @@ QList<MountChange> mountChangesBetween(const QList<MountRecord> &before, const Q
 class MountInfoWatcher : public QObject {
     Q_OBJECT
 public:
-    // Watches mountTable; when it cannot be opened the watcher stays quiet.
-    MountInfoWatcher(QString mountFolder, WorkspaceNotificationCenter *center, QObject *parent = nullptr,
+    // Watches mountTable for mounts in any of mountFolders, which may come into being later;
+    // when the table cannot be opened the watcher stays quiet.
+    MountInfoWatcher(QStringList mountFolders, WorkspaceNotificationCenter *center, QObject *parent = nullptr,
                      QString mountTable = QStringLiteral("/proc/self/mountinfo"));
     ~MountInfoWatcher() override;
 
@@ -54,9 +56,9 @@ public:
 
 private:
     QByteArray readTable() const;
-    QString watchedFolder() const;
+    QList<MountRecord> mountsInFolders(const QByteArray &table) const;
 
-    QString mountFolder_;
+    QStringList mountFolders_;
     QPointer<WorkspaceNotificationCenter> center_;
     int fd_ = -1;
     QSocketNotifier *notifier_ = nullptr;
