@@ -168,7 +168,7 @@ QJsonObject describeLock(const QString &path)
 QJsonArray describeMediaFolders(const Configuration &configuration)
 {
     QJsonArray folders;
-    for (const QString &folder : mediaFoldersLookedAt(configuration)) {
+    for (const QString &folder : configuration.volumeMountDirectories) {
         const QDir dir(folder);
         folders.append(QJsonObject{
             {QStringLiteral("path"), folder},
@@ -180,11 +180,6 @@ QJsonArray describeMediaFolders(const Configuration &configuration)
 }
 
 } // namespace
-
-QStringList mediaFoldersLookedAt(const Configuration &configuration)
-{
-    return {configuration.volumeMountDirectory};
-}
 
 QJsonObject diagnose(const Configuration &configuration)
 {

@@ -7,9 +7,6 @@
 
 struct Configuration;
 
-// The removable-media folders the volume snapshot looks at.
-QStringList mediaFoldersLookedAt(const Configuration &configuration);
-
 // Gathers the report, waiting on the agent and the running program at most their own time-outs.
 // Its keys are the manual page's; problems lists {item, problem, hint}.
 QJsonObject diagnose(const Configuration &configuration);
