@@ -44,7 +44,7 @@ public:
         });
         connect(&socket_, &QLocalSocket::readyRead, this, &StatusWatch::readPushed);
         connect(&socket_, &QLocalSocket::disconnected, this, [this] {
-            if (!programQuit_)
+            if (!ending_)
                 fail(QStringLiteral("the channel to the running program broke"));
         });
     }
@@ -89,7 +89,7 @@ private:
             if (kind == QLatin1String("status")) {
                 show(reply);
             } else if (kind == QLatin1String("quit")) {
-                programQuit_ = true;
+                ending_ = true;
                 QCoreApplication::exit(ExitCode::done);
             }
         }
@@ -122,8 +122,12 @@ private:
         std::fflush(stdout); // a bar reading the pipe must not wait on a buffer
     }
 
+    // Once: the socket closing on the way out is no second failure.
     void fail(const QString &why)
     {
+        if (ending_)
+            return;
+        ending_ = true;
         std::fprintf(stderr, "quillmere-menu: %s.\n", qPrintable(why));
         QCoreApplication::exit(ExitCode::noAnswer);
     }
@@ -136,7 +140,7 @@ private:
     QTimer probeTimer_, firstAnswer_;
     QJsonObject shown_;
     QString lastKnownVersion_ = QStringLiteral("--");
-    bool programQuit_ = false;
+    bool ending_ = false;
 };
 
 } // namespace

@@ -236,11 +236,15 @@ private slots:
         QTRY_COMPARE(alone->state(), QProcess::NotRunning);
         QCOMPARE((std::pair{alone->exitStatus(), alone->exitCode()}), (std::pair{QProcess::NormalExit, 0}));
 
-        // A program that vanishes without its last word (killed, crashed): the channel broke.
-        QLocalServer vanishing;
-        QVERIFY(vanishing.listen(program.socketPath()));
-        connect(&vanishing, &QLocalServer::newConnection, &vanishing,
-                [&vanishing] { delete vanishing.nextPendingConnection(); });
+        // A program that hangs, then one that vanishes without its last word (killed, crashed).
+        QLocalServer other;
+        QVERIFY(other.listen(program.socketPath()));
+        QCOMPARE(program.run(port, watch),
+                 (Result{4, u"quillmere-menu: the running program did not answer within 2 s.\n"_s}));
+        connect(&other, &QLocalServer::newConnection, &other, [&other] {
+            while (QLocalSocket *socket = other.nextPendingConnection())
+                delete socket;
+        });
         QCOMPARE(program.run(port, watch),
                  (Result{4, u"quillmere-menu: the channel to the running program broke.\n"_s}));
     }
