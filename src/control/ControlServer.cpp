@@ -39,13 +39,12 @@ void ControlConnection::stopReading()
     deadline.stop();
 }
 
-bool ControlConnection::sendIfChanged(const QJsonObject &status)
+void ControlConnection::sendIfChanged(const QJsonObject &status)
 {
     if (status == lastSent_)
-        return false;
+        return;
     lastSent_ = status;
     socket()->write(encodeControlMessage(status));
-    return true;
 }
 
 ControlServer::ControlServer(AppDelegate &delegate, QString socketPath, QObject *parent)

@@ -24,8 +24,8 @@ public:
     void stopReading();
     bool answering() const { return answering_; }
     bool watching() const { return !lastSent_.isEmpty(); }
-    // Sends the status when it differs from the one this watcher has; true when it was sent.
-    bool sendIfChanged(const QJsonObject &status);
+    // Sends the status when it differs from the one this watcher was last sent.
+    void sendIfChanged(const QJsonObject &status);
 
     QTimer deadline;
 

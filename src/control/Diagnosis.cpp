@@ -77,9 +77,13 @@ QJsonArray lastLines(const QString &path)
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         return {};
-    file.seek(std::max<qint64>(0, file.size() - 4096)); // a few lines, however long the log
-    const QStringList lines = QString::fromUtf8(file.readAll()).split(u'\n', Qt::SkipEmptyParts);
-    return QJsonArray::fromStringList(lines.mid(std::max<qsizetype>(1, lines.size() - logLinesShown)));
+    // A few lines, however long the log; the first of a tail read from its middle is cut.
+    const qint64 start = std::max<qint64>(0, file.size() - 4096);
+    file.seek(start);
+    QStringList lines = QString::fromUtf8(file.readAll()).split(u'\n', Qt::SkipEmptyParts);
+    if (start > 0 && !lines.isEmpty())
+        lines.removeFirst();
+    return QJsonArray::fromStringList(lines.mid(std::max<qsizetype>(0, lines.size() - logLinesShown)));
 }
 
 QString lockPath(const Configuration &configuration)

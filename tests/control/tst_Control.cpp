@@ -270,10 +270,15 @@ private slots:
                 value = value.toObject().value(key);
             return value.toVariant();
         };
-        QCOMPARE((QVariantList{healthy, at(found, u"agent.version"_s), at(found, u"program.running"_s),
-                               at(found, u"program.socket.trusted"_s), at(found, u"program.lock.pid"_s),
-                               at(found, u"files.runtime.controlScriptExecutable"_s), at(found, u"problems"_s)}),
-                 (QVariantList{0, u"1.4.2"_s, true, true, running->processId(), true, QVariantList()}));
+        QStringList lastLines = at(found, u"files.log.lastLines"_s).toStringList();
+        for (QString &line : lastLines)
+            line = line.section(u" | "_s, 1);
+        QCOMPARE(
+            (QVariantList{healthy, at(found, u"agent.version"_s), at(found, u"program.running"_s),
+                          at(found, u"program.socket.trusted"_s), at(found, u"program.lock.pid"_s),
+                          at(found, u"files.runtime.controlScriptExecutable"_s), lastLines, at(found, u"problems"_s)}),
+            (QVariantList{0, u"1.4.2"_s, true, true, running->processId(), true,
+                          program.logMessages().mid(program.logMessages().size() - 5), QVariantList()}));
         QCOMPARE(program.run(port, {u"--quit"_s}).exitCode, 0);
 
         // Broken: the script not executable, the agent and a program at the socket silent.
