@@ -46,7 +46,7 @@ QString bash()
 
 QString zsh()
 {
-    QString specs;
+    QString arguments;
     for (const CommandLineOption &option : commandLineOptions()) {
         QString description = option.description;
         description.replace(u'[', QStringLiteral("\\[")).replace(u']', QStringLiteral("\\]"));
@@ -54,15 +54,16 @@ QString zsh()
         QStringList names;
         for (const QString &name : option.names)
             names.append(dashed(name));
-        QString spec = u'[' + description + u']';
+        QString argument = u'[' + description + u']';
         if (!option.valueName.isEmpty())
-            spec += u':' + option.valueName.toLower() + QStringLiteral(":(") + pageNames().join(u' ') + u')';
+            argument += u':' + option.valueName.toLower() + QStringLiteral(":(") + pageNames().join(u' ') + u')';
         // Either spelling of an option excludes the other: '(-h --help)'{-h,--help}'[...]'.
-        specs += QStringLiteral(" \\\n  ") + (names.size() > 1 ? quoted(u'(' + names.join(u' ') + u')') + u'{' +
-                                                                     names.join(u',') + u'}' + quoted(spec)
-                                                               : quoted(names.constFirst() + spec));
+        arguments += QStringLiteral(" \\\n  ") + (names.size() > 1 ? quoted(u'(' + names.join(u' ') + u')') + u'{' +
+                                                                         names.join(u',') + u'}' + quoted(argument)
+                                                                   : quoted(names.constFirst() + argument));
     }
-    return QStringLiteral("#compdef %1\n# zsh ").arg(program) + header + QStringLiteral("_arguments") + specs + u'\n';
+    return QStringLiteral("#compdef %1\n# zsh ").arg(program) + header + QStringLiteral("_arguments") + arguments +
+           u'\n';
 }
 
 QString fish()
