@@ -1,6 +1,7 @@
 #!/bin/sh
 # The shell completions the package installs, tried in bash and fish as Tab would: every option
-# the help lists is offered, and after --open the page names it lists; zsh's must parse.
+# the help lists is offered, and after --open the page names it lists; in an interactive zsh one
+# Tab completes an option and a page.
 #   completions.sh <extracted root>
 set -eu
 root=$1
@@ -28,4 +29,12 @@ check "bash, options" "$(bash_offers quillmere-menu '')" "$options"
 check "bash, --open" "$(bash_offers quillmere-menu --open '')" "$pages"
 check "fish, options" "$(fish_offers 'quillmere-menu -')" "$options"
 check "fish, --open" "$(fish_offers 'quillmere-menu --open ')" "$pages"
-zsh -n "$share/zsh/vendor-completions/_quillmere-menu"
+# zsh: waits until the line typed and one Tab shows the completed word (a time-out when it never does).
+zsh_completes() {
+    timeout 20 zsh -f -c 'zmodload zsh/zpty; zpty z zsh -f -i
+        zpty -w z "fpath=($1 \$fpath); autoload -Uz compinit; compinit -u"
+        zpty -w -n z "$2"; zpty -r z out "*$3*"' -- "$share/zsh/vendor-completions" "$1$(printf '\t')" "$2" ||
+        { echo "completions: zsh did not complete '$1' to '$2'" >&2; exit 1; }
+}
+zsh_completes 'quillmere-menu --diag' 'quillmere-menu --diagnose'
+zsh_completes 'quillmere-menu --open get' 'quillmere-menu --open getting-started'
