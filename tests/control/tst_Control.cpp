@@ -178,20 +178,24 @@ private slots:
         InstalledProgram program;
         FakeControlScript script(program.controlScript());
         script.write({}, {0, true, {}});
-        agent.setHealthy();
         const QStringList watch = {u"--status"_s, u"--watch"_s};
         QProcess *text = program.start(port, watch), *json = program.start(port, watch + QStringList{u"--json"_s});
         // Everything printed so far, as the bar would have shown it line by line.
         const auto printed = [](QProcess *watcher) { return QString::fromUtf8(watcher->peek(1 << 20)); };
-        QString shown = u"Status: Running; Version: 1.4.2; watched by this command, quillmere-menu is not running\n"_s;
-        QTRY_COMPARE(printed(text), shown);
-        agent.setHealthDown();
-        shown += u"Status: Stopped; Version: 1.4.2; watched by this command, quillmere-menu is not running\n"_s;
-        QTRY_COMPARE_WITH_TIMEOUT(printed(text), shown, 15000);
-        agent.setHealthy();
+        const QString probed = u"; Version: 1.4.2; watched by this command, quillmere-menu is not running\n"_s;
+        QString shown;
+        // Each change seen by both watchers' own probes before the next; the program then starts
+        // with the agent as they last found it, so that taking over changes only who watches.
+        for (const bool healthy : {true, false, true}) {
+            healthy ? agent.setHealthy() : agent.setHealthDown();
+            shown += (healthy ? u"Status: Running"_s : u"Status: Stopped"_s) + probed;
+            QTRY_COMPARE_WITH_TIMEOUT(printed(text), shown, 15000);
+            QTRY_COMPARE_WITH_TIMEOUT(printed(json).count(u'\n'), shown.count(u'\n'), 15000);
+        }
         QProcess *running = program.start(port);
         shown += u"Status: Running; Version: 1.4.2; watched by quillmere-menu\n"_s;
         QTRY_COMPARE_WITH_TIMEOUT(printed(text), shown, 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(printed(json).contains("\"programRunning\":true"_L1), 15000);
         // Just after a refresh found it running, so that none finds it running again while it stops.
         const int refreshed = agent.countFor("/healthz");
         QTRY_VERIFY_WITH_TIMEOUT(agent.countFor("/healthz") > refreshed, 15000);
@@ -217,6 +221,7 @@ private slots:
              std::initializer_list<std::tuple<bool, bool, bool, const char *>>{
                  {true, false, false, "Running"},
                  {false, false, false, "Stopped"},
+                 {true, false, false, "Running"},
                  {true, true, false, "Running"},
                  {false, true, true, "Stopping..."},
                  {false, true, false, "Stopping..."},
