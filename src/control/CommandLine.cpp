@@ -71,7 +71,7 @@ QString usageText()
                           "  quillmere-menu --status --json\n"
                           "  quillmere-menu --status --watch --json | jq --unbuffered -r .state\n"
                           "  quillmere-menu --diagnose\n"
-               "  quillmere-menu --open lo<Tab>    (bash, zsh and fish complete options and pages)\n"
+                          "  quillmere-menu --open lo<Tab>    (bash, zsh and fish complete options and pages)\n"
                           "\n"
                           "Log: $XDG_DATA_HOME/TallyholdAgent/runtime/logs/menu-app.log\n");
 }
