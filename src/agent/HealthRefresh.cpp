@@ -16,6 +16,7 @@ void AppDelegate::refreshHealth()
         if (!weakSelf)
             return;
         AppDelegate &self = *weakSelf;
+        emit self.healthAnswered(running);
         if (running) {
             const bool wasRunning = self.agentIsRunning;
             self.startInFlight = false;

@@ -165,6 +165,8 @@ signals:
     void instanceChecked(bool duplicate);
     // The state line, version line, badge and availability were just updated.
     void stateMenuUpdated();
+    // A refresh's health answer came, just before it is shown.
+    void healthAnswered(bool running);
     // A control script run ("start" or "stop") has ended and its outcome has been applied.
     void agentCommandFinished(const QString &argument, int exitCode);
 

@@ -20,6 +20,8 @@ struct PlatformServices {
     std::unique_ptr<WorkspaceNotificationCenter> workspaceNotifications;
     // Posts the system's volume events into workspaceNotifications; may be absent.
     std::unique_ptr<QObject> volumeEventSource;
+    // Posts the machine's wake from sleep into workspaceNotifications; may be absent.
+    std::unique_ptr<QObject> wakeEventSource;
     std::unique_ptr<RunningApplications> runningApplications;
 
     // The real services of the system the program runs on.

@@ -2,10 +2,19 @@
 #pragma once
 
 #include <QIcon>
+#include <QList>
 #include <QObject>
 #include <QString>
+#include <functional>
 
 class QMenu;
+
+// A button on a notification: its key is what the desktop reports back when it is chosen.
+struct NotificationAction {
+    QString key;
+    QString label;
+    std::function<void()> invoke;
+};
 
 // The clickable face of a status item. It keeps what the controller set, so that platform
 // implementations and tests read the same values.
@@ -49,11 +58,12 @@ public:
     virtual StatusButton *button() = 0;
     virtual void setMenu(QMenu *menu) = 0;
     virtual QMenu *menu() const = 0;
-    // Tells the user something worth a look outside the menu; a platform without a way to do so
-    // drops it.
-    virtual void notify(const QString &title, const QString &body)
+    // Tells the user something worth a look outside the menu, with buttons where the platform can
+    // show them; a platform without a way to do so drops it.
+    virtual void notify(const QString &title, const QString &body, const QList<NotificationAction> &actions = {})
     {
         Q_UNUSED(title);
         Q_UNUSED(body);
+        Q_UNUSED(actions);
     }
 };

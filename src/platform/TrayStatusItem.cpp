@@ -40,12 +40,12 @@ void TrayStatusItem::setMenu(QMenu *menu)
         tray_->setContextMenu(menu);
 }
 
-void TrayStatusItem::notify(const QString &title, const QString &body)
+void TrayStatusItem::notify(const QString &title, const QString &body, const QList<NotificationAction> &actions)
 {
     if (tray_ && tray_->isVisible() && QSystemTrayIcon::isSystemTrayAvailable())
         tray_->showMessage(title, body);
     else
-        notifyWithoutTray(title, body);
+        notifyWithoutTray(title, body, actions);
 }
 
 void TrayStatusItem::apply()

@@ -19,14 +19,16 @@ public:
     StatusButton *button() override { return &button_; }
     void setMenu(QMenu *menu) override;
     QMenu *menu() const override { return menu_; }
-    // As a message from the tray icon while a tray shows it; otherwise notifyWithoutTray.
-    void notify(const QString &title, const QString &body) override;
+    // As a message from the tray icon while a tray shows it (Qt's messages carry no buttons);
+    // otherwise notifyWithoutTray.
+    void notify(const QString &title, const QString &body, const QList<NotificationAction> &actions = {}) override;
 
 protected:
-    virtual void notifyWithoutTray(const QString &title, const QString &body)
+    virtual void notifyWithoutTray(const QString &title, const QString &body, const QList<NotificationAction> &actions)
     {
         Q_UNUSED(title);
         Q_UNUSED(body);
+        Q_UNUSED(actions);
     }
     // Makes the icon (once) and shows what the button holds; returns the icon.
     QSystemTrayIcon *createTrayIcon();

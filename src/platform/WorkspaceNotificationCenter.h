@@ -13,6 +13,8 @@ namespace WorkspaceNotification {
 inline const QString didMount = QStringLiteral("NSWorkspaceDidMountNotification");
 inline const QString didUnmount = QStringLiteral("NSWorkspaceDidUnmountNotification");
 inline const QString didRenameVolume = QStringLiteral("NSWorkspaceDidRenameVolumeNotification");
+// The machine has woken from sleep.
+inline const QString didWake = QStringLiteral("NSWorkspaceDidWakeNotification");
 } // namespace WorkspaceNotification
 
 class WorkspaceNotificationCenter : public QObject {

@@ -15,7 +15,10 @@ public:
     StatusButton *button() override { return &button_; }
     void setMenu(QMenu *menu) override { menu_ = menu; }
     QMenu *menu() const override { return menu_; }
-    void notify(const QString &title, const QString &body) override { notifications.append(title + u'\n' + body); }
+    void notify(const QString &title, const QString &body, const QList<NotificationAction> & = {}) override
+    {
+        notifications.append(title + u'\n' + body);
+    }
 
     QStringList notifications; // title, a line feed, body
 

@@ -135,48 +135,45 @@ private slots:
 
     // A start script that hangs past the grace after the termination stop is ended with all it started
     // (SIGKILL for what ignores SIGTERM), the agent stopped once more, and the program exits.
-    void hungStartIsEndedWithItsGroupAndStoppedAgain_data()
-    {
-        QTest::addColumn<bool>("ignoresTerm");
-        QTest::newRow("ends on SIGTERM") << false;
-        QTest::newRow("ignores SIGTERM") << true;
-    }
     void hungStartIsEndedWithItsGroupAndStoppedAgain()
     {
-        QFETCH(bool, ignoresTerm);
-        makeController(0, true, true, [](Configuration &config) {
-            config.startGraceAfterTerminationStop = std::chrono::milliseconds(300);
-            config.processGroupKillDelay = std::chrono::milliseconds(1500);
-        });
-        const QString helper = env.root() + u"/helper-pid"_s; // what the start started, in its group
-        QFile::remove(helper);
-        script->write({0, true, (ignoresTerm ? u"trap '' TERM; "_s : QString()) + u"sleep 600 & echo $! > "_s + helper},
-                      {0, false, {}});
-        delegate->startAgent(false);
-        QTRY_VERIFY(QFile::exists(helper));
-        env.markLog();
-        QElapsedTimer sinceKill;
-        delegate->quitApp();
-        QTRY_VERIFY_WITH_TIMEOUT(env.messagesSinceMark().filter(u"still running"_s).size() == 1, 5000);
-        sinceKill.start();
-        QTRY_COMPARE_WITH_TIMEOUT(terminated->count(), 1, 10000);
-        QVERIFY2((sinceKill.elapsed() >= 1400) == ignoresTerm, qPrintable(QString::number(sinceKill.elapsed())));
-        const int signal = ignoresTerm ? SIGKILL : SIGTERM;
-        const QString launching = "Launching process: "_L1 + script->path(),
-                      finished = "Termination stop finished with exit code 0."_L1;
-        QCOMPARE(env.messagesSinceMark().filter(
-                     QRegularExpression(u"^(Quit|Application|Termination|Agent|Process|.* stop$)"_s)),
-                 QStringList({u"Quit requested from menu."_s, requestLine, launching + " stop"_L1,
-                              u"Process exited with code 0"_s, finished,
-                              "Agent start command still running 0.3 seconds after the termination stop. Ending its "
-                              "process group: "_L1 +
-                                  script->path(),
-                              u"Process exited with code %1"_s.arg(signal),
-                              u"Agent start command failed with exit code %1"_s.arg(signal), launching + " stop"_L1,
-                              u"Process exited with code 0"_s, finished, lastLine}));
-        QCOMPARE(script->runs(), QList<QStringList>({{u"start"_s}, {u"stop"_s}, {u"stop"_s}}));
-        const qint64 helperPid = readFile(helper).trimmed().toLongLong();
-        QTRY_VERIFY(QList<QByteArray>({"", "Z"}).contains(processStat(helperPid).value(0)));
+        for (const bool ignoresTerm : {false, true}) {
+            makeController(0, true, true, [](Configuration &config) {
+                config.startGraceAfterTerminationStop = std::chrono::milliseconds(300);
+                config.processGroupKillDelay = std::chrono::milliseconds(1500);
+            });
+            const QString helper = env.root() + u"/helper-pid"_s; // what the start started, in its group
+            QFile::remove(helper);
+            script->write(
+                {0, true, (ignoresTerm ? u"trap '' TERM; "_s : QString()) + u"sleep 600 & echo $! > "_s + helper},
+                {0, false, {}});
+            delegate->startAgent(false);
+            QTRY_VERIFY(QFile::exists(helper));
+            env.markLog();
+            QElapsedTimer sinceKill;
+            delegate->quitApp();
+            QTRY_VERIFY_WITH_TIMEOUT(env.messagesSinceMark().filter(u"still running"_s).size() == 1, 5000);
+            sinceKill.start();
+            QTRY_COMPARE_WITH_TIMEOUT(terminated->count(), 1, 10000);
+            QVERIFY2((sinceKill.elapsed() >= 1400) == ignoresTerm, qPrintable(QString::number(sinceKill.elapsed())));
+            const int signal = ignoresTerm ? SIGKILL : SIGTERM;
+            const QString launching = "Launching process: "_L1 + script->path(),
+                          finished = "Termination stop finished with exit code 0."_L1;
+            QCOMPARE(
+                env.messagesSinceMark().filter(
+                    QRegularExpression(u"^(Quit|Application|Termination|Agent|Process|.* stop$)"_s)),
+                QStringList({u"Quit requested from menu."_s, requestLine, launching + " stop"_L1,
+                             u"Process exited with code 0"_s, finished,
+                             "Agent start command still running 0.3 seconds after the termination stop. Ending its "
+                             "process group: "_L1 +
+                                 script->path(),
+                             u"Process exited with code %1"_s.arg(signal),
+                             u"Agent start command failed with exit code %1"_s.arg(signal), launching + " stop"_L1,
+                             u"Process exited with code 0"_s, finished, lastLine}));
+            QCOMPARE(script->runs(), QList<QStringList>({{u"start"_s}, {u"stop"_s}, {u"stop"_s}}));
+            const qint64 helperPid = readFile(helper).trimmed().toLongLong();
+            QTRY_VERIFY(QList<QByteArray>({"", "Z"}).contains(processStat(helperPid).value(0)));
+        }
     }
 
     // Guards: a SIGTERM during the launch start exited before it ended, leaving its agent running; and a

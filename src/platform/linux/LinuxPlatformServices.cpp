@@ -1,9 +1,10 @@
 // The Linux desktop implementations of the platform services.
 #include "app/Configuration.h"
+#include "platform/LockFileRunningApplications.h"
 #include "platform/PlatformServices.h"
 #include "platform/linux/AutostartLoginItemService.h"
 #include "platform/linux/LinuxTrayStatusItem.h"
-#include "platform/LockFileRunningApplications.h"
+#include "platform/linux/LogindWakeWatcher.h"
 #include "platform/linux/MountInfoWatcher.h"
 #include "platform/linux/XdgOpener.h"
 
@@ -20,6 +21,7 @@ PlatformServices PlatformServices::forThisSystem(const Configuration &configurat
     services.workspaceNotifications = std::make_unique<WorkspaceNotificationCenter>();
     services.volumeEventSource =
         std::make_unique<MountInfoWatcher>(configuration.volumeMountDirectories, services.workspaceNotifications.get());
+    services.wakeEventSource = std::make_unique<LogindWakeWatcher>(services.workspaceNotifications.get());
     services.runningApplications =
         std::make_unique<LockFileRunningApplications>(configuration.runtimeStateDirectory, QDir::tempPath());
     return services;

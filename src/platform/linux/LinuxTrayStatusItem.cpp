@@ -3,9 +3,6 @@
 #include "app/log/AppLogger.h"
 
 #include <QCursor>
-#include <QDBusConnection>
-#include <QDBusMessage>
-#include <QDBusPendingCall>
 #include <QGuiApplication>
 #include <QScreen>
 
@@ -26,17 +23,6 @@ bool onDesktop()
     return platform != QLatin1String("offscreen") && platform != QLatin1String("minimal");
 }
 
-// Tells the user through the desktop's notification service; a session without one shows nothing.
-void notifyThroughDesktop(const QString &title, const QString &body)
-{
-    QDBusMessage notify = QDBusMessage::createMethodCall(
-        QStringLiteral("org.freedesktop.Notifications"), QStringLiteral("/org/freedesktop/Notifications"),
-        QStringLiteral("org.freedesktop.Notifications"), QStringLiteral("Notify"));
-    notify.setArguments(
-        {QStringLiteral("Quillmere Agent"), 0u, QString(), title, body, QStringList(), QVariantMap(), -1});
-    QDBusConnection::sessionBus().asyncCall(notify);
-}
-
 } // namespace
 
 // Qt settles once per process, when the first tray icon is made, whether the tray speaks
@@ -51,18 +37,19 @@ LinuxTrayStatusItem::LinuxTrayStatusItem() : TrayStatusItem(Start::WhenHostReady
     QObject::connect(&hostWatcher_, &TrayHostWatcher::hostAppeared, &hostWatcher_, [this] { start(); });
     noTrayNotice_.setSingleShot(true);
     noTrayNotice_.setInterval(noTrayNoticeDelayMs);
-    QObject::connect(&noTrayNotice_, &QTimer::timeout, &hostWatcher_, [] {
+    QObject::connect(&noTrayNotice_, &QTimer::timeout, &hostWatcher_, [this] {
         AppLogger::shared().log(QStringLiteral("No system tray found after 10 seconds; the agent keeps being "
                                                "supervised. Send SIGTERM or log out to quit."));
-        notifyThroughDesktop(noTrayTitle, noTrayBody);
+        notifier_.notify(noTrayTitle, noTrayBody);
     });
     noTrayNotice_.start();
     hostWatcher_.watch();
 }
 
-void LinuxTrayStatusItem::notifyWithoutTray(const QString &title, const QString &body)
+void LinuxTrayStatusItem::notifyWithoutTray(const QString &title, const QString &body,
+                                            const QList<NotificationAction> &actions)
 {
-    notifyThroughDesktop(title, body);
+    notifier_.notify(title, body, actions);
 }
 
 void LinuxTrayStatusItem::start()

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "platform/TrayStatusItem.h"
+#include "platform/linux/DesktopNotifier.h"
 #include "platform/linux/TrayHostWatcher.h"
 
 #include <QTimer>
@@ -12,12 +13,14 @@ public:
     LinuxTrayStatusItem();
 
 protected:
-    void notifyWithoutTray(const QString &title, const QString &body) override;
+    void notifyWithoutTray(const QString &title, const QString &body,
+                           const QList<NotificationAction> &actions) override;
 
 private:
     void start();
     void popUpMenu();
 
     TrayHostWatcher hostWatcher_;
+    DesktopNotifier notifier_;
     QTimer noTrayNotice_;
 };
