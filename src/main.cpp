@@ -1,10 +1,10 @@
 // Process entry: the application object, the one controller, the event loop.
 #include "app/AppDelegate.h"
 #include "app/ApplicationHost.h"
-#include "app/CommandLine.h"
 #include "app/log/AppLogger.h"
 #include "control/AgentNotifications.h"
 #include "control/CommandClient.h"
+#include "control/CommandLine.h"
 #include "control/ControlProtocol.h"
 #include "control/ControlServer.h"
 
@@ -61,6 +61,8 @@ int main(int argc, char *argv[])
 #endif
     QApplication application(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
+    // What panels list and screen readers announce for the program, as its desktop entry names it.
+    QGuiApplication::setApplicationDisplayName(QStringLiteral(QUILLMERE_DISPLAY_NAME));
     // Read again without the options Qt took for itself (-platform and the like), which it understood.
     if (const QString problem = parseCommandLine(QCoreApplication::arguments()).problem; !problem.isEmpty())
         std::fprintf(stderr, "quillmere-menu: %s, ignored; --help lists the options.\n", qPrintable(problem));

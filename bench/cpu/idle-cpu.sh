@@ -10,6 +10,9 @@
 # the CPU figure; the peak RSS (VmHWM) covers the whole run. Wake-ups are the context switches of
 # all the product's threads while measuring.
 #
+# WATCH=1 attaches one `--status --watch` to the running program before the warm-up ends, to
+# compare the program's wake-ups with a watch against none (the watch itself is not counted).
+#
 # DESKTOP=1 runs it on the X server and session bus it is given instead, as on a desktop whose
 # tray is missing or late (keep WARMUP_SECONDS past the 10 s no-tray notice), for example:
 #   DESKTOP=1 WARMUP_SECONDS=15 xvfb-run -a dbus-run-session -- bench/cpu/idle-cpu.sh build 60
@@ -56,7 +59,9 @@ done
 export QUILLMERE_AGENT_PORT=$port
 
 product_pid=
+watch_pid=
 cleanup() {
+    [ -z "$watch_pid" ] || kill -TERM "$watch_pid" 2>/dev/null || true
     if [ -n "$product_pid" ] && kill -0 "$product_pid" 2>/dev/null; then
         kill -TERM "$product_pid" 2>/dev/null || true
         for _ in $(seq 150); do kill -0 "$product_pid" 2>/dev/null || break; sleep 0.1; done
@@ -81,6 +86,11 @@ switches() { cat "/proc/$1"/task/*/status 2>/dev/null | awk '/ctxt_switches:/ { 
 alive() { [ -r "/proc/$1/stat" ] && [ "$(sed 's/^.*) //' "/proc/$1/stat" | cut -d' ' -f1)" != Z ]; }
 
 menu_log="$XDG_DATA_HOME/TallyholdAgent/runtime/logs/menu-app.log"
+if [ "${WATCH:-0}" = 1 ]; then
+    for _ in $(seq 100); do [ -S "$XDG_RUNTIME_DIR/com.tallyhold.agent.app.socket" ] && break; sleep 0.1; done
+    "$product" --status --watch >"$scratch/watch.out" 2>&1 &
+    watch_pid=$!
+fi
 sleep "$warmup"
 alive "$product_pid" || { echo "idle-cpu.sh: the product exited during warm-up:" >&2; cat "$scratch/product.out" >&2; exit 1; }
 grep -q 'Status: Running' "$menu_log" 2>/dev/null ||
@@ -112,8 +122,8 @@ log_lines=$(($(grep -c . "$menu_log" 2>/dev/null || echo 0) - log_start))
 awk -v pt=$((product_end - product_start)) -v at=$((agent_end - agent_start)) -v hz="$hz" -v s="$seconds" \
     -v hwm="$hwm" -v rmax="$rss_max" -v ravg=$((rss_sum / samples)) -v port="$port" -v threads="$threads" \
     -v warm="$warmup" -v lines="$log_lines" -v platform="$QT_QPA_PLATFORM" \
-    -v wakes=$((switches_end - switches_start)) 'BEGIN {
-    printf "quillmere-menu idle for %d s after %d s warm-up (%s, agent on 127.0.0.1:%d)\n", s, warm, platform, port
+    -v wakes=$((switches_end - switches_start)) -v watched="${watch_pid:+, one watch attached}" 'BEGIN {
+    printf "quillmere-menu idle for %d s after %d s warm-up (%s, agent on 127.0.0.1:%d%s)\n", s, warm, platform, port, watched
     printf "  CPU:  %.3f %% of one core (%d ticks at %d Hz)\n", 100 * pt / (hz * s), pt, hz
     printf "  wake-ups: %.2f a second (%d context switches)\n", wakes / s, wakes
     printf "  RSS:  peak (VmHWM) %.1f MB; while idle max %.1f MB, mean %.1f MB\n", hwm / 1024, rmax / 1024, ravg / 1024

@@ -4,6 +4,8 @@
 #include "app/Configuration.h"
 #include "app/log/AppLogger.h"
 #include "control/ControlCommands.h"
+#include "control/Diagnosis.h"
+#include "control/StatusWatch.h"
 #include "platform/LocalPeer.h"
 #include "platform/TrayStatusItem.h"
 
@@ -112,6 +114,10 @@ void print(const CommandOutcome &outcome)
 
 int runControlCommand(int argc, char *argv[], const CommandLine &command)
 {
+    if (command.kind == CommandLine::Kind::status && command.watch)
+        return runStatusWatch(argc, argv, command.json);
+    if (command.kind == CommandLine::Kind::diagnose)
+        return runDiagnosis(argc, argv, command.json);
     const ControlRequest request = requestFor(command);
     Configuration configuration;
     QString socketPath, logFile;

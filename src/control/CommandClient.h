@@ -2,7 +2,7 @@
 // the answer, or, with none running, does the job itself through a controller that shows nothing.
 #pragma once
 
-#include "app/CommandLine.h"
+#include "control/CommandLine.h"
 
 // Returns the exit code. Never shows a tray icon, takes the instance lock or starts the agent
 // unless asked to.

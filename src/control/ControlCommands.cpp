@@ -73,7 +73,9 @@ void runAgentCommand(AppDelegate &delegate, bool start, QObject *context, const 
 QJsonObject controlStatus(const AppDelegate &delegate, bool programRunning)
 {
     QJsonObject status = reply(QStringLiteral("status"));
-    status.insert(QStringLiteral("state"), delegate.lastStateTitle);
+    // Before its first health answer the menu still shows what it showed at launch.
+    status.insert(QStringLiteral("state"),
+                  delegate.lastStateTitle.isEmpty() ? QStringLiteral("Status: Launching...") : delegate.lastStateTitle);
     status.insert(QStringLiteral("version"), delegate.lastKnownVersion);
     status.insert(QStringLiteral("agentRunning"), delegate.agentIsRunning);
     status.insert(QStringLiteral("startInFlight"), delegate.startInFlight);

@@ -2,7 +2,7 @@
 // so the same availability, log lines and titles), and what the command then tells its user.
 #pragma once
 
-#include "app/CommandLine.h"
+#include "control/CommandLine.h"
 #include "control/ControlProtocol.h"
 
 #include <QJsonObject>

@@ -1,7 +1,7 @@
 #include "control/ControlProtocol.h"
 
-#include "app/CommandLine.h"
 #include "app/Configuration.h"
+#include "control/CommandLine.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -30,9 +30,9 @@ std::variant<ControlRequest, QString> decodeControlRequest(const QByteArray &lin
     const QJsonObject message = document.object();
     ControlRequest request{message.value(QStringLiteral("command")).toString(),
                            message.value(QStringLiteral("page")).toString()};
-    static const QStringList commands = {ControlCommand::status,    ControlCommand::startAgent,
-                                         ControlCommand::stopAgent, ControlCommand::open,
-                                         ControlCommand::quit,      ControlCommand::alreadyRunning};
+    static const QStringList commands = {
+        ControlCommand::status, ControlCommand::startAgent,     ControlCommand::stopAgent, ControlCommand::open,
+        ControlCommand::quit,   ControlCommand::alreadyRunning, ControlCommand::watch};
     if (!commands.contains(request.command))
         return QStringLiteral("unknown command");
     if ((request.command == ControlCommand::open) != pageNames().contains(request.page))

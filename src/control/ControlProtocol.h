@@ -15,6 +15,9 @@ inline const QString startAgent = QStringLiteral("start-agent");
 inline const QString stopAgent = QStringLiteral("stop-agent");
 inline const QString open = QStringLiteral("open");
 inline const QString quit = QStringLiteral("quit");
+// Answered with the status at once and again on every change, until either side goes; the
+// program's last line before it exits is a "quit" reply.
+inline const QString watch = QStringLiteral("watch");
 // A second copy of the program, leaving, asks the first to tell the user it already runs.
 inline const QString alreadyRunning = QStringLiteral("already-running");
 } // namespace ControlCommand

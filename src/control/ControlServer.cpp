@@ -21,15 +21,31 @@ constexpr int maximumHeldUntilExit = 16;
 // One line tells that something is knocking; a flood of bad requests does not flood the log.
 constexpr qint64 refusalLogIntervalMs = 60000;
 
-// Marks the connection as answered: its deadline no longer runs and later bytes are dropped.
-void stopReading(QLocalSocket *socket)
+} // namespace
+
+ControlConnection::ControlConnection(QLocalSocket *socket) : QObject(socket)
 {
-    socket->setProperty("answering", true);
-    if (auto *deadline = socket->findChild<QTimer *>(QStringLiteral("deadline")))
-        deadline->stop();
+    deadline.setSingleShot(true);
 }
 
-} // namespace
+QLocalSocket *ControlConnection::socket() const
+{
+    return static_cast<QLocalSocket *>(parent());
+}
+
+void ControlConnection::stopReading()
+{
+    answering_ = true;
+    deadline.stop();
+}
+
+void ControlConnection::sendIfChanged(const QJsonObject &status)
+{
+    if (status == lastSent_)
+        return;
+    lastSent_ = status;
+    socket()->write(encodeControlMessage(status));
+}
 
 ControlServer::ControlServer(AppDelegate &delegate, QString socketPath, QObject *parent)
     : QObject(parent), delegate_(delegate), socketPath_(std::move(socketPath))
@@ -67,12 +83,13 @@ void ControlServer::acceptConnections()
 {
     while (QLocalSocket *socket = server_.nextPendingConnection()) {
         const auto peer = peerUserId(socket->socketDescriptor());
+        auto *connection = new ControlConnection(socket);
         if (!peer || *peer != ::getuid()) {
-            refuse(socket, QStringLiteral("a process of another user"), false);
+            refuse(connection, QStringLiteral("a process of another user"), false);
             continue;
         }
         if (openConnections_ >= maximumOpenConnections) {
-            refuse(socket, QStringLiteral("too many connections at once"), false);
+            refuse(connection, QStringLiteral("too many connections at once"), false);
             continue;
         }
         ++openConnections_;
@@ -80,36 +97,38 @@ void ControlServer::acceptConnections()
         connect(socket, &QLocalSocket::disconnected, socket, &QObject::deleteLater);
         // Past the limit Qt stops reading, so an endless line costs no memory.
         socket->setReadBufferSize(maximumControlRequestSize + 1);
-        auto *deadline = new QTimer(socket);
-        deadline->setObjectName(QStringLiteral("deadline"));
-        deadline->setSingleShot(true);
-        connect(deadline, &QTimer::timeout, socket,
-                [this, socket] { refuse(socket, QStringLiteral("request not complete in time"), false); });
-        deadline->start(requestDeadlineMs);
-        connect(socket, &QLocalSocket::readyRead, this, [this, socket] { readRequest(socket); });
-        readRequest(socket);
+        connect(&connection->deadline, &QTimer::timeout, connection,
+                [this, connection] { refuse(connection, QStringLiteral("request not complete in time"), false); });
+        connection->deadline.start(requestDeadlineMs);
+        connect(socket, &QLocalSocket::readyRead, connection, [this, connection] { readRequest(connection); });
+        readRequest(connection);
     }
 }
 
-void ControlServer::readRequest(QLocalSocket *socket)
+void ControlServer::readRequest(ControlConnection *connection)
 {
-    if (socket->property("answering").toBool()) {
+    QLocalSocket *socket = connection->socket();
+    if (connection->answering()) {
         socket->readAll(); // one request per connection; what follows it is ignored
         return;
     }
     if (!socket->canReadLine()) {
         if (socket->bytesAvailable() > maximumControlRequestSize)
-            refuse(socket, QStringLiteral("request too long"), true);
+            refuse(connection, QStringLiteral("request too long"), true);
         return;
     }
     const QByteArray line = socket->readLine().chopped(1);
-    stopReading(socket);
+    connection->stopReading();
     const auto decoded = decodeControlRequest(line);
     if (const QString *problem = std::get_if<QString>(&decoded)) {
-        refuse(socket, *problem, true);
+        refuse(connection, *problem, true);
         return;
     }
     const ControlRequest request = std::get<ControlRequest>(decoded);
+    if (request.command == ControlCommand::watch) {
+        watch(connection);
+        return;
+    }
     performControlRequest(
         delegate_, request, socket, [this, socket = QPointer<QLocalSocket>(socket), request](const QJsonObject &reply) {
             if (!socket || socket->state() != QLocalSocket::ConnectedState)
@@ -125,13 +144,34 @@ void ControlServer::readRequest(QLocalSocket *socket)
         });
 }
 
-void ControlServer::refuse(QLocalSocket *socket, const QString &reason, bool answer)
+// The watcher hears of the state the moment the menu shows it, and of a start or stop ending;
+// nothing runs for it in between, so an idle watch costs the program no wake-up.
+void ControlServer::watch(ControlConnection *connection)
 {
+    const auto push = [this, connection] { connection->sendIfChanged(controlStatus(delegate_, true)); };
+    connect(&delegate_, &AppDelegate::stateMenuUpdated, connection, push);
+    connect(&delegate_, &AppDelegate::agentCommandFinished, connection, push);
+    push();
+}
+
+ControlServer::~ControlServer()
+{
+    for (ControlConnection *connection : server_.findChildren<ControlConnection *>()) {
+        if (connection->watching() && connection->socket()->state() == QLocalSocket::ConnectedState) {
+            connection->socket()->write(encodeControlMessage({{QStringLiteral("reply"), QStringLiteral("quit")}}));
+            connection->socket()->flush();
+        }
+    }
+}
+
+void ControlServer::refuse(ControlConnection *connection, const QString &reason, bool answer)
+{
+    QLocalSocket *socket = connection->socket();
     if (!sinceRefusalLogged_.isValid() || sinceRefusalLogged_.hasExpired(refusalLogIntervalMs)) {
         sinceRefusalLogged_.start();
         AppLogger::shared().log(QStringLiteral("Control request refused: ") + reason + u'.');
     }
-    stopReading(socket);
+    connection->stopReading();
     if (answer) {
         socket->write(encodeControlMessage(
             {{QStringLiteral("reply"), QStringLiteral("error")}, {QStringLiteral("message"), reason}}));

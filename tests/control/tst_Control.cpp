@@ -1,9 +1,13 @@
 // Commands from outside the menu: read as meant, carried out by the running program under its menu's
 // rules or by the command itself when none runs, over a channel only this user reaches.
-#include "app/CommandLine.h"
+#include "control/CommandLine.h"
 #include "support/InstalledProgram.h"
 #include "support/Testing.h"
 
+#include <QDirIterator>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QLocalServer>
 #include <QLocalSocket>
 #include <csignal>
 #include <sys/socket.h>
@@ -36,7 +40,7 @@ class ControlTest : public QObject {
 private slots:
     void commandLineIsReadAsMeant_data()
     {
-        QTest::addColumn<QString>("reading"); // of the row's name as arguments: kind|json|page|problem
+        QTest::addColumn<QString>("reading"); // of the row's name as arguments: kind|json,watch|page|problem
         QTest::newRow("--launched-at-login") << u"launch|||"_s;
         QTest::newRow("--status -h") << u"help|||"_s;
         QTest::newRow("-v --bogus") << u"version|||"_s;
@@ -51,7 +55,10 @@ private slots:
                                              pageNames().join(u", "_s) + u')';
         QTest::newRow("--start-agent --stop-agent")
             << u"badUsage|||one command at a time, not --start-agent and --stop-agent"_s;
-        QTest::newRow("--stop-agent --json") << u"badUsage|||--json goes with --status"_s;
+        QTest::newRow("--stop-agent --json") << u"badUsage|||--json goes with --status or --diagnose"_s;
+        QTest::newRow("--watch --json --status") << u"status|json,watch||"_s;
+        QTest::newRow("--diagnose --json") << u"diagnose|json||"_s;
+        QTest::newRow("--diagnose --watch") << u"badUsage|||--watch goes with --status"_s;
         QTest::newRow("--status --launched-at-login")
             << u"badUsage|||--launched-at-login is for a plain launch, not with --status"_s;
         QTest::newRow("--status --bogus") << u"badUsage|||unknown option '--bogus'"_s;
@@ -59,13 +66,12 @@ private slots:
     void commandLineIsReadAsMeant()
     {
         QFETCH(QString, reading);
-        static const QStringList kinds = {u"launch"_s,    u"help"_s, u"version"_s, u"status"_s,  u"startAgent"_s,
-                                          u"stopAgent"_s, u"open"_s, u"quit"_s,    u"badUsage"_s};
+        static const QStringList kinds = {u"launch"_s,     u"help"_s,      u"version"_s, u"status"_s, u"diagnose"_s,
+                                          u"startAgent"_s, u"stopAgent"_s, u"open"_s,    u"quit"_s,   u"badUsage"_s};
         const CommandLine line = parseCommandLine(QStringList{u"quillmere-menu"_s} +
                                                   QString::fromLatin1(QTest::currentDataTag()).split(u' '));
-        QCOMPARE(
-            QStringList({kinds[int(line.kind)], line.json ? u"json"_s : QString(), line.page, line.problem}).join(u'|'),
-            reading);
+        const QString flags = (line.json ? u"json"_s : QString()) + (line.watch ? u",watch"_s : QString());
+        QCOMPARE(QStringList({kinds[int(line.kind)], flags, line.page, line.problem}).join(u'|'), reading);
     }
 
     // With no program the command does the job itself; with one, the program does it through its menu.
@@ -163,6 +169,156 @@ private slots:
             QStringList({welcome, runtime + "/startup-status.html"_L1, runtime + "/startup-status.html"_L1, failed,
                          logs, u"https://quillmere.example/admin.html"_s, u"https://quillmere.example/downloads/"_s,
                          u"http://127.0.0.1:%1/"_s.arg(port), welcome, failed, logs}));
+    }
+
+    // A watch prints the state at once and a line per change alone: probing itself while no program
+    // runs, then told by the program that starts; it ends 0 with the program, 4 on a broken channel.
+    void watchFollowsTheState()
+    {
+        InstalledProgram program;
+        FakeControlScript script(program.controlScript());
+        script.write({}, {0, true, {}});
+        const QStringList watch = {u"--status"_s, u"--watch"_s};
+        QProcess *text = program.start(port, watch), *json = program.start(port, watch + QStringList{u"--json"_s});
+        // Everything printed so far, as the bar would have shown it line by line.
+        const auto printed = [](QProcess *watcher) { return QString::fromUtf8(watcher->peek(1 << 20)); };
+        const QString probed = u"; Version: 1.4.2; watched by this command, quillmere-menu is not running\n"_s;
+        QString shown;
+        // Each change seen by both watchers' own probes before the next; the program then starts
+        // with the agent as they last found it, so that taking over changes only who watches.
+        for (const bool healthy : {true, false, true}) {
+            healthy ? agent.setHealthy() : agent.setHealthDown();
+            shown += (healthy ? u"Status: Running"_s : u"Status: Stopped"_s) + probed;
+            QTRY_COMPARE_WITH_TIMEOUT(printed(text), shown, 15000);
+            QTRY_COMPARE_WITH_TIMEOUT(printed(json).count(u'\n'), shown.count(u'\n'), 15000);
+        }
+        QProcess *running = program.start(port);
+        shown += u"Status: Running; Version: 1.4.2; watched by quillmere-menu\n"_s;
+        QTRY_COMPARE_WITH_TIMEOUT(printed(text), shown, 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(printed(json).contains("\"programRunning\":true"_L1), 15000);
+        // Just after a refresh found it running, so that none finds it running again while it stops.
+        const int refreshed = agent.countFor("/healthz");
+        QTRY_VERIFY_WITH_TIMEOUT(agent.countFor("/healthz") > refreshed, 15000);
+        agent.setHealthDown();
+        QProcess *stop = program.start(port, {u"--stop-agent"_s});
+        QTRY_COMPARE(script.runs().size(), 1);
+        script.release(u"stop"_s);
+        QTRY_COMPARE(stop->state(), QProcess::NotRunning);
+        shown += u"Status: Stopping...; Version: 1.4.2; a stop is in progress; watched by quillmere-menu\n"
+                 u"Status: Stopping...; Version: 1.4.2; watched by quillmere-menu\n"
+                 u"Status: Stopped; Version: 1.4.2; watched by quillmere-menu\n"_s;
+        QTRY_COMPARE(printed(text), shown);
+        // Past a refresh that finds the same state (the next one is asked once it was answered): no line.
+        const int asked = agent.countFor("/healthz");
+        QTRY_VERIFY_WITH_TIMEOUT(agent.countFor("/healthz") > asked + 1, 15000);
+        QCOMPARE(printed(text), shown);
+        QCOMPARE(program.run(port, {u"--quit"_s}), Result{});
+        for (QProcess *process : {running, text, json})
+            QTRY_COMPARE(process->state(), QProcess::NotRunning);
+        // The same changes, each as --status --json shows a status; the quit's own lines last.
+        QString objects;
+        for (const auto &[agentRunning, programRunning, stopping, state] :
+             std::initializer_list<std::tuple<bool, bool, bool, const char *>>{
+                 {true, false, false, "Running"},
+                 {false, false, false, "Stopped"},
+                 {true, false, false, "Running"},
+                 {true, true, false, "Running"},
+                 {false, true, true, "Stopping..."},
+                 {false, true, false, "Stopping..."},
+                 {false, true, false, "Stopped"},
+                 {false, true, true, "Stopping and Scanning..."},
+                 {false, true, false, "Stopping and Scanning..."}})
+            objects += u"{\"agentRunning\":%1,\"programRunning\":%2,\"startInFlight\":false,\"state\":\"Status: %3\","
+                       u"\"stopInFlight\":%4,\"version\":\"1.4.2\"}\n"_s.arg(agentRunning ? "true" : "false",
+                                                                             programRunning ? "true" : "false", state,
+                                                                             stopping ? "true" : "false");
+        QCOMPARE((Result{json->exitCode(), printed(json)}), (Result{0, objects}));
+        QCOMPARE(text->exitCode(), 0);
+        // With no program left the watch goes on probing until the user ends it.
+        QProcess *alone = program.start(port, watch);
+        QTRY_VERIFY(printed(alone).startsWith(u"Status: Stopped"_s));
+        ::kill(pid_t(alone->processId()), SIGTERM);
+        QTRY_COMPARE(alone->state(), QProcess::NotRunning);
+        QCOMPARE((std::pair{alone->exitStatus(), alone->exitCode()}), (std::pair{QProcess::NormalExit, 0}));
+
+        // A program that hangs, then one that vanishes without its last word (killed, crashed).
+        QLocalServer other;
+        QVERIFY(other.listen(program.socketPath()));
+        QCOMPARE(program.run(port, watch),
+                 (Result{4, u"quillmere-menu: the running program did not answer within 2 s.\n"_s}));
+        connect(&other, &QLocalServer::newConnection, &other, [&other] {
+            while (QLocalSocket *socket = other.nextPendingConnection())
+                delete socket;
+        });
+        QCOMPARE(program.run(port, watch),
+                 (Result{4, u"quillmere-menu: the channel to the running program broke.\n"_s}));
+    }
+
+    // The report on a healthy set-up finds no problem; on a broken one it names each problem, and
+    // with the agent and the program both silent it waits on them at once, changing nothing.
+    void diagnosisNamesWhatIsWrong()
+    {
+        InstalledProgram program;
+        FakeControlScript script(program.controlScript());
+        script.write();
+        agent.setHealthy();
+        QProcess *running = program.start(port);
+        QTRY_COMPARE_WITH_TIMEOUT(program.run(port, {u"--status"_s}).exitCode, 0, 15000);
+        const auto report = [&] {
+            const Result result = program.run(port, {u"--diagnose"_s, u"--json"_s});
+            return std::pair{result.exitCode, QJsonDocument::fromJson(result.output.toUtf8()).object()};
+        };
+        const auto [healthy, found] = report();
+        const auto at = [](const QJsonObject &object, const QString &path) {
+            QJsonValue value = object;
+            for (const QString &key : path.split(u'.'))
+                value = value.toObject().value(key);
+            return value.toVariant();
+        };
+        QStringList lastLines = at(found, u"files.log.lastLines"_s).toStringList();
+        for (QString &line : lastLines)
+            line = line.section(u" | "_s, 1);
+        QCOMPARE(
+            (QVariantList{healthy, at(found, u"agent.version"_s), at(found, u"program.running"_s),
+                          at(found, u"program.socket.trusted"_s), at(found, u"program.lock.pid"_s),
+                          at(found, u"files.runtime.controlScriptExecutable"_s), lastLines, at(found, u"problems"_s)}),
+            (QVariantList{0, u"1.4.2"_s, true, true, running->processId(), true,
+                          program.logMessages().mid(program.logMessages().size() - 5), QVariantList()}));
+        QCOMPARE(program.run(port, {u"--quit"_s}).exitCode, 0);
+
+        // Broken: the script not executable, the agent and a program at the socket silent.
+        QFile::setPermissions(program.controlScript(), QFile::ReadOwner | QFile::WriteOwner);
+        agent.setResponse("/healthz", {200, {}, "application/json", true});
+        QLocalServer silent;
+        silent.setSocketOptions(QLocalServer::UserAccessOption);
+        QVERIFY(silent.listen(program.socketPath()));
+        const auto tree = [&] {
+            QStringList files;
+            for (QDirIterator it(program.root(), QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot,
+                                 QDirIterator::Subdirectories);
+                 it.hasNext();) {
+                const QFileInfo info = it.nextFileInfo();
+                files.append(
+                    u"%1 %2 %3"_s.arg(info.filePath()).arg(info.size()).arg(info.lastModified().toMSecsSinceEpoch()));
+            }
+            return files;
+        };
+        const QStringList before = tree();
+        QElapsedTimer clock;
+        clock.start();
+        const auto [broken, problems] = report();
+        QCOMPARE_LT(clock.elapsed(), 4000); // the agent's 2.5 s and the program's 2 s, waited at once
+        QStringList items;
+        for (const QVariant &problem : at(problems, u"problems"_s).toList())
+            items.append(problem.toMap().value(u"item"_s).toString());
+        QCOMPARE((std::pair{broken, items}),
+                 (std::pair{6, QStringList{u"files.runtime.controlScript"_s, u"agent"_s, u"program"_s}}));
+        const Result text = program.run(port, {u"--diagnose"_s});
+        QVERIFY2(text.exitCode == 6 &&
+                     text.output.endsWith(u"\nPROBLEM (program): the running program does not answer. "
+                                          u"Hint: end process 0 and start quillmere-menu again.\n"_s),
+                 toString(text));
+        QCOMPARE(tree(), before);
     }
 
     // A stale socket file of another user is refused, then a program of another user is not talked to.
