@@ -11,17 +11,8 @@ set -euo pipefail
 
 build=$(cd "${1:-build}" && pwd)
 cycles=${2:-10}
-product="$build/bin/quillmere-menu"
-[ -x "$product" ] || { echo "watch-latency.sh: $product missing; build the tree first" >&2; exit 1; }
-
-scratch=$(mktemp -d "${TMPDIR:-/tmp}/quillmere-watch.XXXXXX")
-export HOME="$scratch/home" XDG_RUNTIME_DIR="$scratch/run" QUILLMERE_VOLUMES_DIR="$scratch/volumes"
-export XDG_DATA_HOME="$HOME/.local/share" XDG_CONFIG_HOME="$HOME/.config" QT_QPA_PLATFORM=offscreen
-export QUILLMERE_AGENT_PORT=$((20000 + RANDOM % 40000))
-unset DISPLAY WAYLAND_DISPLAY DBUS_SESSION_BUS_ADDRESS
-mkdir -p "$HOME" "$XDG_RUNTIME_DIR" "$QUILLMERE_VOLUMES_DIR"
-chmod 700 "$XDG_RUNTIME_DIR"
-trap '"$product" --quit >/dev/null 2>&1 || true; [ -n "${KEEP:-}" ] || rm -rf "$scratch"' EXIT
+name=watch-latency
+. "$(dirname "$0")/sandbox.sh"
 log="$XDG_DATA_HOME/TallyholdAgent/runtime/logs/menu-app.log"
 
 "$product" >/dev/null 2>&1 &
