@@ -40,19 +40,24 @@ void AppDelegate::stopAgentFromMenu()
     requestAgentStop(false);
 }
 
+std::optional<QString> AppDelegate::controlScriptPath() const
+{
+    const auto runtime = runtimeDirectory();
+    return runtime ? std::optional(*runtime + QLatin1Char('/') + controlScriptName) : std::nullopt;
+}
+
 void AppDelegate::startAgent(bool openStatusPage)
 {
     AppLogger &logger = AppLogger::shared();
-    const auto runtime = runtimeDirectory();
-    if (!runtime) {
+    const std::optional<QString> script = controlScriptPath();
+    if (!script) {
         logger.log(QStringLiteral("Could not resolve agentctl.sh inside app bundle."));
         updateStateMenu(QStringLiteral("Status: Missing runtime files"), lastKnownVersion, false);
         return;
     }
-    const QString script = *runtime + QLatin1Char('/') + controlScriptName;
-    const QFileInfo scriptInfo(script);
+    const QFileInfo scriptInfo(*script);
     if (!scriptInfo.isFile() || !scriptInfo.isExecutable()) {
-        logger.log(QStringLiteral("agentctl.sh exists but is not executable: ") + script);
+        logger.log(QStringLiteral("agentctl.sh exists but is not executable: ") + *script);
         updateStateMenu(QStringLiteral("Status: Missing runtime files"), lastKnownVersion, false);
         return;
     }
@@ -84,7 +89,7 @@ void AppDelegate::startAgent(bool openStatusPage)
         if (self.terminationWaitsForStart_)
             self.answerTerminationOnceStartsHaveEnded();
     };
-    ProcessRunner::run(script, {QStringLiteral("start")}, onMainThread(this, finished), child);
+    ProcessRunner::run(*script, {QStringLiteral("start")}, onMainThread(this, finished), child);
 }
 
 void AppDelegate::requestAgentStop(bool terminateWhenFinished)
@@ -92,15 +97,14 @@ void AppDelegate::requestAgentStop(bool terminateWhenFinished)
     if (terminateWhenFinished)
         terminateAfterStop = true;
 
-    const auto runtime = runtimeDirectory();
-    if (!runtime) {
+    const std::optional<QString> script = controlScriptPath();
+    if (!script) {
         AppLogger::shared().log(QStringLiteral("Could not resolve agentctl.sh for stop request."));
         if (terminateAfterStop)
             finishTerminationAfterStop(1);
         return;
     }
     // Not checked for being executable: the runner reports a script it cannot start as exit 1.
-    const QString script = *runtime + QLatin1Char('/') + controlScriptName;
 
     stopInFlight = true;
     startInFlight = false;
@@ -109,14 +113,14 @@ void AppDelegate::requestAgentStop(bool terminateWhenFinished)
                                        : QStringLiteral("Status: Stopping..."),
                     lastKnownVersion, false);
 
-    ProcessRunner::run(script, {QStringLiteral("stop")}, onMainThread(this, [](AppDelegate &self, int exitCode) {
-                           self.stopInFlight = false;
-                           self.refreshHealth();
-                           if (exitCode != 0)
-                               AppLogger::shared().log(QStringLiteral("Agent stop command finished with exit code ") +
-                                                       QString::number(exitCode));
-                           emit self.agentCommandFinished(QStringLiteral("stop"), exitCode);
-                           if (self.terminateAfterStop)
-                               self.finishTerminationAfterStop(exitCode);
-                       }));
+    ProcessRunner::run(*script, {QStringLiteral("stop")}, onMainThread(this, [](AppDelegate &self, int exitCode) {
+        self.stopInFlight = false;
+        self.refreshHealth();
+        if (exitCode != 0)
+            AppLogger::shared().log(QStringLiteral("Agent stop command finished with exit code ") +
+                                    QString::number(exitCode));
+        emit self.agentCommandFinished(QStringLiteral("stop"), exitCode);
+        if (self.terminateAfterStop)
+            self.finishTerminationAfterStop(exitCode);
+    }));
 }

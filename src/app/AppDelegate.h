@@ -59,6 +59,8 @@ public:
 
     // Runtime locations.
     std::optional<QString> runtimeDirectory() const;
+    // agentctl.sh in the runtime folder; none without one.
+    std::optional<QString> controlScriptPath() const;
     QString logsDirectory() const;
     QString currentBundleVersion() const;
 

@@ -66,7 +66,7 @@ void AppDelegate::endStartsStillRunning()
     if (!terminationWaitsForStart_)
         return;
     startsEndedByTermination_ = true;
-    const QString script = runtimeDirectory().value_or(QString()) + QStringLiteral("/agentctl.sh");
+    const QString script = controlScriptPath().value_or(QString());
     AppLogger::shared().log(QStringLiteral("Agent start command still running %1 seconds after the termination "
                                            "stop. Ending its process group: ")
                                 .arg(configuration_.startGraceAfterTerminationStop.count() / 1000.0) +
