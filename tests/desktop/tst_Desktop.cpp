@@ -226,7 +226,7 @@ private slots:
         QVERIFY(runTool(u"xprop"_s, {u"-root"_s, u"-f"_s, u"_NET_NUMBER_OF_DESKTOPS"_s, u"32c"_s, u"-set"_s,
                                      u"_NET_NUMBER_OF_DESKTOPS"_s, u"1"_s}));
         startDesktopProgram(u"tint2"_s, {u"-c"_s, QFINDTESTDATA("tint2rc")});
-        const QStringList icon{u"search"_s, u"--onlyvisible"_s, u"--class"_s, u"quillmere-menu"_s};
+        const QStringList icon{u"search"_s, u"--onlyvisible"_s, u"--classname"_s, u"quillmere-menu"_s};
         QTRY_VERIFY_WITH_TIMEOUT(runTool(u"xdotool"_s, icon + QStringList{u"getwindowgeometry"_s})
                                      .value_or(QString())
                                      .contains("Geometry: 24x24"_L1),
@@ -275,8 +275,9 @@ private slots:
             return QDebug::toString(
                 askItem(tray, u"org.freedesktop.DBus.Properties"_s, u"Get"_s, {itemInterface, name}));
         };
-        // The icon has the badge as soon as the panel lists it.
+        // The icon has the badge as soon as the panel lists it, and the title its desktop entry gives.
         QVERIFY(property(u"IconPixmap"_s).contains("a(iiay) {[Argument: (iiay) "_L1));
+        QVERIFY(property(u"Title"_s).contains("[Variant(QString): \"Quillmere Agent\"]"_L1));
         // The menu of an icon made while the panel was there; the tool tip's title and text.
         QTRY_COMPARE_WITH_TIMEOUT(menuShown(tray), runningMenu, timeoutMs);
         QTRY_VERIFY_WITH_TIMEOUT(property(u"ToolTip"_s).contains("\"Quillmere Agent is running\""_L1), timeoutMs);
