@@ -50,13 +50,19 @@ private slots:
         row("not JSON", {200, "ok", "text/plain"}, false, lastKnown);
         row("300, body ignored", {300, okBody}, false, lastKnown);
         row("hung", {200, okBody, "application/json", true}, false, lastKnown);
+        // Followed on the agent's own origin alone: what another one says is not the agent's word.
+        row("redirected on the origin", {307, {}, "text/plain", false, 0, -1, "/elsewhere"}, true, v142);
+        row("redirected to another origin", {307, {}, "text/plain", false, 0, -1, "http://localhost:PORT/elsewhere"},
+            false, lastKnown);
         // Guards: a body cut off after the status line was judged; the whole object arrives, not its length.
         row("cut-off", {200, okBody, "application/json", false, 0, okBody.size() + 50}, false, lastKnown);
     }
     void probe()
     {
         QFETCH(CannedResponse, response);
+        response.location.replace("PORT", QByteArray::number(agent->port()));
         agent->setResponse("/healthz", response);
+        agent->setResponse("/elsewhere", {200, okBody});
         auto c = makeController();
         QList<QPair<bool, QString>> answers;
         QElapsedTimer clock;
@@ -112,7 +118,7 @@ private slots:
                       launch = "Launching process: "_L1 + env.runtimeDir() + "/agentctl.sh "_L1,
                       page = "Opening startup page: "_L1 + env.runtimeDir() + "/startup-status"_L1;
         const QStringList failedStart{state.arg("Starting..."),     launch + "start",
-                                      "Process exited with code 3", "Agent start command failed with exit code 3",
+                                      "Process exited with code 1", "Agent start command failed with exit code 1",
                                       page + "-failed.html",        "Opening logs directory: " + env.logsDir(),
                                       state.arg("Start failed"),    state.arg("Stopped")};
         QTest::newRow("start fails") << u"start"_s << QStringList{page + ".html"} + failedStart;
@@ -120,7 +126,7 @@ private slots:
             << u"launch"_s
             << QStringList(failedStart).filter(QRegularExpression(u"^(?!Opening)"_s)) +
                    QStringList{
-                       "Quillmere Agent could not start\nagentctl.sh start ended with exit code 3. The log is "_L1 +
+                       "Quillmere Agent could not start\nagentctl.sh start ended with exit code 1. The log is "_L1 +
                        env.logsDir() + "/menu-app.log."};
         QTest::newRow("stop") << u"stop"_s
                               << QStringList{state.arg("Stopping..."), launch + "stop", "Process exited with code 0",
@@ -131,7 +137,7 @@ private slots:
         QFETCH(QString, command);
         QFETCH(QStringList, log);
         const bool start = command != "stop"_L1;
-        script->write({3, true, {}}, {0, true, {}});
+        script->write({1, true, {}}, {0, true, {}});
         auto c = makeController();
         AppDelegate &d = c->delegate;
         AgentNotifications notifications(d);

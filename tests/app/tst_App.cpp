@@ -38,6 +38,10 @@ private slots:
 
         const QStringList lines = TestEnvironment::logMessagesIn(path); // each stamped in UTC to the millisecond
         QCOMPARE(lines.filter(u"thread 0 "_s) + lines.filter(u"thread 1 "_s), expected[0] + expected[1]);
+        // Made as a temporary file, it still reads like any other file of the user's.
+        QCOMPARE(QFile::permissions(path), QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadUser |
+                                               QFileDevice::WriteUser | QFileDevice::ReadGroup |
+                                               QFileDevice::ReadOther);
     }
 
     void processResultAndLogLines_data()

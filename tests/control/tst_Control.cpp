@@ -62,6 +62,11 @@ private slots:
         QTest::newRow("--status --launched-at-login")
             << u"badUsage|||--launched-at-login is for a plain launch, not with --status"_s;
         QTest::newRow("--status --bogus") << u"badUsage|||unknown option '--bogus'"_s;
+        // Each bad use of an option on its own.
+        QTest::newRow("--json") << u"badUsage|||--json goes with --status or --diagnose"_s;
+        QTest::newRow("--watch") << u"badUsage|||--watch goes with --status"_s;
+        QTest::newRow("--quit=now") << u"badUsage|||Unexpected value after '--quit'"_s;
+        QTest::newRow("--quit stray") << u"badUsage|||unexpected argument 'stray'"_s;
     }
     void commandLineIsReadAsMeant()
     {
@@ -80,7 +85,11 @@ private slots:
         InstalledProgram program;
         FakeControlScript script(program.controlScript());
         script.write({0, true, {}}, {0, true, {}}); // each waits for the test
-        agent.setHealthDown();
+        // Sent to another origin, the asker does not go: what is said there is not the agent's word.
+        agent.setResponse(
+            "/healthz",
+            {307, {}, "text/plain", false, 0, -1, "http://localhost:%1/up"_ba.replace("%1", QByteArray::number(port))});
+        agent.setResponse("/up", {200, R"({"status":"ok","version":"1.4.2"})"});
         QCOMPARE(program.run(port, {u"--status"_s}),
                  (Result{3, u"Status: Stopped\nVersion: --\n"
                             u"quillmere-menu is not running; the agent was asked directly.\n"_s}));
@@ -91,6 +100,7 @@ private slots:
 
         QProcess *running = program.start(port);
         QTRY_COMPARE_WITH_TIMEOUT(script.runs().size(), 1, 15000);
+        QCOMPARE(int(QFile::permissions(program.socketPath()) & 0x77), 0); // no group or other may connect
         QCOMPARE(program.run(port, {u"--status"_s, u"--json"_s}),
                  (Result{3, u"{\"agentRunning\":false,\"programRunning\":true,\"startInFlight\":true,"
                             u"\"state\":\"Status: Starting...\",\"stopInFlight\":false,\"version\":\"--\"}\n"_s}));

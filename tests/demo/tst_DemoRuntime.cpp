@@ -53,8 +53,13 @@ private slots:
                      refused.second.contains(": cannot listen on 127.0.0.1:" + QByteArray::number(port)),
                  refused.second.constData());
         taken.close();
+        QCOMPARE(runScript(u"stop"_s), (QPair<int, QByteArray>{0, "Agent not running.\n"}));
         QCOMPARE(runScript(u"start"_s).first, 0); // ends once the agent answers, though on pipes
-        QTcpSocket silent;                        // a client that never sends a request is let go in time
+        QVERIFY(runScript(u"start"_s).second.startsWith("Agent already running (pid "));
+        QTcpSocket elsewhere; // loopback's other addresses are not listened on
+        elsewhere.connectToHost(QHostAddress(u"127.0.0.2"_s), port);
+        QVERIFY(!elsewhere.waitForConnected());
+        QTcpSocket silent; // a client that never sends a request is let go in time
         silent.connectToHost(QHostAddress::LocalHost, port);
         const QByteArray sync = answerTo("POST /api/mounted-volumes/cache-sync HTTP/1.1",
                                          R"({"event":"app-launch","volumes":[{"name":"Photos <2024>"}]})");

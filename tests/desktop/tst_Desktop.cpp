@@ -301,6 +301,11 @@ private slots:
         control_->release(u"stop"_s);
         QTRY_VERIFY_WITH_TIMEOUT(property(u"ToolTip"_s).contains("\"Quillmere Agent is offline\""_L1), timeoutMs);
         QTRY_VERIFY_WITH_TIMEOUT(property(u"IconPixmap"_s) != runningIcon, timeoutMs);
+        // Run at Startup writes the entry where this user's session reads it, naming this program.
+        QVERIFY(click(u"Run at Startup"_s));
+        QTRY_VERIFY(readFile(program->homeOf(u"first"_s) + "/.config/autostart/com.tallyhold.agent.app.desktop"_L1)
+                        .contains("\nExec=\"" + QFile::encodeName(program->root()) +
+                                  "/bin/quillmere-menu\" --launched-at-login\n"));
         // Quit: the agent is stopped before the program exits.
         QVERIFY(click(u"Quit"_s));
         QTRY_VERIFY_WITH_TIMEOUT(process->state() == QProcess::NotRunning && process->exitCode() == 0, timeoutMs);

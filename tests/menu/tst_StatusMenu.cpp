@@ -46,6 +46,12 @@ private slots:
         QTest::newRow("starting, stop in flight too") << UpdateRow{"Status: Starting...", "1.1", false, true, true, true,
             "State updated: Status: Starting... version=1.1 running=false",
             "(Status: Starting...)|(Version: 1.1)|-|(Start Agent)|(Stop Agent)|-|%P|-|[x] Run at Startup|-|Quit"};
+        // One flag at a time: each disables its own item alone.
+        QTest::newRow("stop in flight, agent down") << UpdateRow{"Status: Stopping...", "1.1", false, false, true, true,
+            "State updated: Status: Stopping... version=1.1 running=false",
+            "(Status: Stopping...)|(Version: 1.1)|-|Start Agent|(Stop Agent)|-|%P|-|[x] Run at Startup|-|Quit"};
+        QTest::newRow("start in flight, agent up") << UpdateRow{"Status: Running", "1.1", true, true, false, true,
+            nullptr, "(Status: Running)|(Version: 1.1)|-|(Start Agent)|Stop Agent|-|%P|-|[x] Run at Startup|-|Quit"};
         QTest::newRow("ampersands as given, no runtime") << UpdateRow{"Status: R&D && more", " 2.0&beta ", true, false,
             false, false, "State updated: Status: R&D && more version= 2.0&beta  running=true",
             "(Status: R&D && more)|(Version:  2.0&beta )|-|(Start Agent)|Stop Agent|-|Open Cloud Admin|"

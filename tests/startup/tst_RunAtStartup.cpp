@@ -56,7 +56,7 @@ private slots:
     {
         QDir(env.home() + u"/Library"_s).removeRecursively();
         QDir(env.configHome() + u"/autostart"_s).removeRecursively();
-        QDir(env.root() + u"/support"_s).removeRecursively();
+        QDir(env.root() + u"/support&co"_s).removeRecursively();
         QFile::remove(recordPath());
         // A launchctl that records each run as one line of bracketed arguments.
         TestEnvironment::writeScript(*configuration().launchctlPath,
@@ -157,7 +157,7 @@ private slots:
         const QByteArray tag = QTest::currentDataTag();
         const bool enable = !tag.startsWith("disable");
         Configuration config = configuration();
-        config.applicationSupportDirectory = env.root() + u"/support"_s; // logs folder made on the way
+        config.applicationSupportDirectory = env.root() + u"/support&co"_s; // logs folder made on the way
         // Guards: unescaped ampersands and quotes in the program path made launchd reject the whole file.
         config.executablePath = u"/Applications/Quillmere & Co.app/Contents/MacOS/Quillmere <Agent> \"&apos;'"_s;
         writeFile(obsoletePath(0), marked);
@@ -201,9 +201,10 @@ private slots:
         // Leftovers go only once the new file is written, before it is loaded.
         QCOMPARE(QFile::exists(obsoletePath(0)), !cleaned);
         if (installed) // every byte counts
-            QCOMPARE(readFile(plistPath()),
-                     readFile(QFINDTESTDATA("launch-agent.plist"))
-                         .replace("$SUPPORT", QFile::encodeName(config.applicationSupportDirectory)));
+            QCOMPARE(
+                readFile(plistPath()),
+                readFile(QFINDTESTDATA("launch-agent.plist"))
+                    .replace("$SUPPORT", QFile::encodeName(config.applicationSupportDirectory).replace("&", "&amp;")));
         QStringList calls;
         if (removed)
             calls << run("bootout", plistPath());

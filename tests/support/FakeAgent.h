@@ -23,6 +23,7 @@ struct CannedResponse {
     bool hang = false;              // accept and read the request, never answer
     int delayMs = 0;                // answer after this long
     qsizetype announcedLength = -1; // a Content-Length other than the body's: the answer is cut off
+    QByteArray location = {};       // where a redirection sends the asker
 };
 Q_DECLARE_METATYPE(CannedResponse)
 
@@ -94,6 +95,7 @@ private:
             return;
         const QByteArray bytes =
             "HTTP/1.1 " + QByteArray::number(response.status) + " Fake\r\nContent-Type: " + response.contentType +
+            (response.location.isEmpty() ? QByteArray() : "\r\nLocation: " + response.location) +
             "\r\nContent-Length: " +
             QByteArray::number(response.announcedLength < 0 ? response.body.size() : response.announcedLength) +
             "\r\nConnection: close\r\n\r\n" + response.body;

@@ -54,6 +54,7 @@ private slots:
         QTest::addColumn<QString>("logLine"); // none: the answer counts as accepted
         QTest::newRow("201, not JSON") << CannedResponse{201, "created", "text/plain"} << QString();
         QTest::newRow("429") << CannedResponse{429, "{}"} << u"Mounted volume sync request failed with status 429."_s;
+        QTest::newRow("503") << CannedResponse{503, "{}"} << u"Mounted volume sync request failed with status 503."_s;
         QTest::newRow("200 cut off") << CannedResponse{200, "{}", "application/json", false, 0, 40}
                                      << u"Mounted volume sync request failed: Connection closed"_s;
         QTest::newRow("hung") << CannedResponse{200, "{}", "application/json", true}
@@ -126,7 +127,8 @@ private slots:
         QTest::qWait(150);
         fakes.notifications->post(didRename);
         QTest::qWait(150);
-        for (const QString &name : {u"Cafe\u0301"_s, u"CAF\u00C9"_s}) // one volume: the same name, composed or not
+        // Three volumes: the same name composed or not, with blanks around it, or in the other case.
+        for (const QString &name : {u"Cafe\u0301"_s, u"CAF\u00C9"_s, u" a"_s, u"A "_s, u"z"_s, u"Z"_s})
             QVERIFY(QDir(env.volumesDir()).mkdir(name));
         fakes.notifications->post(didMount);
         scheduled.start();
@@ -153,7 +155,7 @@ private slots:
         QTest::qWait(1200);                                 // long enough for a replaced or dropped sync to have run
         QTRY_COMPARE(openDescriptors(), descriptorsBefore); // every listing and connection closed
         QCOMPARE(sent(agent),
-                 QStringList({"app-launch:0", didMount + ":1"_L1, "agent-running:1", didUnmount + ":1"_L1}));
+                 QStringList({"app-launch:0", didMount + ":3"_L1, "agent-running:3", didUnmount + ":3"_L1}));
     }
 
     // Recorded /proc/net/tcp and tcp6 lines (uids changed) on port 0xA029, asked for 127.0.0.1.
@@ -232,7 +234,7 @@ private slots:
         program.removedVariables = {u"QUILLMERE_VOLUMES_DIR"_s, u"USER"_s};
         program.start(agent.port());
         QTRY_COMPARE_WITH_TIMEOUT(agent.countFor(syncPath), 2, 10000); // at launch, and as the agent is found running
-        const auto mountDisk = [](const QString &path, bool on) { // as udisks2 does, mount point included
+        const auto mountDisk = [](const QString &path, bool on) {      // as udisks2 does, mount point included
             const QByteArray native = QFile::encodeName(path);
             return on ? QDir().mkpath(path) && ::mount("quillmere-test", native, "tmpfs", 0, "size=64k") == 0
                       : ::umount2(native, 0) == 0 && QDir().rmdir(path);
