@@ -321,8 +321,9 @@ private slots:
         QStringList items;
         for (const QVariant &problem : at(problems, u"problems"_s).toList())
             items.append(problem.toMap().value(u"item"_s).toString());
-        QCOMPARE((std::pair{broken, items}),
-                 (std::pair{6, QStringList{u"files.runtime.controlScript"_s, u"agent"_s, u"program"_s}}));
+        QCOMPARE(
+            (std::tuple{broken, items, at(problems, u"program.running"_s)}),
+            (std::tuple{6, QStringList{u"files.runtime.controlScript"_s, u"agent"_s, u"program"_s}, QVariant(false)}));
         const Result text = program.run(port, {u"--diagnose"_s});
         QVERIFY2(text.exitCode == 6 &&
                      text.output.endsWith(u"\nPROBLEM (program): the running program does not answer. "
