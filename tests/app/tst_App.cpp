@@ -130,6 +130,7 @@ private slots:
         const QList<std::tuple<QStringList, QByteArray, QString>> choices{
             {{}, {}, "cocoa"},
             {{}, "minimal:enable_fonts;cocoa", "minimal"},
+            {{}, "offscreen;cocoa", "offscreen"},
             {{"--platform", "minimal", "-platform", "cocoa"}, "offscreen", "cocoa"},
             {{"--launched-at-login", "-platform"}, "offscreen", "offscreen"}};
         for (const auto &[arguments, environment, chosen] : choices)
