@@ -95,6 +95,8 @@ private slots:
                             u"quillmere-menu is not running; the agent was asked directly.\n"_s}));
         QCOMPARE(program.run(port, {u"--quit"_s}),
                  (Result{3, u"quillmere-menu is not running; there is nothing to quit.\n"_s}));
+        QCOMPARE(program.run(port, {u"--stop-agent"_s}),
+                 (Result{5, u"Stop Agent is not available now: the agent is not running.\n"_s}));
         QCOMPARE(program.logMessages(), QStringList()); // asking is no change of state: polling leaves no trace
         leaveStaleSocket(program.socketPath());
 

@@ -87,6 +87,7 @@ private slots:
                                                                     "Open Startup Status|Open Logs"_s));
         QCOMPARE(button->toolTip(), running ? u"Quillmere Agent is running"_s : u"Quillmere Agent is offline"_s);
         QVERIFY(button->title().isEmpty() && !button->appearsDisabled() && !button->image().isMask());
+        QCOMPARE(button->image().pixmap(18).toImage(), makeBrandStatusImage(running).pixmap(18).toImage());
         QCOMPARE(c.fakes.statusItem->menu(), d.menu.get()); // what the tray's own context menu shows
     }
 
