@@ -54,7 +54,7 @@ private slots:
         QTest::addColumn<QString>("logLine"); // none: the answer counts as accepted
         QTest::newRow("201, not JSON") << CannedResponse{201, "created", "text/plain"} << QString();
         QTest::newRow("429") << CannedResponse{429, "{}"} << u"Mounted volume sync request failed with status 429."_s;
-        QTest::newRow("503") << CannedResponse{503, "{}"} << u"Mounted volume sync request failed with status 503."_s;
+        QTest::newRow("500") << CannedResponse{500, "{}"} << u"Mounted volume sync request failed with status 500."_s;
         QTest::newRow("200 cut off") << CannedResponse{200, "{}", "application/json", false, 0, 40}
                                      << u"Mounted volume sync request failed: Connection closed"_s;
         QTest::newRow("hung") << CannedResponse{200, "{}", "application/json", true}
