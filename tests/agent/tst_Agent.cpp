@@ -164,6 +164,25 @@ private slots:
                               u"State updated: Status: Missing runtime files version=1.4.2 running=false"_s}));
     }
 
+    // An unasked stop is told once the next answer confirms it, but not in the first 30 s after a wake
+    // (told by the system, or seen from the wall clock running ahead of the monotonic one).
+    void stopToldOnceConfirmedUnlessJustWoken()
+    {
+        for (const bool woke : {false, true}) {
+            auto c = makeController();
+            AgentNotifications notifications(c->delegate);
+            c->delegate.updateStateMenu(u"Status: Running"_s, v142, true);
+            if (woke)
+                c->fakes.notifications->post(WorkspaceNotification::didWake);
+            c->delegate.updateStateMenu(u"Status: Stopped"_s, v142, false);
+            const qsizetype toldAtOnce = c->fakes.statusItem->notifications.size();
+            emit c->delegate.healthAnswered(false);
+            QCOMPARE((QList<qsizetype>{toldAtOnce, c->fakes.statusItem->notifications.size()}),
+                     (QList<qsizetype>{0, woke ? 0 : 1}));
+        }
+        QCOMPARE((QList<bool>{sleptBetween(62000, 2000), sleptBetween(2900, 2000)}), (QList<bool>{true, false}));
+    }
+
     // Another user's program on the agent's port is not the agent, whatever it answers: the start at
     // launch runs (and fails, the port being taken), no snapshot goes there, its owner is logged once.
     void strangerOnThePort()
