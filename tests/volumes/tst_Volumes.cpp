@@ -1,10 +1,14 @@
-// Volumes to the agent: the snapshot, the sync request and what its answer does, when syncs go, mount table events.
+// Volumes to the agent: the snapshot, the sync request and what its answer does, when syncs go, mount table
+// events; and what else the Linux layer hears of (the listener on the agent's port, logind's wake).
 #include "platform/linux/ListeningSockets.h"
+#include "platform/linux/LogindWakeWatcher.h"
 #include "platform/linux/MountInfoWatcher.h"
 #include "support/InstalledProgram.h"
 #include "support/Testing.h"
 
 #include <QApplication>
+#include <QDBusConnection>
+#include <QDBusMessage>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -184,8 +188,17 @@ private slots:
         QTEST(int(listenerOwnerInTable(table, QHostAddress(QHostAddress::LocalHost), 0xA029).value_or(-1)), "owner");
     }
 
-    void watcherPostsMountTableChanges()
+    // What the system tells, posted: mount table changes as read, and the machine waking as logind
+    // says on the system bus (here one of the test's own).
+    void watchersPostWhatTheSystemTells()
     {
+        QProcess bus;
+        bus.start(u"dbus-daemon"_s, {u"--session"_s, u"--nofork"_s, u"--print-address"_s});
+        QVERIFY(bus.waitForReadyRead(5000));
+        const QByteArray address = bus.readLine().trimmed();
+        qputenv("DBUS_SYSTEM_BUS_ADDRESS", address);
+        QDBusConnection logind = QDBusConnection::connectToBus(QString::fromUtf8(address), u"logind"_s);
+        QVERIFY(logind.registerService(u"org.freedesktop.login1"_s));
         QTemporaryDir dir;
         const QString table = dir.filePath(u"mountinfo"_s);
         // Escaped names (the watched folder's own too), several optional fields, a nested mount, the
@@ -203,9 +216,15 @@ private slots:
                          "not a mount line\n");
         WorkspaceNotificationCenter center;
         QStringList posted;
-        for (const QString &name : {didMount, didUnmount, didRename})
+        for (const QString &name : {didMount, didUnmount, didRename, WorkspaceNotification::didWake})
             center.addObserver(name, this, [&posted](const QString &name) { posted.append(name); });
         MountInfoWatcher watcher({u"/media/other/../al ex/"_s, u"/run/media/al ex"_s}, &center, nullptr, table);
+        LogindWakeWatcher wakes(&center);
+        for (const bool goingToSleep : {true, false})
+            QVERIFY(logind.send(QDBusMessage::createSignal(u"/org/freedesktop/login1"_s,
+                                                           u"org.freedesktop.login1.Manager"_s, u"PrepareForSleep"_s)
+                                << goingToSleep));
+        QTRY_COMPARE(posted, QStringList{WorkspaceNotification::didWake});
 
         // Back\slash, Stick and "Sp " (not "Sp\\040") go, the stacked Cafe mount moves, USB DISK comes back
         // under a new name, a new disk comes.
@@ -215,7 +234,9 @@ private slots:
                          "109 30 8:2 / /media/al\\040ex/Sp\\134040 rw - ext4 /dev/sdj1 rw\n");
         watcher.rescan();
         watcher.rescan();
-        QCOMPARE(posted, QStringList({didUnmount, didUnmount, didUnmount, didRename, didRename, didMount}));
+        QCOMPARE(posted.mid(1), QStringList({didUnmount, didUnmount, didUnmount, didRename, didRename, didMount}));
+        bus.kill();
+        bus.waitForFinished();
     }
 
     // The real program, started by a service manager (no $USER) before udisks2 made either media folder:
