@@ -247,7 +247,7 @@ private slots:
         QCOMPARE(text->exitCode(), 0);
         // With no program left the watch goes on probing until the user ends it.
         QProcess *alone = program.start(port, watch);
-        QTRY_VERIFY(printed(alone).startsWith(u"Status: Stopped"_s));
+        QTRY_VERIFY_WITH_TIMEOUT(printed(alone).startsWith(u"Status: Stopped"_s), 3000); // at once, not 5 s later
         ::kill(pid_t(alone->processId()), SIGTERM);
         QTRY_COMPARE(alone->state(), QProcess::NotRunning);
         QCOMPARE((std::pair{alone->exitStatus(), alone->exitCode()}), (std::pair{QProcess::NormalExit, 0}));
@@ -316,9 +316,9 @@ private slots:
         QStringList items;
         for (const QVariant &problem : at(problems, u"problems"_s).toList())
             items.append(problem.toMap().value(u"item"_s).toString());
-        QCOMPARE(
-            (std::tuple{broken, items, at(problems, u"program.running"_s)}),
-            (std::tuple{6, QStringList{u"files.runtime.controlScript"_s, u"agent"_s, u"program"_s}, QVariant(false)}));
+        QCOMPARE((std::tuple{broken, items, at(problems, u"program.running"_s), at(problems, u"agent.error"_s)}),
+                 (std::tuple{6, QStringList{u"files.runtime.controlScript"_s, u"agent"_s, u"program"_s},
+                             QVariant(false), QVariant(u"Operation canceled"_s)}));
         const Result text = program.run(port, {u"--diagnose"_s});
         QVERIFY2(text.exitCode == 6 &&
                      text.output.endsWith(u"\nPROBLEM (program): the running program does not answer. "

@@ -49,8 +49,8 @@ private slots:
         });
         trickle.start(200);
         const auto refused = runScript(u"start"_s);
-        QVERIFY2(refused.first == 1 &&
-                     refused.second.contains(": cannot listen on 127.0.0.1:" + QByteArray::number(port)),
+        QVERIFY2(refused.first == 1 && refused.second.contains("quillmere-demo-agent: cannot listen on 127.0.0.1:" +
+                                                               QByteArray::number(port)),
                  refused.second.constData());
         taken.close();
         QCOMPARE(runScript(u"stop"_s), (QPair<int, QByteArray>{0, "Agent not running.\n"}));

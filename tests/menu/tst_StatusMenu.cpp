@@ -93,6 +93,11 @@ private slots:
 
     void badgeColoursAtKnownPixels()
     {
+        // A host that shows small icons is offered each common panel size, not one scaled from another.
+        QList<QSize> offered;
+        for (const int side : {16, 18, 22, 24, 32, 48, 64})
+            offered.append(QSize(side, side));
+        QCOMPARE(makeBrandStatusImage(true).availableSizes(), offered);
         // Premultiplied ARGB, running then offline, of pixels inside one part each; the outline only at 8x.
         const QList<std::tuple<const char *, QPointF, QList<int>, QList<int>>> spots{
             {"corner", {0.5, 0.5}, {0, 0, 0, 0}, {0, 0, 0, 0}},
