@@ -113,6 +113,8 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(program.run(port, {u"--status"_s}),
                                   (Result{0, u"Status: Running\nVersion: 1.4.2\n"_s}), 15000);
         QCOMPARE(program.run(port, {u"--open"_s, u"startup-status"_s}), Result{});
+        QCOMPARE(program.run(port, {u"--start-agent"_s}),
+                 (Result{5, u"Start Agent is not available now: the agent is already running.\n"_s}));
         QProcess *stop = program.start(port, {u"--stop-agent"_s});
         QTRY_COMPARE(script.runs().size(), 2);
         script.release(u"start"_s);
