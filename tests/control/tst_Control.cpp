@@ -9,23 +9,18 @@
 #include <QLocalServer>
 #include <QLocalSocket>
 #include <csignal>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 using Result = InstalledProgram::Result;
 
 namespace {
 
-// A socket file nobody listens at, as a copy that crashed leaves it.
+// A socket file nobody listens at, as a copy that crashed leaves it: moved away from where its
+// server listened, the file stays when the server closes.
 void leaveStaleSocket(const QString &path)
 {
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    qstrncpy(address.sun_path, QFile::encodeName(path).constData(), sizeof address.sun_path);
-    QVERIFY(::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0);
-    ::close(fd);
+    QLocalServer crashed;
+    QVERIFY(crashed.listen(path + u".new"_s) && QFile::rename(path + u".new"_s, path));
 }
 
 } // namespace
