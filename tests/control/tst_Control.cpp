@@ -55,7 +55,7 @@ private slots:
         QTest::newRow("--diagnose --watch") << u"badUsage|||--watch goes with --status"_s;
         QTest::newRow("--status --launched-at-login")
             << u"badUsage|||--launched-at-login is for a plain launch, not with --status"_s;
-        QTest::newRow("--status --bogus") << u"badUsage|||unknown option '--bogus'"_s;
+        QTest::newRow("--status --bogus=1") << u"badUsage|||unknown option '--bogus'"_s;
         // Each bad use of an option on its own.
         QTest::newRow("--json") << u"badUsage|||--json goes with --status or --diagnose"_s;
         QTest::newRow("--watch") << u"badUsage|||--watch goes with --status"_s;

@@ -227,14 +227,16 @@ private slots:
         QTRY_COMPARE(posted, QStringList{WorkspaceNotification::didWake});
 
         // Back\slash, Stick and "Sp " (not "Sp\\040") go, the stacked Cafe mount moves, USB DISK comes back
-        // under a new name, a new disk comes.
+        // under a new name, a new disk comes, and so does another one on Back\slash's reused device numbers.
         writeFile(table, "107 30 8:97 / /media/al\\040ex/Moved rw - ext4 /dev/sdg1 rw\n"
+                         "113 30 8:33 / /media/al\\040ex/Other rw - ext4 /dev/disk\\040two rw\n"
                          "110 30 8:17 / /media/al\\040ex/Renamed rw - vfat /dev/sdb1 rw\n"
                          "111 30 8:113 / /media/al\\040ex/New rw - vfat /dev/sdh1 rw\n"
                          "109 30 8:2 / /media/al\\040ex/Sp\\134040 rw - ext4 /dev/sdj1 rw\n");
         watcher.rescan();
         watcher.rescan();
-        QCOMPARE(posted.mid(1), QStringList({didUnmount, didUnmount, didUnmount, didRename, didRename, didMount}));
+        QCOMPARE(posted.mid(1),
+                 QStringList({didUnmount, didUnmount, didUnmount, didRename, didRename, didMount, didMount}));
         bus.kill();
         bus.waitForFinished();
     }
