@@ -316,7 +316,7 @@ private slots:
                  (std::tuple{6, QStringList{u"files.runtime.controlScript"_s, u"agent"_s, u"program"_s},
                              QVariant(false), QVariant(u"Operation canceled"_s)}));
         const Result text = program.run(port, {u"--diagnose"_s});
-        QVERIFY2(text.exitCode == 6 &&
+        QVERIFY2(text.exitCode == 6 && text.output.contains(u"\n\nPROBLEM (files.runtime.controlScript): "_s) &&
                      text.output.endsWith(u"\nPROBLEM (program): the running program does not answer. "
                                           u"Hint: end process 0 and start quillmere-menu again.\n"_s),
                  toString(text));
