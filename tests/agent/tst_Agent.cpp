@@ -50,7 +50,6 @@ private slots:
         row("not JSON", {200, "ok", "text/plain"}, false, lastKnown);
         row("300, body ignored", {300, okBody}, false, lastKnown);
         row("hung", {200, okBody, "application/json", true}, false, lastKnown);
-        // Followed on the agent's own origin (the control test sends one elsewhere).
         row("redirected on the origin", {307, {}, "text/plain", false, 0, -1, "/elsewhere"}, true, v142);
         // Guards: a body cut off after the status line was judged; the whole object arrives, not its length.
         row("cut-off", {200, okBody, "application/json", false, 0, okBody.size() + 50}, false, lastKnown);

@@ -137,17 +137,18 @@ private slots:
             QCOMPARE(chosenQtPlatform(QStringList{"quillmere-menu"} + arguments, environment, "cocoa"), chosen);
         for (const auto &[pids, count] : QList<std::pair<QList<qint64>, int>>{{{}, 1}, {{7}, 1}, {{3, 7, 9}, 3}})
             QCOMPARE(runningCopiesIncludingThisOne(pids, 7), count);
-        // The timings as shipped (milliseconds): most tests shorten them.
-        const Configuration shipped;
-        QCOMPARE((QList<qint64>{shipped.launchFlowDelay.count(), shipped.refreshInterval.count(),
-                                shipped.healthTimeout.count(), shipped.volumeSyncTimeout.count(),
-                                shipped.volumeSyncDebounce.count(), shipped.startGraceAfterTerminationStop.count(),
-                                shipped.processGroupKillDelay.count()}),
+        const Configuration c; // the timings as shipped (ms), which most tests shorten
+        QCOMPARE((QList<qint64>{c.launchFlowDelay.count(), c.refreshInterval.count(), c.healthTimeout.count(),
+                                c.volumeSyncTimeout.count(), c.volumeSyncDebounce.count(),
+                                c.startGraceAfterTerminationStop.count(), c.processGroupKillDelay.count()}),
                  (QList<qint64>{400, 5000, 2500, 3000, 1000, 10000, 2000}));
 #ifdef Q_OS_MACOS
         QCOMPARE(Configuration().launchctlPath, u"/bin/launchctl"_s);
 #else
         QCOMPARE(Configuration::fromEnvironment().launchctlPath, std::nullopt); // no launch agents off macOS
+        const PlatformServices real = PlatformServices::forThisSystem(Configuration::fromEnvironment()); // all wired
+        QVERIFY(real.makeStatusItem && real.opener && real.loginItems && real.workspaceNotifications &&
+                real.volumeEventSource && real.wakeEventSource && real.runningApplications);
 #endif
     }
 };

@@ -88,8 +88,6 @@ private slots:
                             u"quillmere-menu is not running; the agent was asked directly.\n"_s}));
         QCOMPARE(program.run(port, {u"--quit"_s}),
                  (Result{3, u"quillmere-menu is not running; there is nothing to quit.\n"_s}));
-        QCOMPARE(program.run(port, {u"--stop-agent"_s}),
-                 (Result{5, u"Stop Agent is not available now: the agent is not running.\n"_s}));
         QCOMPARE(program.logMessages(), QStringList()); // asking is no change of state: polling leaves no trace
         leaveStaleSocket(program.socketPath());
 
@@ -295,6 +293,9 @@ private slots:
 
         // Broken: the script not executable, the agent and a program at the socket silent.
         QFile::setPermissions(program.controlScript(), QFile::ReadOwner | QFile::WriteOwner);
+        agent.setHealthDown(); // with no script to run a start says so at once
+        QCOMPARE(program.run(port, {u"--start-agent"_s}),
+                 (Result{1, u"Agent start did not run: Status: Missing runtime files\n"_s}));
         agent.setResponse("/healthz", {200, {}, "application/json", true});
         QLocalServer silent;
         silent.setSocketOptions(QLocalServer::UserAccessOption);

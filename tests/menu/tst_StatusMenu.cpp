@@ -94,10 +94,8 @@ private slots:
     void badgeColoursAtKnownPixels()
     {
         // A host that shows small icons is offered each common panel size, not one scaled from another.
-        QList<QSize> offered;
-        for (const int side : {16, 18, 22, 24, 32, 48, 64})
-            offered.append(QSize(side, side));
-        QCOMPARE(makeBrandStatusImage(true).availableSizes(), offered);
+        QCOMPARE(makeBrandStatusImage(true).availableSizes(),
+                 (QList<QSize>{{16, 16}, {18, 18}, {22, 22}, {24, 24}, {32, 32}, {48, 48}, {64, 64}}));
         // Premultiplied ARGB, running then offline, of pixels inside one part each; the outline only at 8x.
         const QList<std::tuple<const char *, QPointF, QList<int>, QList<int>>> spots{
             {"corner", {0.5, 0.5}, {0, 0, 0, 0}, {0, 0, 0, 0}},

@@ -244,8 +244,8 @@ private slots:
                                              "\nX-GNOME-Autostart-enabled=true\nNoDisplay=true\n"));
         QCOMPARE(QProcess::execute(u"desktop-file-validate"_s, {entry}), 0); // as desktop sessions read it
         const LoginItemError again = entries->registerApp().value_or(LoginItemError{});
-        QVERIFY(again.code == LoginItemService::errorAlreadyRegistered && !again.message.isEmpty());
-        QCOMPARE(again.domain, "QuillmereAutostartErrorDomain");
+        QVERIFY(again.code == LoginItemService::errorAlreadyRegistered && !again.message.isEmpty() &&
+                again.domain == "QuillmereAutostartErrorDomain");
         item->trigger();
         QVERIFY(!item->isChecked() && !QFile::exists(entry));
         QCOMPARE(entries->unregisterApp().value_or(LoginItemError{}).code, LoginItemService::errorJobNotFound);
