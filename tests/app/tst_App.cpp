@@ -2,6 +2,7 @@
 #include "app/Locations.h"
 #include "app/log/AppLogger.h"
 #include "app/process/ProcessRunner.h"
+#include "control/AgentNotifications.h"
 #include "platform/QtPlatformChoice.h"
 #include "platform/RunningApplications.h"
 #include "support/Testing.h"
@@ -140,8 +141,9 @@ private slots:
         const Configuration c; // the timings as shipped (ms), which most tests shorten
         QCOMPARE((QList<qint64>{c.launchFlowDelay.count(), c.refreshInterval.count(), c.healthTimeout.count(),
                                 c.volumeSyncTimeout.count(), c.volumeSyncDebounce.count(),
-                                c.startGraceAfterTerminationStop.count(), c.processGroupKillDelay.count()}),
-                 (QList<qint64>{400, 5000, 2500, 3000, 1000, 10000, 2000}));
+                                c.startGraceAfterTerminationStop.count(), c.processGroupKillDelay.count(),
+                                AgentNotifications::minimumIntervalMs, AgentNotifications::quietAfterWakeMs}),
+                 (QList<qint64>{400, 5000, 2500, 3000, 1000, 10000, 2000, 60000, 30000}));
 #ifdef Q_OS_MACOS
         QCOMPARE(Configuration().launchctlPath, u"/bin/launchctl"_s);
 #else

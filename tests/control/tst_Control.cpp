@@ -197,7 +197,7 @@ private slots:
             QTRY_COMPARE_WITH_TIMEOUT(printed(text), shown, 15000);
             QTRY_COMPARE_WITH_TIMEOUT(printed(json).count(u'\n'), shown.count(u'\n'), 15000);
         }
-        QProcess *running = program.start(port);
+        QProcess *running = program.start(port, {u"--launched-at-login"_s});
         shown += u"Status: Running; Version: 1.4.2; watched by quillmere-menu\n"_s;
         QTRY_COMPARE_WITH_TIMEOUT(printed(text), shown, 15000);
         QTRY_VERIFY_WITH_TIMEOUT(printed(json).contains("\"programRunning\":true"_L1), 15000);
@@ -220,6 +220,7 @@ private slots:
         QCOMPARE(program.run(port, {u"--quit"_s}), Result{});
         for (QProcess *process : {running, text, json})
             QTRY_COMPARE(process->state(), QProcess::NotRunning);
+        QCOMPARE(program.openedLocations(), QStringList()); // started at login: no welcome page
         // The same changes, each as --status --json shows a status; the quit's own lines last.
         QString objects;
         for (const auto &[agentRunning, programRunning, stopping, state] :

@@ -61,11 +61,10 @@ private slots:
         QVERIFY(!elsewhere.waitForConnected());
         QTcpSocket silent; // a client that never sends a request is let go in time
         silent.connectToHost(QHostAddress::LocalHost, port);
-        const QByteArray sync = answerTo("POST /api/mounted-volumes/cache-sync HTTP/1.1",
-                                         R"({"event":"app-launch","volumes":[{"name":"Photos <2024>"}]})");
+        const QByteArray post = "POST /api/mounted-volumes/cache-sync HTTP/1.1", json = R"({"volumes":[]})";
+        const QByteArray sync = answerTo(post, R"({"event":"app-launch","volumes":[{"name":"Photos <2024>"}]})");
         QVERIFY2(sync.startsWith("HTTP/1.1 200 ") && sync.endsWith("\r\n\r\n{\"ok\":true}"), sync.constData());
         QVERIFY(answerTo("GET / HTTP/1.1").contains("Photos &lt;2024&gt;")); // the last snapshot, escaped
-        const QByteArray post = "POST /api/mounted-volumes/cache-sync HTTP/1.1", json = R"({"volumes":[]})";
         QVERIFY(answerTo(post, json + QByteArray(1024 * 1024 - json.size(), ' ')).startsWith("HTTP/1.1 200 "));
         QVERIFY(answerTo(post, json + QByteArray(1024 * 1024 + 1 - json.size(), ' ')).startsWith("HTTP/1.1 413 "));
         QTRY_COMPARE_WITH_TIMEOUT(silent.state(), QAbstractSocket::UnconnectedState, 15000);

@@ -237,8 +237,7 @@ private slots:
         watcher.rescan();
         QCOMPARE(posted.mid(1),
                  QStringList({didUnmount, didUnmount, didUnmount, didRename, didRename, didMount, didMount}));
-        bus.kill();
-        bus.waitForFinished();
+        bus.kill(), bus.waitForFinished();
     }
 
     // The real program, started by a service manager (no $USER) before udisks2 made either media folder:
