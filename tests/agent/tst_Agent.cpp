@@ -81,6 +81,7 @@ private slots:
         QTest::newRow("running clears both flags") << RefreshRow{false, true, true, true, "Status: Running"};
         QTest::newRow("still running") << RefreshRow{true, false, false, true, "Status: Running"};
         QTest::newRow("start wins over stop") << RefreshRow{true, true, true, false, "Status: Starting..."};
+        QTest::newRow("stop under way") << RefreshRow{true, false, true, false, "Status: Stopping..."};
     }
     void refresh()
     {
@@ -171,7 +172,6 @@ private slots:
             if (woke)
                 c->fakes.notifications->post(WorkspaceNotification::didWake);
             c->delegate.updateStateMenu(u"Status: Stopped"_s, v142, false);
-            QVERIFY(c->fakes.statusItem->notifications.isEmpty()); // not on the state line alone
             emit c->delegate.healthAnswered(false);
             QCOMPARE(c->fakes.statusItem->notifications.size(), woke ? 0 : 1);
         }
