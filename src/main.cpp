@@ -60,12 +60,11 @@ int main(int argc, char *argv[])
     installAppKitApplicationDelegate(); // before Qt's own, which then forwards to it
 #endif
     // What panels list and screen readers announce for the program, as its desktop entry names it. The
-    // tray item's title is read from the application name, not the display name, so both carry it; the
-    // item's id and the X11 class follow, the X11 instance stays the executable's name.
+    // tray item's title is read from the application name, and the display name follows it when not set
+    // apart; the item's id and the X11 class follow too, the X11 instance stays the executable's name.
     QCoreApplication::setApplicationName(QStringLiteral(QUILLMERE_DISPLAY_NAME));
     QApplication application(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
-    QGuiApplication::setApplicationDisplayName(QStringLiteral(QUILLMERE_DISPLAY_NAME));
     // Read again without the options Qt took for itself (-platform and the like), which it understood.
     if (const QString problem = parseCommandLine(QCoreApplication::arguments()).problem; !problem.isEmpty())
         std::fprintf(stderr, "quillmere-menu: %s, ignored; --help lists the options.\n", qPrintable(problem));
