@@ -147,7 +147,13 @@ private slots:
 #ifdef Q_OS_MACOS
         QCOMPARE(Configuration().launchctlPath, u"/bin/launchctl"_s);
 #else
-        QCOMPARE(Configuration::fromEnvironment().launchctlPath, std::nullopt); // no launch agents off macOS
+        qputenv("QUILLMERE_AGENT_PORT", "65535"); // the highest port; above it the default stands
+        const Configuration highest = Configuration::fromEnvironment();
+        qputenv("QUILLMERE_AGENT_PORT", "65536");
+        QCOMPARE(
+            (std::tuple{highest.launchctlPath, highest.healthURL.port(), Configuration::fromEnvironment().healthURL}),
+            (std::tuple{std::optional<QString>(), 65535, QUrl(u"http://127.0.0.1:8787/healthz"_s)})); // no launchctl
+        QVERIFY(!RunningChild().signalGroup(0)); // nothing started: never our own group
         const PlatformServices real = PlatformServices::forThisSystem(Configuration::fromEnvironment()); // all wired
         QVERIFY(real.makeStatusItem && real.opener && real.loginItems && real.workspaceNotifications &&
                 real.volumeEventSource && real.wakeEventSource && real.runningApplications);

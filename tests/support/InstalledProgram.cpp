@@ -50,8 +50,8 @@ QProcessEnvironment InstalledProgram::environmentFor(quint16 agentPort, const QS
              {u"QUILLMERE_VOLUMES_DIR"_s, volumes},
              {u"PATH"_s, root() + u"/fakebin:"_s + environment.value(u"PATH"_s)}})
         environment.insert(name, value);
-    for (const QString &name : removedVariables)
-        environment.remove(name);
+    for (const auto &[name, value] : variables.asKeyValueRange())
+        value.isNull() ? environment.remove(name) : environment.insert(name, value);
     return environment;
 }
 

@@ -2,6 +2,7 @@
 // agent port, and a recording xdg-open first on PATH.
 #pragma once
 
+#include <QHash>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QTest>
@@ -43,8 +44,8 @@ public:
 
     // A command that the program is run through (another user's: setpriv ...); none by default.
     QStringList launcher;
-    // Variables of the environment above that the program runs without.
-    QStringList removedVariables;
+    // Variables of the environment above set otherwise; a null value removes one.
+    QHash<QString, QString> variables;
 
 private:
     QProcessEnvironment environmentFor(quint16 agentPort, const QString &user) const;

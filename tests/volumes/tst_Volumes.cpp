@@ -253,7 +253,7 @@ private slots:
         FakeAgent agent;
         agent.setHealthy();
         InstalledProgram program;
-        program.removedVariables = {u"QUILLMERE_VOLUMES_DIR"_s, u"USER"_s};
+        program.variables = {{u"QUILLMERE_VOLUMES_DIR"_s, {}}, {u"USER"_s, {}}};
         program.start(agent.port());
         QTRY_COMPARE_WITH_TIMEOUT(agent.countFor(syncPath), 2, 10000); // at launch, and as the agent is found running
         const auto mountDisk = [](const QString &path, bool on) {      // as udisks2 does, mount point included
