@@ -3,6 +3,7 @@
 #include "app/log/AppLogger.h"
 #include "app/process/ProcessRunner.h"
 #include "control/AgentNotifications.h"
+#include "platform/Bundle.h"
 #include "platform/QtPlatformChoice.h"
 #include "platform/RunningApplications.h"
 #include "support/Testing.h"
@@ -138,6 +139,18 @@ private slots:
             QCOMPARE(chosenQtPlatform(QStringList{"quillmere-menu"} + arguments, environment, "cocoa"), chosen);
         for (const auto &[pids, count] : QList<std::pair<QList<qint64>, int>>{{{}, 1}, {{7}, 1}, {{3, 7, 9}, 3}})
             QCOMPARE(runningCopiesIncludingThisOne(pids, 7), count);
+        // Every kind of value an Info.plist holds is read as what it is, so that none spoils its neighbours.
+        QCOMPARE(
+            propertyListDictionary("<plist><dict><key>i</key><integer> 7 </integer><key>t</key><true/><key>f</key>"
+                                   "<false/><key>r</key><real>1.5</real><key>a</key><array><string>x</string>"
+                                   "<dict/></array><key>d</key><date/><key>s</key><string>2</string></dict></plist>"),
+            (QVariantMap{{u"i"_s, 7LL},
+                         {u"t"_s, true},
+                         {u"f"_s, false},
+                         {u"r"_s, 1.5},
+                         {u"a"_s, QVariantList{u"x"_s, QVariantMap()}},
+                         {u"d"_s, QVariant()},
+                         {u"s"_s, u"2"_s}}));
         const Configuration c; // the timings as shipped (ms), which most tests shorten
         QCOMPARE((QList<qint64>{c.launchFlowDelay.count(), c.refreshInterval.count(), c.healthTimeout.count(),
                                 c.volumeSyncTimeout.count(), c.volumeSyncDebounce.count(),

@@ -87,6 +87,7 @@ private slots:
         QCOMPARE(program.run(port, {u"--status"_s}),
                  (Result{3, u"Status: Stopped\nVersion: --\n"
                             u"quillmere-menu is not running; the agent was asked directly.\n"_s}));
+        QCOMPARE(program.run(port, {u"--diagnose"_s, u"--json"_s}).exitCode, 6); // nor does the diagnosis
         QCOMPARE(program.run(port, {u"--quit"_s}),
                  (Result{3, u"quillmere-menu is not running; there is nothing to quit.\n"_s}));
         QCOMPARE(program.logMessages(), QStringList()); // asking is no change of state: polling leaves no trace

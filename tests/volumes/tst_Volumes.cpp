@@ -56,7 +56,7 @@ private slots:
     {
         QTest::addColumn<CannedResponse>("answer");
         QTest::addColumn<QString>("logLine"); // none: the answer counts as accepted
-        QTest::newRow("201, not JSON") << CannedResponse{201, "created", "text/plain"} << QString();
+        QTest::newRow("299, not JSON") << CannedResponse{299, "created", "text/plain"} << QString();
         QTest::newRow("429") << CannedResponse{429, "{}"} << u"Mounted volume sync request failed with status 429."_s;
         QTest::newRow("500") << CannedResponse{500, "{}"} << u"Mounted volume sync request failed with status 500."_s;
         QTest::newRow("200 cut off") << CannedResponse{200, "{}", "application/json", false, 0, 40}
@@ -181,6 +181,8 @@ private slots:
             << row(any6, "0A", 1002) + row(mapped, "0A", 1000) + row("00000000", "0A", 1001) << 1000;
         QTest::newRow("every IPv6 address, not another port")
             << row("0100007F", "0A", 0).replace(":A029", ":A02A") + row(any6, "0A", 1002) << 1002;
+        QTest::newRow("another address alone, nor a line without its uid")
+            << row("0200007F", "0A", 1003) + row("0100007F", "0A", 1004).replace("1004", "x") << -1;
     }
     void listenerOwnerOnThePort()
     {

@@ -47,7 +47,6 @@ public:
                      QString mountTable = QStringLiteral("/proc/self/mountinfo"));
     ~MountInfoWatcher() override;
 
-    bool isWatching() const { return fd_ >= 0; }
     const QList<MountRecord> &mounts() const { return mounts_; }
 
     // Reads the table again and posts what changed since the last read. The kernel's change
