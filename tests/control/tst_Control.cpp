@@ -276,11 +276,8 @@ private slots:
         agent.setHealthy();
         QProcess *running = program.start(port);
         QTRY_COMPARE_WITH_TIMEOUT(program.run(port, {u"--status"_s}).exitCode, 0, 15000);
-        const auto report = [&] {
-            const Result result = program.run(port, {u"--diagnose"_s, u"--json"_s});
-            return std::pair{result.exitCode, QJsonDocument::fromJson(result.output.toUtf8()).object()};
-        };
-        const auto [healthy, found] = report();
+        const Result healthy = program.run(port, {u"--diagnose"_s, u"--json"_s});
+        const QJsonObject found = QJsonDocument::fromJson(healthy.output.toUtf8()).object();
         const auto at = [](const QJsonObject &object, const QString &path) {
             QJsonValue value = object;
             for (const QString &key : path.split(u'.'))
@@ -291,7 +288,7 @@ private slots:
         for (QString &line : lastLines)
             line = line.section(u" | "_s, 1);
         QCOMPARE(
-            (QVariantList{healthy, at(found, u"agent.version"_s), at(found, u"program.running"_s),
+            (QVariantList{healthy.exitCode, at(found, u"agent.version"_s), at(found, u"program.running"_s),
                           at(found, u"program.socket.trusted"_s), at(found, u"program.lock.pid"_s),
                           at(found, u"files.runtime.controlScriptExecutable"_s), lastLines, at(found, u"problems"_s)}),
             (QVariantList{0, u"1.4.2"_s, true, true, running->processId(), true,
@@ -313,20 +310,13 @@ private slots:
             return find.waitForFinished() ? find.readAllStandardOutput() : QByteArray();
         };
         const QByteArray before = tree();
-        QElapsedTimer clock;
-        clock.start();
-        const auto [broken, problems] = report();
-        QCOMPARE_LT(clock.elapsed(), 4000); // the agent's 2.5 s and the program's 2 s, waited at once
-        QStringList items;
-        for (const QVariant &problem : at(problems, u"problems"_s).toList())
-            items.append(problem.toMap().value(u"item"_s).toString());
-        QCOMPARE((std::tuple{broken, items, at(problems, u"program.running"_s), at(problems, u"agent.error"_s)}),
-                 (std::tuple{6, QStringList{u"files.runtime.controlScript"_s, u"agent"_s, u"program"_s},
-                             QVariant(false), QVariant(u"Operation canceled"_s)}));
         // Told of a Wayland session with neither its display nor an X server to reach: a tray is missed.
         program.variables = {
             {u"QT_QPA_PLATFORM"_s, {}}, {u"XDG_SESSION_TYPE"_s, u"wayland"_s}, {u"DISPLAY"_s, u":7917"_s}};
+        QElapsedTimer clock;
+        clock.start();
         Result text = program.run(port, {u"--diagnose"_s});
+        QCOMPARE_LT(clock.elapsed(), 4000); // the agent's 2.5 s and the program's 2 s, waited at once
         text.output.replace(program.root(), u"$ROOT"_s)
             .remove(QRegularExpression(u"[-0-9T:.]+Z \\| "_s))
             .replace(QRegularExpression(u"(elapsedMs|size): [0-9]+"_s), u"\\1: #"_s);
