@@ -88,6 +88,9 @@ private slots:
                  (Result{3, u"Status: Stopped\nVersion: --\n"
                             u"quillmere-menu is not running; the agent was asked directly.\n"_s}));
         QCOMPARE(program.run(port, {u"--diagnose"_s, u"--json"_s}).exitCode, 6); // nor does the diagnosis
+        QCOMPARE((QList<Result>{program.run(port, {u"--help"_s}), program.run(port, {u"-v"_s})}),
+                 (QList<Result>{{0, QString::fromUtf8(readFile(QFINDTESTDATA("help.txt")))},
+                                {0, u"quillmere-menu " QUILLMERE_VERSION "\n"_s}}));
         QCOMPARE(program.run(port, {u"--quit"_s}),
                  (Result{3, u"quillmere-menu is not running; there is nothing to quit.\n"_s}));
         QCOMPARE(program.logMessages(), QStringList()); // asking is no change of state: polling leaves no trace
@@ -293,6 +296,7 @@ private slots:
                           at(found, u"files.runtime.controlScriptExecutable"_s), lastLines, at(found, u"problems"_s)}),
             (QVariantList{0, u"1.4.2"_s, true, true, running->processId(), true,
                           program.logMessages().mid(program.logMessages().size() - 5), QVariantList()}));
+        QVERIFY(program.run(port, {u"--diagnose"_s}).output.endsWith(u"\n\nNo problem found.\n"_s));
         QCOMPARE(program.run(port, {u"--quit"_s}).exitCode, 0);
 
         // Broken: the script not executable, the agent and a program at the socket silent.
