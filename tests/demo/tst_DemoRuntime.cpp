@@ -4,7 +4,9 @@
 #include "support/Files.h"
 #include "support/TestEnvironment.h"
 
+#include <QElapsedTimer>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTest>
@@ -67,24 +69,36 @@ private slots:
         QVERIFY(!elsewhere.waitForConnected());
         QTcpSocket silent; // a client that never sends a request is let go in time
         silent.connectToHost(QHostAddress::LocalHost, port);
+        QElapsedTimer sinceConnected;
+        sinceConnected.start();
         const QByteArray post = "POST /api/mounted-volumes/cache-sync HTTP/1.1", json = R"({"volumes":[]})";
         const QByteArray sync = answerTo(post, R"({"event":"app-launch","volumes":[{"name":"Photos <2024>"}]})");
-        QVERIFY2(sync.startsWith("HTTP/1.1 200 ") && sync.endsWith("\r\n\r\n{\"ok\":true}"), sync.constData());
+        QVERIFY2(sync.startsWith("HTTP/1.1 200 OK\r\n") && sync.endsWith("\r\n\r\n{\"ok\":true}"), sync.constData());
         QVERIFY(answerTo("GET / HTTP/1.1").contains("Photos &lt;2024&gt;")); // the last snapshot, escaped
         QVERIFY(answerTo(post, json + QByteArray(1024 * 1024 - json.size(), ' ')).startsWith("HTTP/1.1 200 "));
-        // Every answer but the health's and the page's, whole: 405 for another method, 404, a
-        // broken request line or body (400), a header or body too large (413).
+        // Every answer but the health's and the page's, whole: 405 for another method (its header at the
+        // limit), 404, a broken request line or body (400), a header or body too large (413).
         QByteArrayList answers;
         for (const QByteArray &request :
-             {"PUT / HTTP/1.1"_ba, "GET /api/mounted-volumes/cache-sync"_ba, "POST /healthz?x"_ba,
-              "GET /nope HTTP/1.1"_ba, "GARBAGE"_ba, QByteArray(16 * 1024 + 1, 'x')})
+             {"PUT / HTTP/1.1\r\nx: "_ba + QByteArray(16384 - 37, 'p'), "GET /api/mounted-volumes/cache-sync"_ba,
+              "POST /healthz?x"_ba, "GET /nope HTTP/1.1"_ba, "GARBAGE"_ba, QByteArray(16 * 1024 + 1, 'x')})
             answers += answerTo(request).replace("\r\n", "\n");
         answers += answerTo(post, "[]").replace("\r\n", "\n");
         answers += answerTo(post, QByteArray(1024 * 1024 + 1, ' ')).replace("\r\n", "\n");
         QCOMPARE(answers.join("--\n"), readFile(QFINDTESTDATA("answers.http")));
         QTRY_COMPARE_WITH_TIMEOUT(silent.state(), QAbstractSocket::UnconnectedState, 15000);
+        QCOMPARE_GE(sinceConnected.elapsed(), 9000); // not before its 10 s
         QCOMPARE(runScript(u"stop"_s).first, 0);
         QCOMPARE(answerTo("GET /healthz HTTP/1.1"), QByteArray()); // nobody answers any more
+        // Its log tells each start, snapshot and stop.
+        const QString at = u"127.0.0.1:%1"_s.arg(port);
+        QCOMPARE(QString::fromUtf8(readFile(env.logsDir() + "/agent.log"_L1))
+                     .remove(QRegularExpression(u"^\\S+Z \\| "_s, QRegularExpression::MultilineOption))
+                     .split(u'\n', Qt::SkipEmptyParts),
+                 QStringList({"quillmere-demo-agent: cannot listen on " + at + ": The bound address is already in use",
+                              "quillmere-demo-agent 1.4.2 listening on " + at,
+                              u"Volume snapshot received: event=app-launch volumes=1"_s,
+                              u"Volume snapshot received: event= volumes=0"_s, u"Stopping on signal 15."_s}));
     }
 };
 
