@@ -3,7 +3,6 @@
 #pragma once
 
 #include <QHash>
-#include <QPointer>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTimer>
@@ -54,10 +53,8 @@ public:
 
     QList<RecordedRequest> requestsFor(const QByteArray &path) const
     {
-        QList<RecordedRequest> matching;
-        for (const RecordedRequest &request : requests_)
-            if (request.path == path)
-                matching.append(request);
+        QList<RecordedRequest> matching = requests_;
+        matching.removeIf([&path](const RecordedRequest &request) { return request.path != path; });
         return matching;
     }
     int countFor(const QByteArray &path) const { return int(requestsFor(path).size()); }
@@ -73,11 +70,9 @@ private:
         const qsizetype headerEnd = buffer.indexOf("\r\n\r\n");
         if (headerEnd < 0)
             return;
-        RecordedRequest request;
         const QList<QByteArray> lines = buffer.left(headerEnd).split('\n');
         const QList<QByteArray> requestLine = lines.value(0).trimmed().split(' ');
-        request.method = requestLine.value(0);
-        request.path = requestLine.value(1);
+        RecordedRequest request{requestLine.value(0), requestLine.value(1), {}, {}};
         for (const QByteArray &line : lines.mid(1))
             if (const qsizetype colon = line.indexOf(':'); colon > 0)
                 request.headers.insert(line.left(colon).trimmed().toLower(), line.mid(colon + 1).trimmed());
@@ -87,10 +82,7 @@ private:
         request.body = socket->read(length).mid(headerEnd + 4);
         requests_.append(request);
         emit requestReceived(request);
-        respond(socket, responses_.value(request.path, CannedResponse{404, "not found", "text/plain"}));
-    }
-    void respond(QTcpSocket *socket, const CannedResponse &response)
-    {
+        const CannedResponse response = responses_.value(request.path, CannedResponse{404, "not found", "text/plain"});
         if (response.hang)
             return;
         const QByteArray bytes =
@@ -99,11 +91,9 @@ private:
             "\r\nContent-Length: " +
             QByteArray::number(response.announcedLength < 0 ? response.body.size() : response.announcedLength) +
             "\r\nConnection: close\r\n\r\n" + response.body;
-        QTimer::singleShot(response.delayMs, this, [guarded = QPointer<QTcpSocket>(socket), bytes] {
-            if (guarded) {
-                guarded->write(bytes);
-                guarded->disconnectFromHost();
-            }
+        QTimer::singleShot(response.delayMs, socket, [socket, bytes] {
+            socket->write(bytes);
+            socket->disconnectFromHost();
         });
     }
 

@@ -45,11 +45,6 @@ void TestEnvironment::writeScript(const QString &path, const QString &body)
     QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
 }
 
-QString TestEnvironment::shellQuoted(const QString &text)
-{
-    return QLatin1Char('\'') + QString(text).replace(QLatin1Char('\''), u"'\\''"_s) + QLatin1Char('\'');
-}
-
 QStringList TestEnvironment::logMessagesIn(const QString &file)
 {
     // A line not stamped in UTC to the millisecond is kept whole, so that no comparison passes it.
@@ -58,11 +53,6 @@ QStringList TestEnvironment::logMessagesIn(const QString &file)
     for (const QString &line : QString::fromUtf8(readFile(file)).split(u'\n', Qt::SkipEmptyParts))
         messages.append(stamp.match(line).hasMatch() ? line.mid(27) : line);
     return messages;
-}
-
-void TestEnvironment::markLog()
-{
-    mark_ += messagesSinceMark().size();
 }
 
 QStringList TestEnvironment::messagesSinceMark() const

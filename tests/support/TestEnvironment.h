@@ -30,12 +30,12 @@ public:
     Configuration configuration(const QUrl &agentBase) const;
     // An executable shell script (the text after the #! line).
     static void writeScript(const QString &path, const QString &body);
-    static QString shellQuoted(const QString &text);
+    static QString shellQuoted(const QString &text) { return u'\'' + QString(text).replace(u'\'', u"'\\''"_s) + u'\''; }
     // The lines of a log file without their timestamps.
     static QStringList logMessagesIn(const QString &file);
 
     // Lines of the shared log after the last markLog(), once all queued lines are written.
-    void markLog();
+    void markLog() { mark_ += messagesSinceMark().size(); }
     QStringList messagesSinceMark() const;
 
 private:
