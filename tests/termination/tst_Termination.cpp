@@ -47,32 +47,11 @@ private slots:
     void init() { agent = std::make_unique<FakeAgent>(); }
     void cleanup() { controller.reset(); }
 
-    // Guards: a quit signal that came before launching had finished was forgotten, and a quit while the
-    // launch probe was out still started the agent once the probe answered.
-    void quitSignalBeforeLaunchStopsTheAgentAloneOnceLaunched()
-    {
-        makeController(0, false);
-        agent->setResponse("/healthz", {503, "{}", "application/json", false, 300}); // down, slow to say so
-        host->installQuitSignalHandlers();
-        ::raise(SIGTERM);
-        QCoreApplication::processEvents(); // the signal is read, but nothing is launched to ask yet
-        QCOMPARE(script->runs().size(), 0);
-        host->finishLaunching();
-        QTRY_COMPARE(script->runs(), QList<QStringList>{QStringList{u"stop"_s}});
-        QTRY_VERIFY(env.messagesSinceMark().contains(u"Launch flow starting. launchedAtLogin=false"_s));
-        QTRY_VERIFY(agent->countFor("/healthz") >= 2); // the launch probe is out
-        QTest::qWait(400);                             // and its answer has come and gone
-        script->release(u"stop"_s);
-        QVERIFY(terminated->wait(10000));
-        QCOMPARE(script->runs(), QList<QStringList>{QStringList{u"stop"_s}});
-        QVERIFY(env.messagesSinceMark().contains(requestLine));
-    }
-
     // Whoever asks, the agent is stopped once, the asker answered once after the reply, the program ended once.
     void terminationStopsTheAgentOnceThenEndsOnce_data()
     {
         QTest::addColumn<QString>("setup");
-        QTest::addColumn<int>("askers"); // 0: the menu's Quit; else how often the system asks
+        QTest::addColumn<int>("askers"); // 0: the menu's Quit or a quit signal; else how often the system asks
         QTest::addColumn<QStringList>("log");
         const QString finished = u"Termination stop finished with exit code %1."_s;
         const QStringList quit = {u"Quit requested from menu."_s, requestLine, u"Quit requested from menu."_s};
@@ -82,6 +61,9 @@ private slots:
             << quit + QStringList{u"Agent stop command finished with exit code 2"_s, finished.arg(2), lastLine};
         // Guards: a Quit during a menu stop started a second stop.
         QTest::newRow("quit during a menu stop") << "menu stop" << 0 << quit + QStringList{finished.arg(0), lastLine};
+        QTest::newRow("signal before launch")
+            << "signal" << 0
+            << QStringList{u"Application did finish launching."_s, requestLine, finished.arg(0), lastLine};
         // Guards: the early answer came before the reply, and a repeated request was answered twice or not at all.
         QTest::newRow("system, no delegate") << "no delegate" << 1 << QStringList();
         QTest::newRow("system, stop bypass")
@@ -95,7 +77,7 @@ private slots:
         QFETCH(QString, setup);
         QFETCH(int, askers);
         QFETCH(QStringList, log);
-        makeController(setup.endsWith("failing"_L1) ? 2 : 0, true, setup != "no resources"_L1);
+        makeController(setup.endsWith("failing"_L1) ? 2 : 0, setup != "signal"_L1, setup != "no resources"_L1);
         if (setup == "no delegate"_L1)
             host->setDelegate(nullptr);
         delegate->stopAgentOnTerminate = !setup.startsWith("bypass"_L1);
@@ -110,13 +92,25 @@ private slots:
                      now ? ApplicationHost::TerminateNow : ApplicationHost::TerminateLater);
             QVERIFY(answers.isEmpty()); // never before the reply has been returned
         }
-        if (!askers) {
+        if (setup == "signal"_L1) {
+            // Guards: a quit signal that came before launching had finished was forgotten, and a quit while the
+            // launch probe was out still started the agent once the probe answered.
+            agent->setResponse("/healthz", {503, "{}", "application/json", false, 300}); // down, slow to say so
+            host->installQuitSignalHandlers();
+            ::raise(SIGTERM);
+            QCoreApplication::processEvents(); // the signal is read, but nothing is launched to ask yet
+            QCOMPARE(script->runs().size(), 0);
+            host->finishLaunching();
+            QTRY_VERIFY(env.messagesSinceMark().contains(u"Launch flow starting. launchedAtLogin=false"_s));
+            QTRY_VERIFY(agent->countFor("/healthz") >= 2); // the launch probe is out
+            QTest::qWait(400);                             // and its answer has come and gone
+        } else if (!askers) {
             delegate->quitMenuItem()->trigger();
             QCOMPARE(delegate->stateMenuItem->text(), u"Status: Stopping and Scanning..."_s);
             delegate->quitApp(); // a repeated request while the answer is pending starts nothing new
         }
         const int stops = now || setup == "no resources"_L1 ? 0 : 1;
-        QTRY_COMPARE(script->runs().size(), stops);
+        QTRY_COMPARE(script->runs(), QList<QStringList>(stops, {u"stop"_s}));
         QCOMPARE(terminated->count(), 0); // the final answer waits for the stop
         script->release(u"stop"_s);
         QTRY_VERIFY_WITH_TIMEOUT(askers ? answers.size() == (now ? 0 : askers) : terminated->count() == 1, 10000);
@@ -126,12 +120,12 @@ private slots:
                  std::tuple(QList<int>({1, 2}).first(now ? 0 : askers), askers ? 0 : 1));
         host->systemWillTerminate();
         host->systemWillTerminate();
-        QCOMPARE(std::tuple(terminated->count(), script->runs().size(),
+        QCOMPARE(std::tuple(terminated->count(), script->runs(),
                             env.messagesSinceMark().filter(
                                 QRegularExpression(u"^(Quit|Application|Termination|Agent stop)"_s)),
                             delegate->terminationReplyPending, delegate->stopInFlight, delegate->terminateAfterStop,
                             host->hasTerminated()),
-                 std::tuple(1, stops, log, false, false, false, true));
+                 std::tuple(1, QList<QStringList>(stops, {u"stop"_s}), log, false, false, false, true));
     }
 
     // A start script that hangs past the grace after the termination stop is ended with all it started
