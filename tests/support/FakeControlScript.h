@@ -7,18 +7,13 @@
 
 struct ScriptBehaviour {
     int exitCode = 0;
-    bool holdUntilReleased = false; // until release(), or until the record folder is gone
+    bool holdUntilReleased = false; // until release(), or until the record folder goes with its owner
     QString extra;                  // shell lines run first
 };
 
 class FakeControlScript {
 public:
     explicit FakeControlScript(QString scriptPath) : scriptPath_(std::move(scriptPath)) {}
-    ~FakeControlScript() // a held script must not outlive the test
-    {
-        release(u"start"_s);
-        release(u"stop"_s);
-    }
 
     QString path() const { return scriptPath_; }
 
@@ -44,18 +39,17 @@ public:
 
     void release(const QString &command) const
     {
-        QFile(state_.path() + u"/release-"_s + command).open(QIODevice::WriteOnly);
+        QFile(state_.path() + u"/release-"_s + command).open(QFile::WriteOnly);
     }
     void hold(const QString &command) const { QFile::remove(state_.path() + u"/release-"_s + command); }
 
 private:
     static QString branch(const QString &command, const ScriptBehaviour &behaviour)
     {
-        QString text = command + u")\n  %1\n"_s.arg(behaviour.extra);
-        if (behaviour.holdUntilReleased)
-            text +=
-                u"  while [ ! -e \"$state/release-%1\" ] && [ -d \"$state\" ]; do sleep 0.02; done\n"_s.arg(command);
-        return text + u"  exit %1\n  ;;\n"_s.arg(behaviour.exitCode);
+        const QString hold = u"  while [ ! -e \"$state/release-$1\" ] && [ -d \"$state\" ]; do sleep 0.02; done\n"_s;
+        return u"%1)\n  %2\n%3  exit %4\n  ;;\n"_s.arg(command, behaviour.extra,
+                                                       behaviour.holdUntilReleased ? hold : QString(),
+                                                       QString::number(behaviour.exitCode));
     }
 
     QString scriptPath_;

@@ -49,10 +49,7 @@ QStringList TestEnvironment::logMessagesIn(const QString &file)
 {
     // A line not stamped in UTC to the millisecond is kept whole, so that no comparison passes it.
     static const QRegularExpression stamp(u"^\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z \\| "_s);
-    QStringList messages;
-    for (const QString &line : QString::fromUtf8(readFile(file)).split(u'\n', Qt::SkipEmptyParts))
-        messages.append(stamp.match(line).hasMatch() ? line.mid(27) : line);
-    return messages;
+    return QString::fromUtf8(readFile(file)).split(u'\n', Qt::SkipEmptyParts).replaceInStrings(stamp, QString());
 }
 
 QStringList TestEnvironment::messagesSinceMark() const
