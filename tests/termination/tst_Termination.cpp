@@ -14,9 +14,7 @@ class TerminationTest : public QObject {
     Q_OBJECT
     TestEnvironment env;
     std::unique_ptr<FakeAgent> agent; // fresh per test: a late probe from the last one is not counted
-    std::unique_ptr<Controller> controller;
-    ApplicationHost *host = nullptr;
-    AppDelegate *delegate = nullptr;
+    std::unique_ptr<Controller> c;
     std::unique_ptr<QSignalSpy> terminated;
     std::unique_ptr<FakeControlScript> script;
 
@@ -34,18 +32,16 @@ class TerminationTest : public QObject {
         config.launchFlowDelay = std::chrono::milliseconds(20);
         if (tune)
             tune(config);
-        controller = std::make_unique<Controller>(config, showRunning);
-        host = &controller->host;
-        delegate = &controller->delegate;
-        terminated = std::make_unique<QSignalSpy>(host, &ApplicationHost::terminated);
+        c = std::make_unique<Controller>(config, showRunning);
+        terminated = std::make_unique<QSignalSpy>(&c->host, &ApplicationHost::terminated);
         if (showRunning)
-            delegate->updateStateMenu(u"Status: Running"_s, u"1.4.2"_s, true);
+            c->delegate.updateStateMenu(u"Status: Running"_s, u"1.4.2"_s, true);
         env.markLog();
     }
 
 private slots:
     void init() { agent = std::make_unique<FakeAgent>(); }
-    void cleanup() { controller.reset(); }
+    void cleanup() { c.reset(); }
 
     // Whoever asks, the agent is stopped once, the asker answered once after the reply, the program ended once.
     void terminationStopsTheAgentOnceThenEndsOnce_data()
@@ -79,35 +75,36 @@ private slots:
         QFETCH(QStringList, log);
         makeController(setup.endsWith("failing"_L1) ? 2 : 0, setup != "signal"_L1, setup != "no resources"_L1);
         if (setup == "no delegate"_L1)
-            host->setDelegate(nullptr);
-        delegate->stopAgentOnTerminate = !setup.startsWith("bypass"_L1);
+            c->host.setDelegate(nullptr);
+        c->delegate.stopAgentOnTerminate = !setup.startsWith("bypass"_L1);
         if (setup == "menu stop"_L1) {
-            delegate->stopMenuItem()->trigger();
+            c->delegate.stopMenuItem()->trigger();
             QTRY_COMPARE(script->runs().size(), 1);
         }
         const bool now = askers && (setup == "no delegate"_L1 || setup == "bypass"_L1);
         QList<int> answers; // the askers answered yes, in order
         for (int asker = 1; asker <= askers; ++asker) {
-            QCOMPARE(host->systemRequestsTermination([&answers, asker](bool yes) { answers.append(yes ? asker : 0); }),
-                     now ? ApplicationHost::TerminateNow : ApplicationHost::TerminateLater);
+            QCOMPARE(
+                c->host.systemRequestsTermination([&answers, asker](bool yes) { answers.append(yes ? asker : 0); }),
+                now ? ApplicationHost::TerminateNow : ApplicationHost::TerminateLater);
             QVERIFY(answers.isEmpty()); // never before the reply has been returned
         }
         if (setup == "signal"_L1) {
             // Guards: a quit signal that came before launching had finished was forgotten, and a quit while the
             // launch probe was out still started the agent once the probe answered.
             agent->setResponse("/healthz", {503, "{}", "application/json", false, 300}); // down, slow to say so
-            host->installQuitSignalHandlers();
+            c->host.installQuitSignalHandlers();
             ::raise(SIGTERM);
             QCoreApplication::processEvents(); // the signal is read, but nothing is launched to ask yet
             QCOMPARE(script->runs().size(), 0);
-            host->finishLaunching();
+            c->host.finishLaunching();
             QTRY_VERIFY(env.messagesSinceMark().contains(u"Launch flow starting. launchedAtLogin=false"_s));
             QTRY_VERIFY(agent->countFor("/healthz") >= 2); // the launch probe is out
             QTest::qWait(400);                             // and its answer has come and gone
         } else if (!askers) {
-            delegate->quitMenuItem()->trigger();
-            QCOMPARE(delegate->stateMenuItem->text(), u"Status: Stopping and Scanning..."_s);
-            delegate->quitApp(); // a repeated request while the answer is pending starts nothing new
+            c->delegate.quitMenuItem()->trigger();
+            QCOMPARE(c->delegate.stateMenuItem->text(), u"Status: Stopping and Scanning..."_s);
+            c->delegate.quitApp(); // a repeated request while the answer is pending starts nothing new
         }
         const int stops = now || setup == "no resources"_L1 ? 0 : 1;
         QTRY_COMPARE(script->runs(), QList<QStringList>(stops, {u"stop"_s}));
@@ -118,13 +115,13 @@ private slots:
         // A system asker ends the program, not the host.
         QCOMPARE(std::tuple(answers, terminated->count()),
                  std::tuple(QList<int>({1, 2}).first(now ? 0 : askers), askers ? 0 : 1));
-        host->systemWillTerminate();
-        host->systemWillTerminate();
+        c->host.systemWillTerminate();
+        c->host.systemWillTerminate();
         QCOMPARE(std::tuple(terminated->count(), script->runs(),
                             env.messagesSinceMark().filter(
                                 QRegularExpression(u"^(Quit|Application|Termination|Agent stop)"_s)),
-                            delegate->terminationReplyPending, delegate->stopInFlight, delegate->terminateAfterStop,
-                            host->hasTerminated()),
+                            c->delegate.terminationReplyPending, c->delegate.stopInFlight,
+                            c->delegate.terminateAfterStop, c->host.hasTerminated()),
                  std::tuple(1, QList<QStringList>(stops, {u"stop"_s}), log, false, false, false, true));
     }
 
@@ -142,11 +139,11 @@ private slots:
             script->write(
                 {0, true, (ignoresTerm ? u"trap '' TERM; "_s : QString()) + u"sleep 600 & echo $! > "_s + helper},
                 {0, false, {}});
-            delegate->startAgent(false);
+            c->delegate.startAgent(false);
             QTRY_VERIFY(QFile::exists(helper));
             env.markLog();
             QElapsedTimer sinceKill;
-            delegate->quitApp();
+            c->delegate.quitApp();
             QTRY_VERIFY_WITH_TIMEOUT(env.messagesSinceMark().filter(u"still running"_s).size() == 1, 5000);
             sinceKill.start();
             QTRY_COMPARE_WITH_TIMEOUT(terminated->count(), 1, 10000);
