@@ -19,6 +19,8 @@ const QByteArray marked = "<plist><string>/Beta.app</string><string>--launched-a
 const QByteArray markedInComment = "<plist><!-- started with --launched-at-login --><dict/></plist>";
 const QByteArray unmarked = "<plist><key>Label</key><string>com.tallyhold.agent</string></plist>";
 const QByteArray notUtf8 = "<plist>\xff\xfe<string>--launched-at-login</string></plist>";
+const QString translocated =
+    u"/private/var/folders/x/AppTranslocation/1A2B/d/Quillmere Agent.app/Contents/MacOS/quillmere-menu"_s;
 
 struct ResolveRow {
     bool available, ownPlist;
@@ -137,8 +139,7 @@ private slots:
             {"Could not resolve app executable path for legacy run-at-startup."}};
         // Guards: a launch agent was written for a translocated copy, which is gone at the next login.
         QTest::newRow("translocated") << OutcomeRow{-1, 0, {"Legacy run-at-startup not installed: the app runs from a "
-            "translocated copy at /private/var/folders/x/AppTranslocation/1A2B/d/Quillmere Agent.app/Contents/MacOS/"
-            "quillmere-menu. Move it to the Applications folder and open it from there."}};
+            "translocated copy at " + translocated + ". Move it to the Applications folder and open it from there."}};
         // clang-format on
     }
 
@@ -162,8 +163,7 @@ private slots:
         else if (tag.endsWith("no executable"))
             config.executablePath.reset();
         else if (tag.endsWith("translocated"))
-            config.executablePath = QStringLiteral("/private/var/folders/x/AppTranslocation/1A2B/d/Quillmere Agent.app"
-                                                   "/Contents/MacOS/quillmere-menu");
+            config.executablePath = translocated;
         Controller h(config, false);
         FakeLoginItemService &service = *h.fakes.loginItems;
         service.available = code >= 0;
