@@ -9,6 +9,8 @@
 
 static const QString requestLine = u"Application termination requested. Stopping agent before exit."_s;
 static const QString lastLine = u"Application will terminate."_s;
+// The setup, who asks (0: the menu's Quit or a quit signal; else how often the system asks), the log lines.
+using AskRow = std::tuple<QString, int, QStringList>;
 
 class TerminationTest : public QObject {
     Q_OBJECT
@@ -46,33 +48,30 @@ private slots:
     // Whoever asks, the agent is stopped once, the asker answered once after the reply, the program ended once.
     void terminationStopsTheAgentOnceThenEndsOnce_data()
     {
-        QTest::addColumn<QString>("setup");
-        QTest::addColumn<int>("askers"); // 0: the menu's Quit or a quit signal; else how often the system asks
-        QTest::addColumn<QStringList>("log");
+        QTest::addColumn<AskRow>("row");
         const QString finished = u"Termination stop finished with exit code %1."_s;
         const QStringList quit = {u"Quit requested from menu."_s, requestLine, u"Quit requested from menu."_s};
-        QTest::newRow("quit") << "" << 0 << quit + QStringList{finished.arg(0), lastLine};
+        QTest::newRow("quit") << AskRow{"", 0, quit + QStringList{finished.arg(0), lastLine}};
         QTest::newRow("quit, failing stop, bypass left on")
-            << "bypass, failing" << 0
-            << quit + QStringList{u"Agent stop command finished with exit code 2"_s, finished.arg(2), lastLine};
+            << AskRow{"bypass, failing", 0,
+                      quit + QStringList{u"Agent stop command finished with exit code 2"_s, finished.arg(2), lastLine}};
         // Guards: a Quit during a menu stop started a second stop.
-        QTest::newRow("quit during a menu stop") << "menu stop" << 0 << quit + QStringList{finished.arg(0), lastLine};
+        QTest::newRow("quit during a menu stop")
+            << AskRow{"menu stop", 0, quit + QStringList{finished.arg(0), lastLine}};
         QTest::newRow("signal before launch")
-            << "signal" << 0
-            << QStringList{u"Application did finish launching."_s, requestLine, finished.arg(0), lastLine};
+            << AskRow{"signal", 0, {u"Application did finish launching."_s, requestLine, finished.arg(0), lastLine}};
         // Guards: the early answer came before the reply, and a repeated request was answered twice or not at all.
-        QTest::newRow("system, no delegate") << "no delegate" << 1 << QStringList();
+        QTest::newRow("system, no delegate") << AskRow{"no delegate", 1, {}};
         QTest::newRow("system, stop bypass")
-            << "bypass" << 1 << QStringList{u"Termination requested with stop bypass enabled."_s, lastLine};
-        QTest::newRow("system, twice") << "" << 2 << QStringList{requestLine, finished.arg(0), lastLine};
+            << AskRow{"bypass", 1, {u"Termination requested with stop bypass enabled."_s, lastLine}};
+        QTest::newRow("system, twice") << AskRow{"", 2, {requestLine, finished.arg(0), lastLine}};
         QTest::newRow("system, no resource folder")
-            << "no resources" << 1 << QStringList{requestLine, finished.arg(1), lastLine};
+            << AskRow{"no resources", 1, {requestLine, finished.arg(1), lastLine}};
     }
     void terminationStopsTheAgentOnceThenEndsOnce()
     {
-        QFETCH(QString, setup);
-        QFETCH(int, askers);
-        QFETCH(QStringList, log);
+        QFETCH(AskRow, row);
+        const auto &[setup, askers, log] = row;
         makeController(setup.endsWith("failing"_L1) ? 2 : 0, setup != "signal"_L1, setup != "no resources"_L1);
         if (setup == "no delegate"_L1)
             c->host.setDelegate(nullptr);
@@ -149,19 +148,16 @@ private slots:
             QTRY_COMPARE_WITH_TIMEOUT(terminated->count(), 1, 10000);
             QVERIFY2((sinceKill.elapsed() >= 1400) == ignoresTerm, qPrintable(QString::number(sinceKill.elapsed())));
             const int signal = ignoresTerm ? SIGKILL : SIGTERM;
-            const QString launching = "Launching process: "_L1 + script->path(),
-                          finished = "Termination stop finished with exit code 0."_L1;
-            QCOMPARE(
-                env.messagesSinceMark().filter(
-                    QRegularExpression(u"^(Quit|Application|Termination|Agent|Process|.* stop$)"_s)),
-                QStringList({u"Quit requested from menu."_s, requestLine, launching + " stop"_L1,
-                             u"Process exited with code 0"_s, finished,
-                             "Agent start command still running 0.3 seconds after the termination stop. Ending its "
-                             "process group: "_L1 +
-                                 script->path(),
-                             u"Process exited with code %1"_s.arg(signal),
-                             u"Agent start command failed with exit code %1"_s.arg(signal), launching + " stop"_L1,
-                             u"Process exited with code 0"_s, finished, lastLine}));
+            const QStringList stop{"Launching process: "_L1 + script->path() + " stop"_L1,
+                                   u"Process exited with code 0"_s, u"Termination stop finished with exit code 0."_s};
+            const QString ending = u"Agent start command still running 0.3 seconds after the termination stop. Ending "
+                                   "its process group: %1"_s.arg(script->path());
+            QCOMPARE(env.messagesSinceMark().filter(
+                         QRegularExpression(u"^(Quit|Application|Termination|Agent|Process|.* stop$)"_s)),
+                     QStringList({u"Quit requested from menu."_s, requestLine}) + stop +
+                         QStringList({ending, u"Process exited with code %1"_s.arg(signal),
+                                      u"Agent start command failed with exit code %1"_s.arg(signal)}) +
+                         stop + QStringList(lastLine));
             QCOMPARE(script->runs(), QList<QStringList>({{u"start"_s}, {u"stop"_s}, {u"stop"_s}}));
             const qint64 helperPid = readFile(helper).trimmed().toLongLong();
             QTRY_VERIFY(QList<QByteArray>({"", "Z"}).contains(processStat(helperPid).value(0)));
