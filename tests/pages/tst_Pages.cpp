@@ -4,6 +4,10 @@
 #include <QSettings>
 #include <QtEndian>
 
+// At login (by the flag or the system's open-application event); that event's class, ID and property data
+// (four-character codes); the version stored (null: none); whether getting started is shown.
+using LaunchRow = std::tuple<bool, QByteArrayList, QString, bool>;
+
 class PagesTest : public QObject {
     Q_OBJECT
     TestEnvironment env;
@@ -15,26 +19,20 @@ class PagesTest : public QObject {
 private slots:
     void gettingStartedOnLaunch_data()
     {
-        QTest::addColumn<bool>("atLogin");         // by the flag or the system's open-application event
-        QTest::addColumn<QByteArrayList>("event"); // class, ID, property data (four-character codes)
-        QTest::addColumn<QString>("stored");       // null: nothing stored
-        QTest::addColumn<bool>("welcomeShown");
+        QTest::addColumn<LaunchRow>("row");
         const QByteArrayList open{"aevt", "oapp"};
-        QTest::newRow("first") << false << open << QString() << true;
-        QTest::newRow("same, agent up") << false << open << u"1.0.0"_s << false;
-        QTest::newRow("older") << false << open << u"0.9.0"_s << true;
-        QTest::newRow("login") << true << QByteArrayList() << u"0.9.0"_s << false;
-        QTest::newRow("login item") << true << QByteArrayList{"aevt", "oapp", "lgit"} << u"0.9.0"_s << false;
-        QTest::newRow("service item") << false << QByteArrayList{"aevt", "oapp", "svit"} << u"1.0.0"_s << false;
-        QTest::newRow("login mark on another event")
-            << false << QByteArrayList{"aevt", "odoc", "lgit"} << u"1.0.0"_s << false;
+        QTest::newRow("first") << LaunchRow{false, open, QString(), true};
+        QTest::newRow("same, agent up") << LaunchRow{false, open, u"1.0.0"_s, false};
+        QTest::newRow("older") << LaunchRow{false, open, u"0.9.0"_s, true};
+        QTest::newRow("login") << LaunchRow{true, {}, u"0.9.0"_s, false};
+        QTest::newRow("login item") << LaunchRow{true, {"aevt", "oapp", "lgit"}, u"0.9.0"_s, false};
+        QTest::newRow("service item") << LaunchRow{false, {"aevt", "oapp", "svit"}, u"1.0.0"_s, false};
+        QTest::newRow("login mark on another event") << LaunchRow{false, {"aevt", "odoc", "lgit"}, u"1.0.0"_s, false};
     }
     void gettingStartedOnLaunch()
     {
-        QFETCH(bool, atLogin);
-        QFETCH(QByteArrayList, event);
-        QFETCH(QString, stored);
-        QFETCH(bool, welcomeShown);
+        QFETCH(LaunchRow, row);
+        auto [atLogin, event, stored, welcomeShown] = row;
         QFile::remove(defaults);
         const bool agentUp = QByteArray(QTest::currentDataTag()).endsWith("agent up");
         agentUp ? agent.setHealthy() : agent.setHealthDown();
