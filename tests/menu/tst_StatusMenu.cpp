@@ -76,8 +76,7 @@ private slots:
             // Whatever the button showed gives way to the plain image-only badge.
             button->setTitle(u"stale"_s);
             button->setAppearsDisabled(true);
-            d.startInFlight = startInFlight;
-            d.stopInFlight = stopInFlight;
+            std::tie(d.startInFlight, d.stopInFlight) = std::pair(startInFlight, stopInFlight);
             env.markLog();
             d.updateStateMenu(title, version, running);
             QCOMPARE(env.messagesSinceMark(), logged ? QStringList{logged} : QStringList());
@@ -106,10 +105,8 @@ private slots:
             {"outline", {0.95, 9.05}, {209, 63, 136, 160}, {179, 120, 125, 130}}};
         for (bool running : {true, false})
             for (int scale : {1, 2, 8}) {
-                const QImage image = makeBrandStatusImage(running)
-                                         .pixmap(QSize(18, 18), scale)
-                                         .toImage()
-                                         .convertToFormat(QImage::Format_ARGB32_Premultiplied);
+                QImage image = makeBrandStatusImage(running).pixmap(QSize(18, 18), scale).toImage();
+                image.convertTo(QImage::Format_ARGB32_Premultiplied);
                 QCOMPARE(image.size(), QSize(18, 18) * scale);
                 for (const auto &[name, at, whenRunning, whenOffline] : spots.first(scale == 8 ? 6 : 5)) {
                     const QRgb p = image.pixel(int(at.x() * scale), int(at.y() * scale));
