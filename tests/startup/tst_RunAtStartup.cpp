@@ -38,8 +38,9 @@ struct OutcomeRow {
 class RunAtStartupTest : public QObject {
     Q_OBJECT
     Configuration configuration() const { return env.configuration(QUrl(u"http://127.0.0.1:1"_s)); }
-    QString plistPath() const { return env.home() + "/Library/LaunchAgents/" + ownLabel + ".plist"; }
-    QString obsoletePath(int i) const { return env.home() + "/Library/LaunchAgents/" + obsoleteLabels[i] + ".plist"; }
+    QString agentsDir() const { return env.home() + u"/Library/LaunchAgents/"_s; }
+    QString plistPath() const { return agentsDir() + ownLabel + ".plist"; }
+    QString obsoletePath(int i) const { return agentsDir() + obsoleteLabels[i] + ".plist"; }
     QString recordPath() const { return env.root() + u"/launchctl-calls.txt"_s; }
     QString run(QString verb, QString path) const { return u"[%1][gui/%2][%3]"_s.arg(verb).arg(getuid()).arg(path); }
     QStringList launchctlCalls() const { return QString(readFile(recordPath())).split('\n', Qt::SkipEmptyParts); }
@@ -55,9 +56,7 @@ private slots:
         QFile::remove(recordPath());
         // A launchctl that records each run as one line of bracketed arguments.
         TestEnvironment::writeScript(*configuration().launchctlPath,
-                                     QStringLiteral("line=''\nfor a in \"$@\"; do line=\"$line[$a]\"; done\n"
-                                                    "printf '%s\\n' \"$line\" >> '%1'\n")
-                                         .arg(recordPath()));
+                                     u"{ printf '[%s]' \"$@\"; echo; } >> '%1'\n"_s.arg(recordPath()));
         env.markLog();
     }
 
@@ -95,14 +94,13 @@ private slots:
 
         // Choosing the item turns on only what was off; needing approval counts as on.
         item->trigger();
-        // Either way marked leftovers are cleaned up, and only those.
+        // Either way marked leftovers are cleaned up, and only those (the folder is listed by name, ours first).
         const bool turnedOn = shown == menuItemStateOff, kept = leftover == unmarked || leftover == notUtf8;
-        QList<bool> leftovers;
-        for (int i = 0; i < obsoleteLabels.size(); ++i)
-            leftovers.append(QFile::exists(obsoletePath(i)));
-        QCOMPARE(std::tuple(service.calls, item->isChecked(), item->text(), QFile::exists(plistPath()), leftovers),
-                 std::tuple(available ? QStringList{turnedOn ? "register" : "unregister"} : QStringList(), turnedOn,
-                            u"Run at Startup"_s, turnedOn && !available, QList<bool>(obsoleteLabels.size(), kept)));
+        QCOMPARE(std::tuple(service.calls, item->isChecked(), item->text(),
+                            QDir(agentsDir()).entryList(QDir::Files).replaceInStrings(u".plist"_s, QString())),
+                 std::tuple(
+                     QStringList{turnedOn ? "register" : "unregister"}.first(available), turnedOn, u"Run at Startup"_s,
+                     QStringList{ownLabel}.first(turnedOn && !available) + (kept ? obsoleteLabels : QStringList())));
     }
 
     // Switched on (off where the name says so) over a marked leftover and an earlier install of our own.
@@ -223,8 +221,7 @@ private slots:
         services.loginItems.reset(entries);
         AppDelegate delegate(config, std::move(services), &host);
         host.setDelegate(&delegate);
-        const QString folder = env.configHome() + u"/autostart"_s;
-        const QString entry = folder + '/' + ownLabel + ".desktop";
+        const QString folder = env.configHome() + u"/autostart"_s, entry = folder + '/' + ownLabel + ".desktop";
 
         delegate.refreshRunAtStartupState();
         QAction *item = delegate.runAtStartupMenuItem();
