@@ -9,11 +9,10 @@ TestEnvironment::TestEnvironment()
 {
     for (const QString &path : {home(), dataHome(), configHome(), runtimeStateDir(), runtimeDir(), volumesDir()})
         QDir().mkpath(path);
-    for (const auto &[name, path] : {std::pair{"HOME", home()},
-                                     {"XDG_DATA_HOME", dataHome()},
-                                     {"XDG_CONFIG_HOME", configHome()},
-                                     {"XDG_RUNTIME_DIR", runtimeStateDir()}})
-        qputenv(name, path.toUtf8());
+    qputenv("HOME", home().toUtf8());
+    qputenv("XDG_DATA_HOME", dataHome().toUtf8());
+    qputenv("XDG_CONFIG_HOME", configHome().toUtf8());
+    qputenv("XDG_RUNTIME_DIR", runtimeStateDir().toUtf8());
     // The build version differs from the marketing one, so reading the wrong key shows.
     writeFile(resourceDir() + u"/Info.plist"_s,
               "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key><string>com.tallyhold.agent.app</string>"
