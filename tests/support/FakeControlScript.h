@@ -22,8 +22,7 @@ public:
         // One line per run: "run", then each argument after a tab.
         TestEnvironment::writeScript(
             scriptPath_,
-            QStringLiteral("state=%1\n{ printf 'run'; for a in \"$@\"; do printf '\\t%s' \"$a\"; done; "
-                           "printf '\\n'; } >> \"$state/runs\"\ncase \"$1\" in\n%2%3esac\n")
+            u"state=%1\n{ printf run; printf '\\t%s' \"$@\"; echo; } >> \"$state/runs\"\ncase \"$1\" in\n%2%3esac\n"_s
                 .arg(TestEnvironment::shellQuoted(state_.path()), branch(u"start"_s, start), branch(u"stop"_s, stop)));
     }
 
@@ -31,16 +30,12 @@ public:
     QList<QStringList> runs() const
     {
         QList<QStringList> result;
-        for (const QString &line :
-             QString::fromUtf8(readFile(state_.path() + u"/runs"_s)).split(u'\n', Qt::SkipEmptyParts))
+        for (const QString &line : QString(readFile(state_.path() + u"/runs"_s)).split(u'\n', Qt::SkipEmptyParts))
             result.append(line.split(u'\t').mid(1));
         return result;
     }
 
-    void release(const QString &command) const
-    {
-        QFile(state_.path() + u"/release-"_s + command).open(QFile::WriteOnly);
-    }
+    void release(const QString &command) const { QFile(state_.path() + u"/release-"_s + command).open(QFile::Append); }
     void hold(const QString &command) const { QFile::remove(state_.path() + u"/release-"_s + command); }
 
 private:
