@@ -188,14 +188,11 @@ private slots:
                 readFile(plistPath()),
                 readFile(QFINDTESTDATA("launch-agent.plist"))
                     .replace("$SUPPORT", QFile::encodeName(config.applicationSupportDirectory).replace("&", "&amp;")));
-        QStringList calls;
-        if (removed)
-            calls << run("bootout", plistPath());
-        if (cleaned)
-            calls << run("bootout", obsoletePath(0));
-        if (installed)
-            calls << run("bootout", plistPath()) << run("bootstrap", plistPath())
-                  << u"[kickstart][-k][gui/%1/%2]"_s.arg(getuid()).arg(ownLabel);
+        const QStringList calls = QStringList{run("bootout", plistPath())}.first(removed) +
+                                  QStringList{run("bootout", obsoletePath(0))}.first(cleaned) +
+                                  QStringList{run("bootout", plistPath()), run("bootstrap", plistPath()),
+                                              u"[kickstart][-k][gui/%1/%2]"_s.arg(getuid()).arg(ownLabel)}
+                                      .first(installed ? 3 : 0);
         // A quit while unloading our own job must not stick; leftovers go only once the new file is written,
         // before it is loaded.
         QCOMPARE(std::tuple(service.calls, h.delegate.stopAgentOnTerminate, QFile::exists(plistPath()),
