@@ -88,8 +88,15 @@ private slots:
         QAction *item = h.delegate.runAtStartupMenuItem();
         setMenuItemCheckState(item, menuItemStateMixed);
         h.delegate.refreshRunAtStartupState();
-        QCOMPARE(menuItemCheckState(item), shown);
-        QCOMPARE(item->text(), shown == menuItemStateMixed ? "Run at Startup (Needs Approval)" : "Run at Startup");
+        const QImage mark = item->icon().pixmap(16).toImage(); // the mixed one: a grey dash across a clear square
+        const bool mixed = shown == menuItemStateMixed;
+        QCOMPARE(std::tuple(menuItemCheckState(item), item->text(),
+                            mark.isNull()
+                                ? QList<QColor>()
+                                : QList<QColor>{mark.pixelColor(8, 8), mark.pixelColor(1, 8), mark.pixelColor(8, 5)}),
+                 std::tuple(shown, mixed ? u"Run at Startup (Needs Approval)"_s : u"Run at Startup"_s,
+                            mixed ? QList<QColor>{QColor(128, 128, 128), Qt::transparent, Qt::transparent}
+                                  : QList<QColor>()));
         QVERIFY(service.calls.isEmpty() && launchctlCalls().isEmpty() && env.messagesSinceMark().isEmpty());
 
         // Choosing the item turns on only what was off; needing approval counts as on.
