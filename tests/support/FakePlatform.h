@@ -78,17 +78,10 @@ struct FakePlatform {
     PlatformServices services()
     {
         PlatformServices services;
-        services.makeStatusItem = [this] {
-            auto item = std::make_unique<FakeStatusItem>();
-            statusItem = item.get();
-            return item;
-        };
-        services.opener = std::make_unique<RecordingOpener>();
-        opener = static_cast<RecordingOpener *>(services.opener.get());
-        services.loginItems = std::make_unique<FakeLoginItemService>();
-        loginItems = static_cast<FakeLoginItemService *>(services.loginItems.get());
-        services.workspaceNotifications = std::make_unique<WorkspaceNotificationCenter>();
-        notifications = services.workspaceNotifications.get();
+        services.makeStatusItem = [this] { return std::unique_ptr<StatusItem>(statusItem = new FakeStatusItem); };
+        services.opener.reset(opener = new RecordingOpener);
+        services.loginItems.reset(loginItems = new FakeLoginItemService);
+        services.workspaceNotifications.reset(notifications = new WorkspaceNotificationCenter);
         services.runningApplications = std::make_unique<OneRunningApplication>();
         return services;
     }

@@ -21,13 +21,12 @@ InstalledProgram::InstalledProgram(const QString &platform) : platform_(platform
 
 InstalledProgram::~InstalledProgram()
 {
-    for (auto &process : processes_) {
-        process->kill();
-        process->waitForFinished(5000);
-    }
+    for (auto &process : processes_)
+        process->kill(), process->waitForFinished(5000);
 }
 
-QProcessEnvironment InstalledProgram::environmentFor(quint16 agentPort, const QString &user) const
+void InstalledProgram::launch(QProcess &process, quint16 agentPort, const QStringList &arguments,
+                              const QString &user) const
 {
     const QString run = root() + u"/xdg-runtime"_s, volumes = root() + u"/volumes"_s,
                   dataHome = homeOf(user) + u"/.local/share"_s, configHome = homeOf(user) + u"/.config"_s;
@@ -39,36 +38,26 @@ QProcessEnvironment InstalledProgram::environmentFor(quint16 agentPort, const QS
     if (platform_ == "offscreen"_L1)
         for (const char *name : {"DISPLAY", "WAYLAND_DISPLAY", "DBUS_SESSION_BUS_ADDRESS"})
             environment.remove(QString::fromLatin1(name));
-    for (const auto &[name, value] : std::initializer_list<std::pair<QString, QString>>{
-             {u"QT_QPA_PLATFORM"_s, platform_},
-             {u"HOME"_s, homeOf(user)},
-             {u"XDG_DATA_HOME"_s, dataHome},
-             {u"XDG_CONFIG_HOME"_s, configHome},
-             {u"XDG_RUNTIME_DIR"_s, run},
-             {u"TMPDIR"_s, root() + u"/tmp"_s},
-             {u"QUILLMERE_AGENT_PORT"_s, QString::number(agentPort)},
-             {u"QUILLMERE_VOLUMES_DIR"_s, volumes},
-             {u"PATH"_s, root() + u"/fakebin:"_s + environment.value(u"PATH"_s)}})
-        environment.insert(name, value);
+    environment.insert(u"QT_QPA_PLATFORM"_s, platform_);
+    environment.insert(u"HOME"_s, homeOf(user));
+    environment.insert(u"XDG_DATA_HOME"_s, dataHome);
+    environment.insert(u"XDG_CONFIG_HOME"_s, configHome);
+    environment.insert(u"XDG_RUNTIME_DIR"_s, run);
+    environment.insert(u"TMPDIR"_s, root() + u"/tmp"_s);
+    environment.insert(u"QUILLMERE_AGENT_PORT"_s, QString::number(agentPort));
+    environment.insert(u"QUILLMERE_VOLUMES_DIR"_s, volumes);
+    environment.insert(u"PATH"_s, root() + u"/fakebin:"_s + environment.value(u"PATH"_s));
     for (const auto &[name, value] : variables.asKeyValueRange())
         value.isNull() ? environment.remove(name) : environment.insert(name, value);
-    return environment;
-}
-
-void InstalledProgram::launch(QProcess &process, const QStringList &arguments) const
-{
-    const QString program = root() + u"/bin/quillmere-menu"_s;
-    if (launcher.isEmpty())
-        process.start(program, arguments);
-    else
-        process.start(launcher.first(), launcher.mid(1) + QStringList{program} + arguments);
+    process.setProcessEnvironment(environment);
+    const QStringList command = launcher + QStringList{root() + u"/bin/quillmere-menu"_s} + arguments;
+    process.start(command.first(), command.mid(1));
 }
 
 InstalledProgram::Result InstalledProgram::run(quint16 agentPort, const QStringList &arguments, const QString &user)
 {
     QProcess process;
-    process.setProcessEnvironment(environmentFor(agentPort, user));
-    launch(process, arguments);
+    launch(process, agentPort, arguments, user);
     if (!QTest::qWaitFor([&process] { return process.state() == QProcess::NotRunning; }, 30000))
         return {-1, u"did not end within 30 s"_s};
     return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
@@ -78,9 +67,8 @@ InstalledProgram::Result InstalledProgram::run(quint16 agentPort, const QStringL
 QProcess *InstalledProgram::start(quint16 agentPort, const QStringList &arguments, const QString &user)
 {
     auto &process = processes_.emplace_back(std::make_unique<QProcess>());
-    process->setProcessEnvironment(environmentFor(agentPort, user));
     process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    launch(*process, arguments);
+    launch(*process, agentPort, arguments, user);
     if (!process->waitForStarted(10000))
         qFatal("cannot start the program");
     return process.get();

@@ -48,8 +48,7 @@ public:
     QHash<QString, QString> variables;
 
 private:
-    QProcessEnvironment environmentFor(quint16 agentPort, const QString &user) const;
-    void launch(QProcess &process, const QStringList &arguments) const;
+    void launch(QProcess &process, quint16 agentPort, const QStringList &arguments, const QString &user) const;
 
     QTemporaryDir dir_;
     QString platform_;
