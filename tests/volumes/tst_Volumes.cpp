@@ -121,10 +121,8 @@ private slots:
         const qsizetype descriptorsBefore = openDescriptors();
 
         // Three notifications 0.15 s apart, a volume coming along the way: one sync a second after the last.
-        fakes.notifications->post(didUnmount);
-        QTest::qWait(150);
-        fakes.notifications->post(didRename);
-        QTest::qWait(150);
+        for (const QString &event : {didUnmount, didRename})
+            fakes.notifications->post(event), QTest::qWait(150);
         // Three volumes: the same name composed or not, with blanks around it, or in the other case.
         for (const QString &name : {u"Cafe\u0301"_s, u"CAF\u00C9"_s, u" a"_s, u"A "_s, u"z"_s, u"Z"_s})
             QVERIFY(QDir(env.volumesDir()).mkdir(name));
@@ -199,17 +197,7 @@ private slots:
         const QString table = dir.filePath(u"mountinfo"_s);
         // Escaped names (the watched folder's own too), several optional fields, a nested mount, the
         // folder itself, a longer sibling and two mounts stacked on one mount point (the upper counts).
-        writeFile(table, "101 30 8:17 / /media/al\\040ex/USB\\040DISK rw shared:60 master:3 - vfat /dev/sdb1 rw\n"
-                         "102 101 8:49 / /media/al\\040ex/USB\\040DISK/nested rw - ext4 /dev/sdd1 rw\n"
-                         "103 30 8:33 / /media/al\\040ex/Back\\134slash rw - ext4 /dev/disk\\040one rw\n"
-                         "104 30 0:50 / /media/al\\040ex rw - tmpfs tmpfs rw\n"
-                         "105 30 8:65 / /media/al\\040exandra/Other rw - ext4 /dev/sde1 rw\n"
-                         "106 30 8:81 / /media/al\\040ex/Caf\xc3\xa9\\011Tab rw - ext4 /dev/sdf1 rw\n"
-                         "107 106 8:97 / /media/al\\040ex/Caf\xc3\xa9\\011Tab rw - ext4 /dev/sdg1 rw\n"
-                         "108 30 8:1 / /media/al\\040ex/Sp\\040 rw - ext4 /dev/sdi1 rw\n"
-                         "109 30 8:2 / /media/al\\040ex/Sp\\134040 rw - ext4 /dev/sdj1 rw\n"
-                         "112 30 8:8 / /run/media/al\\040ex/Stick rw - vfat /dev/sdk1 rw\n"
-                         "not a mount line\n");
+        writeFile(table, readFile(QFINDTESTDATA("mountinfo")));
         WorkspaceNotificationCenter center;
         QStringList posted;
         for (const QString &name : {didMount, didUnmount, didRename, WorkspaceNotification::didWake})
@@ -224,11 +212,7 @@ private slots:
 
         // Back\slash, Stick and "Sp " (not "Sp\\040") go, the stacked Cafe mount moves, USB DISK comes back
         // under a new name, a new disk comes, and so does another one on Back\slash's reused device numbers.
-        writeFile(table, "107 30 8:97 / /media/al\\040ex/Moved rw - ext4 /dev/sdg1 rw\n"
-                         "113 30 8:33 / /media/al\\040ex/Other rw - ext4 /dev/disk\\040two rw\n"
-                         "110 30 8:17 / /media/al\\040ex/Renamed rw - vfat /dev/sdb1 rw\n"
-                         "111 30 8:113 / /media/al\\040ex/New rw - vfat /dev/sdh1 rw\n"
-                         "109 30 8:2 / /media/al\\040ex/Sp\\134040 rw - ext4 /dev/sdj1 rw\n");
+        writeFile(table, readFile(QFINDTESTDATA("mountinfo-changed")));
         watcher.rescan();
         watcher.rescan();
         QCOMPARE(posted.mid(1),
