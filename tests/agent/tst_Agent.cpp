@@ -90,8 +90,7 @@ private slots:
         auto c = makeController();
         AppDelegate &d = c->delegate;
         d.updateStateMenu(u"Status: Launching..."_s, lastKnown, wasRunning);
-        d.startInFlight = startInFlight;
-        d.stopInFlight = stopInFlight;
+        std::tie(d.startInFlight, d.stopInFlight) = std::pair(startInFlight, stopInFlight);
         const DispatchWorkItem *syncBefore = d.mountedVolumeSyncDebounceWorkItem.get();
         agent->setResponse("/healthz",
                            {200, R"({"status":")" + QByteArray(up ? "ok" : "down") + R"(","version":"2.0.1"})"});
