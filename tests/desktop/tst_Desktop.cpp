@@ -6,7 +6,6 @@
 #include "support/InstalledProgram.h"
 
 #include <QElapsedTimer>
-#include <QRegularExpression>
 #include <QTest>
 #include <QtDBus>
 #include <optional>
