@@ -90,6 +90,16 @@ private slots:
         QVERIFY(button->title().isEmpty() && !button->appearsDisabled() && !button->image().isMask());
         QCOMPARE(button->image().pixmap(18).toImage(), makeBrandStatusImage(running).pixmap(18).toImage());
         QCOMPARE(c.fakes.statusItem->menu(), d.menu.get()); // what the tray's own context menu shows
+        if (!runtimeFolder) { // the pages a launch may still ask for are not found, nor a button on some trays
+            c.fakes.statusItem->hasButton = false;
+            env.markLog();
+            QVERIFY(!d.openGettingStartedPage(true));
+            d.openStartupPage(true);
+            d.configureStatusButton(true);
+            QCOMPARE(env.messagesSinceMark(), QStringList({u"Getting started page could not be resolved."_s,
+                                                           u"Startup page could not be resolved. failed=true"_s,
+                                                           u"Status item button was unavailable."_s}));
+        }
     }
 
     void badgeColoursAtKnownPixels()

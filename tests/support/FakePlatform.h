@@ -12,7 +12,7 @@ using namespace Qt::StringLiterals;
 
 class FakeStatusItem : public StatusItem {
 public:
-    StatusButton *button() override { return &button_; }
+    StatusButton *button() override { return hasButton ? &button_ : nullptr; }
     void setMenu(QMenu *menu) override { menu_ = menu; }
     QMenu *menu() const override { return menu_; }
     void notify(const QString &title, const QString &body, const QList<NotificationAction> & = {}) override
@@ -21,6 +21,7 @@ public:
     }
 
     QStringList notifications; // title, a line feed, body
+    bool hasButton = true;
 
 private:
     StatusButton button_;
