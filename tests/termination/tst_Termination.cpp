@@ -66,7 +66,9 @@ private slots:
             << AskRow{"bypass", 1, {u"Termination requested with stop bypass enabled."_s, lastLine}};
         QTest::newRow("system, twice") << AskRow{"", 2, {requestLine, finished.arg(0), lastLine}};
         QTest::newRow("system, no resource folder")
-            << AskRow{"no resources", 1, {requestLine, finished.arg(1), lastLine}};
+            << AskRow{"no resources",
+                      1,
+                      {requestLine, u"Could not resolve agentctl.sh for stop request."_s, finished.arg(1), lastLine}};
     }
     void terminationStopsTheAgentOnceThenEndsOnce()
     {
@@ -118,7 +120,7 @@ private slots:
         c->host.systemWillTerminate();
         QCOMPARE(std::tuple(terminated->count(), script->runs(),
                             env.messagesSinceMark().filter(
-                                QRegularExpression(u"^(Quit|Application|Termination|Agent stop)"_s)),
+                                QRegularExpression(u"^(Quit|Application|Termination|Agent stop|Could not)"_s)),
                             c->delegate.terminationReplyPending, c->delegate.stopInFlight,
                             c->delegate.terminateAfterStop, c->host.hasTerminated()),
                  std::tuple(1, QList<QStringList>(stops, {u"stop"_s}), log, false, false, false, true));
