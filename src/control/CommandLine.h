@@ -24,8 +24,6 @@ struct CommandLine {
     QString page;
     // badUsage: what is wrong. launch: the first argument not understood (the launch goes on).
     QString problem;
-
-    bool isCommand() const { return kind >= Kind::status && kind <= Kind::quit; }
 };
 
 // An option as the parser takes it, the help lists it and the shell completions offer it.
