@@ -132,6 +132,7 @@ private slots:
         // Arguments, QT_QPA_PLATFORM, the choice.
         const QList<std::tuple<QStringList, QByteArray, QString>> choices{
             {{}, {}, "cocoa"},
+            {{"-platform", "minimal"}, "offscreen", "minimal"},
             {{}, "minimal:enable_fonts;cocoa", "minimal"},
             {{}, "offscreen;cocoa", "offscreen"},
             {{"--platform", "minimal", "-platform", "cocoa"}, "offscreen", "cocoa"},

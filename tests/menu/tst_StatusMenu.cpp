@@ -110,7 +110,7 @@ private slots:
         // A host that shows small icons is offered each common panel size, not one scaled from another.
         QCOMPARE(makeBrandStatusImage(true).availableSizes(),
                  (QList<QSize>{{16, 16}, {18, 18}, {22, 22}, {24, 24}, {32, 32}, {48, 48}, {64, 64}}));
-        // Asked for a wider size, as some panels ask, the badge keeps its shape, centred, drawn or painted.
+        // Asked for a wider or taller size, as some panels ask, the badge keeps its shape, centred, drawn or painted.
         const QIcon badge = makeBrandStatusImage(true);
         const auto premultiplied = [](const QPixmap &pixmap) {
             return pixmap.toImage().convertToFormat(QImage::Format_ARGB32_Premultiplied);
@@ -120,9 +120,10 @@ private slots:
         QPainter painter(&painted);
         badge.paint(&painter, painted.rect());
         painter.end();
-        const QImage drawn = premultiplied(badge.pixmap(QSize(24, 18)));
-        QCOMPARE((std::tuple{badge.actualSize(QSize(24, 18)), drawn, drawn.copy(3, 0, 18, 18)}),
-                 (std::tuple{QSize(18, 18), painted, premultiplied(badge.pixmap(18))}));
+        const QImage drawn = premultiplied(badge.pixmap(QSize(24, 18))), square = premultiplied(badge.pixmap(18));
+        QCOMPARE((std::tuple{badge.actualSize(QSize(24, 18)), drawn, drawn.copy(3, 0, 18, 18),
+                             premultiplied(badge.pixmap(QSize(18, 24))).copy(0, 3, 18, 18)}),
+                 (std::tuple{QSize(18, 18), painted, square, square}));
         // Premultiplied ARGB, running then offline, of pixels inside one part each; the outline only at 8x.
         const QList<std::tuple<const char *, QPointF, QList<int>, QList<int>>> spots{
             {"corner", {0.5, 0.5}, {0, 0, 0, 0}, {0, 0, 0, 0}},

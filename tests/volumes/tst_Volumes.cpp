@@ -77,7 +77,7 @@ private slots:
             });
         // U+FF21 is below U+1F4BE, though its UTF-16 unit is above U+1F4BE's first surrogate.
         for (const QString &name :
-             {u"\uFF21eta"_s, u"alpha"_s, u".Spotlight"_s, u"Caf\u00E9 \"Q\" \\\x01\b\f\n\r\t!"_s, u"\U0001F4BE"_s})
+             {u"\uFF21eta"_s, u"alpha"_s, u".Spotlight"_s, u"Caf\u00E9 \"Q\" \\\x1f\b\f\n\r\t!"_s, u"\U0001F4BE"_s})
             QVERIFY(QDir(env.volumesDir()).mkdir(name));
         auto delegate = std::make_unique<AppDelegate>(env.configuration(agent.baseURL()), fakes.services(), &host);
         // A lone surrogate has no UTF-8 form, so no JSON text can carry this event: nothing is sent.
