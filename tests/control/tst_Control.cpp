@@ -346,8 +346,10 @@ private slots:
         program.start(port);
         QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(program.socketPath()), 15000);
         program.launcher.clear();
-        const Result status = program.run(port, {u"--status"_s}); // Qt warns of the folder first
-        QVERIFY2(status.exitCode == 4 && status.output.endsWith(notTrusted), toString(status));
+        for (const QStringList &command : {QStringList{u"--status"_s}, {u"--status"_s, u"--watch"_s}}) {
+            const Result status = program.run(port, command); // Qt warns of the folder first
+            QVERIFY2(status.exitCode == 4 && status.output.endsWith(notTrusted), toString(status));
+        }
         // Past the file's own check, the program itself turns another user away unanswered.
         QLocalSocket socket;
         socket.connectToServer(program.socketPath());
