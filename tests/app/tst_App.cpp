@@ -10,6 +10,7 @@
 #include "support/Testing.h"
 
 #include <thread>
+#include <unistd.h>
 
 // Script body (null: no such file), exit code, arguments, standard output and error, log after the launching line.
 using ProcessRow = std::tuple<QString, int, QStringList, QStringList, QStringList>;
