@@ -134,8 +134,7 @@ private slots:
             {"outline", {0.95, 9.05}, {209, 63, 136, 160}, {179, 120, 125, 130}}};
         for (bool running : {true, false})
             for (int scale : {1, 2, 8}) {
-                QImage image = makeBrandStatusImage(running).pixmap(QSize(18, 18), scale).toImage();
-                image.convertTo(QImage::Format_ARGB32_Premultiplied);
+                const QImage image = premultiplied(makeBrandStatusImage(running).pixmap(QSize(18, 18), scale));
                 QCOMPARE(image.size(), QSize(18, 18) * scale);
                 for (const auto &[name, at, whenRunning, whenOffline] : spots.first(scale == 8 ? 6 : 5)) {
                     const QRgb p = image.pixel(int(at.x() * scale), int(at.y() * scale));
