@@ -114,6 +114,8 @@ private slots:
                  (Result{5, u"Start Agent is not available now: the agent is already running.\n"_s}));
         QProcess *stop = program.start(port, {u"--stop-agent"_s});
         QTRY_COMPARE(script.runs().size(), 2);
+        QCOMPARE(program.run(port, {u"--status"_s}),
+                 (Result{3, u"Status: Stopping...\nVersion: 1.4.2\nA stop is in progress.\n"_s}));
         script.release(u"start"_s);
         QTRY_VERIFY(program.logMessages().contains(u"Process exited with code 0"_s));
         QTest::qWait(300); // an answer taken from the start's end would have come by now
@@ -132,21 +134,39 @@ private slots:
         for (const QString &page : pageNames())
             QCOMPARE(program.run(port, {u"--open"_s, page}), Result{});
 
-        // A flood of bad, oversized (a byte past the limit) and unfinished requests: all but the unfinished
-        // answered, nothing kept.
+        // Sixty-four may wait at once for their requests; the next is turned away at the door.
         const qint64 pid = running->processId();
         const qint64 descriptors = openDescriptors(pid), memory = memoryKb("VmRSS", pid);
         std::vector<std::unique_ptr<QLocalSocket>> unfinished;
-        const QByteArray requests[] = {"{\"command\":\"bogus\"}\n", "not json\n", QByteArray(1025, 'x'),
-                                       "{\"command\":\"status\""};
-        for (int i = 0; i < 1000; ++i) {
+        const auto connected = [&program] {
             auto socket = std::make_unique<QLocalSocket>();
             socket->connectToServer(program.socketPath());
-            QVERIFY(socket->waitForConnected(2000) && socket->write(requests[i % 4]) &&
-                    socket->waitForBytesWritten(2000) && (i % 4 > 2 || socket->waitForReadyRead(2000)));
+            return socket->waitForConnected(2000) ? std::move(socket) : nullptr;
+        };
+        while (unfinished.size() < 65)
+            QVERIFY((unfinished.emplace_back(connected())));
+        QVERIFY(unfinished.back()->waitForDisconnected(1500)); // not at the 2 s the others are given
+        for (const auto &socket : {unfinished.front().get(), unfinished[63].get()})
+            QVERIFY(socket->write("{\"command\":\"status\"}\n") && socket->waitForReadyRead(2000));
+        unfinished.clear();
+
+        // A flood of bad, oversized (a byte past the limit) and unfinished requests: all but the unfinished
+        // answered, nothing kept.
+        const QByteArray requests[] = {"{\"command\":\"bogus\"}\n", "not json\n", QByteArray(1025, 'x'),
+                                       "{\"command\":\"status\""};
+        QByteArrayList answers;
+        for (int i = 0; i < 1000; ++i) {
+            auto socket = connected();
+            QVERIFY(socket && socket->write(requests[i % 4]) && socket->waitForBytesWritten(2000) &&
+                    (i % 4 > 2 || socket->waitForReadyRead(2000)));
+            if (i < 4)
+                answers << socket->readAll();
             if (i % 4 == 3 && unfinished.size() < 40)
                 unfinished.push_back(std::move(socket));
         }
+        QCOMPARE(answers, QByteArrayList({"{\"message\":\"unknown command\",\"reply\":\"error\"}\n",
+                                          "{\"message\":\"not a JSON object\",\"reply\":\"error\"}\n",
+                                          "{\"message\":\"request too long\",\"reply\":\"error\"}\n", ""}));
         QTRY_VERIFY_WITH_TIMEOUT(openDescriptors(pid) <= descriptors + 2, 10000); // unfinished ones dropped
         QCOMPARE_LT(memoryKb("VmRSS", pid) - memory, 4096);                       // kB
 
@@ -246,12 +266,19 @@ private slots:
         QVERIFY(other.listen(program.socketPath()));
         QCOMPARE(program.run(port, watch),
                  (Result{4, u"quillmere-menu: the running program did not answer within 2 s.\n"_s}));
-        connect(&other, &QLocalServer::newConnection, &other, [&other] {
+        QByteArray answer; // then a program that says what none of ours says, or accepts and ends
+        connect(&other, &QLocalServer::newConnection, &other, [&other, &answer] {
             while (QLocalSocket *socket = other.nextPendingConnection())
-                delete socket;
+                socket->write(answer), socket->flush(), delete socket;
         });
         QCOMPARE(program.run(port, watch),
                  (Result{4, u"quillmere-menu: the channel to the running program broke.\n"_s}));
+        answer = "{\"message\":\"odd\",\"reply\":\"fine\"}\n";
+        QCOMPARE(program.run(port, {u"--status"_s}),
+                 (Result{4, u"quillmere-menu: the running program gave no usable answer (odd)\n"_s}));
+        answer = "{\"reply\":\"accepted\"}\n";
+        QCOMPARE(program.run(port, {u"--stop-agent"_s}),
+                 (Result{4, u"quillmere-menu: the running program ended before the command finished.\n"_s}));
     }
 
     // The report on a healthy set-up finds no problem; on a broken one it names each problem, and
@@ -317,6 +344,35 @@ private slots:
             text.output.replace(found, placeholder);
         QCOMPARE(text, (Result{6, QString::fromUtf8(readFile(QFINDTESTDATA("diagnosis.txt")))}));
         QCOMPARE(tree(), before);
+
+        // Other users of the installation, other troubles: a log that cannot be written, no runtime folder,
+        // a socket others may reach; then a log's tail read from its middle, and no session folder to use.
+        program.variables.clear();
+        agent.setHealthy();
+        QVERIFY(QDir(program.runtimeDir()).removeRecursively());
+        QVERIFY(
+            QFile::setPermissions(program.socketPath(), QFile::permissions(program.socketPath()) | QFile::WriteOther));
+        const QString logs = u"/.local/share/TallyholdAgent/runtime/logs"_s;
+        writeFile(program.homeOf(u"second"_s) + logs, {});
+        const Result second = program.run(port, {u"--diagnose"_s}, u"second"_s);
+        QCOMPARE((Result{second.exitCode, second.output.split(u'\n').filter(u"PROBLEM"_s).join(u'\n')}),
+                 (Result{6, "PROBLEM (program.socket): other users may reach the command socket. Hint: remove "_L1 +
+                                program.socketPath() +
+                                ", or give XDG_RUNTIME_DIR a folder of this user's own.\nPROBLEM (files.log): the "
+                                "log cannot be written. Hint: make "_L1 +
+                                program.homeOf(u"second"_s) + logs +
+                                " writable for this user.\nPROBLEM (files.runtime): the runtime folder is missing. "
+                                "Hint: reinstall quillmere-menu; the agent and its control script live there."_L1}));
+        writeFile(program.homeOf(u"third"_s) + logs + u"/menu-app.log"_s,
+                  QByteArray(2047, 'x') + '\n' + QByteArray(2048, 'y') + '\n'); // 4097 bytes
+        program.variables = {{u"XDG_RUNTIME_DIR"_s, program.homeOf(u"second"_s) + logs}};
+        const QJsonObject third =
+            QJsonDocument::fromJson(program.run(port, {u"--diagnose"_s, u"--json"_s}, u"third"_s).output.toUtf8())
+                .object();
+        const QString fallback = u"%1/tmp/" QUILLMERE_BUNDLE_IDENTIFIER "-%2"_s.arg(program.root()).arg(::getuid());
+        QCOMPARE((QVariantList{at(third, u"files.log.lastLines"_s).toStringList(), at(third, u"program.lock.path"_s),
+                               at(third, u"program.socket.path"_s)}),
+                 (QVariantList{QStringList{QString(2048, u'y')}, fallback + u".lock"_s, fallback + u".socket"_s}));
     }
 
     // A stale socket file of another user is refused, then a program of another user is not talked to.
@@ -338,6 +394,8 @@ private slots:
                 " belongs to another user and is not trusted; commands cannot reach this program."_L1),
             15000);
         QCOMPARE(program.run(port, {u"--quit"_s}), (Result{4, notTrusted}));
+        QVERIFY(program.run(port, {u"--diagnose"_s})
+                    .output.contains(u"PROBLEM (program.socket): the command socket belongs to another user."_s));
         ours->kill();
         QVERIFY(ours->waitForFinished(5000) && QFile::remove(program.socketPath()));
 
