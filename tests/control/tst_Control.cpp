@@ -88,9 +88,11 @@ private slots:
                  (Result{3, u"Status: Stopped\nVersion: --\n"
                             u"quillmere-menu is not running; the agent was asked directly.\n"_s}));
         QCOMPARE(program.run(port, {u"--diagnose"_s, u"--json"_s}).exitCode, 6); // nor does the diagnosis
-        QCOMPARE((QList<Result>{program.run(port, {u"--help"_s}), program.run(port, {u"-v"_s})}),
+        QCOMPARE((QList<Result>{program.run(port, {u"--help"_s}), program.run(port, {u"-v"_s}),
+                                program.run(port, {u"--open"_s})}),
                  (QList<Result>{{0, QString::fromUtf8(readFile(QFINDTESTDATA("help.txt")))},
-                                {0, u"quillmere-menu " QUILLMERE_VERSION "\n"_s}}));
+                                {0, u"quillmere-menu " QUILLMERE_VERSION "\n"_s},
+                                {2, u"quillmere-menu: Missing value after '--open'; --help lists the options.\n"_s}}));
         QCOMPARE(program.run(port, {u"--quit"_s}),
                  (Result{3, u"quillmere-menu is not running; there is nothing to quit.\n"_s}));
         QCOMPARE(program.logMessages(), QStringList()); // asking is no change of state: polling leaves no trace
@@ -223,6 +225,7 @@ private slots:
             QTRY_COMPARE_WITH_TIMEOUT(printed(text), shown, 15000);
             QTRY_COMPARE_WITH_TIMEOUT(printed(json).count(u'\n'), shown.count(u'\n'), 15000);
         }
+        program.variables = {{u"QT_QPA_PLATFORM"_s, {}}}; // no display and no platform asked: headless
         QProcess *running = program.start(port, {u"--launched-at-login"_s});
         shown += u"Status: Running; Version: 1.4.2; watched by quillmere-menu\n"_s;
         QTRY_COMPARE_WITH_TIMEOUT(printed(text), shown, 15000);

@@ -71,24 +71,36 @@ private slots:
         silent.connectToHost(QHostAddress::LocalHost, port);
         QElapsedTimer sinceConnected;
         sinceConnected.start();
+        // Every answer, whole: the health, the page before any snapshot, a snapshot taken, the page showing
+        // it escaped, one at the size limit; 405 for another method (its header at the limit), 404, a broken
+        // request line or body (400), a header or body too large (413).
         const QByteArray post = "POST /api/mounted-volumes/cache-sync HTTP/1.1", json = R"({"volumes":[]})";
-        const QByteArray sync = answerTo(post, R"({"event":"app-launch","volumes":[{"name":"Photos <2024>"}]})");
-        QVERIFY2(sync.startsWith("HTTP/1.1 200 OK\r\n") && sync.endsWith("\r\n\r\n{\"ok\":true}"), sync.constData());
-        QVERIFY(answerTo("GET / HTTP/1.1").contains("Photos &lt;2024&gt;")); // the last snapshot, escaped
-        QVERIFY(answerTo(post, json + QByteArray(1024 * 1024 - json.size(), ' ')).startsWith("HTTP/1.1 200 "));
-        // Every answer but the health's and the page's, whole: 405 for another method (its header at the
-        // limit), 404, a broken request line or body (400), a header or body too large (413).
-        QByteArrayList answers;
+        QByteArrayList answers{answerTo("GET /healthz HTTP/1.1"), answerTo("GET / HTTP/1.1"),
+                               answerTo(post, R"({"event":"app-launch","volumes":[{"name":"Photos <2024>"}]})")};
+        answers << answerTo("GET /index.html HTTP/1.1")
+                << answerTo(post, json + QByteArray(1024 * 1024 - json.size(), ' '));
         for (const QByteArray &request :
              {"PUT / HTTP/1.1\r\nx: "_ba + QByteArray(16384 - 37, 'p'), "GET /api/mounted-volumes/cache-sync"_ba,
               "POST /healthz?x"_ba, "GET /nope HTTP/1.1"_ba, "GARBAGE"_ba, QByteArray(16 * 1024 + 1, 'x')})
             answers += answerTo(request);
         answers << answerTo(post, "[]") << answerTo(post, QByteArray(1024 * 1024 + 1, ' '));
-        QCOMPARE(answers.join("--\n").replace("\r\n", "\n"), readFile(QFINDTESTDATA("answers.http")));
+        QCOMPARE(QString::fromUtf8(answers.join("--\n").replace("\r\n", "\n"))
+                     .replace(QRegularExpression(u"\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ"_s), u"$TIME"_s)
+                     .replace(u":%1<"_s.arg(port), u":$PORT<"_s),
+                 QString::fromUtf8(readFile(QFINDTESTDATA("answers.http"))));
         QTRY_COMPARE_WITH_TIMEOUT(silent.state(), QAbstractSocket::UnconnectedState, 15000);
         QCOMPARE_GE(sinceConnected.elapsed(), 9000); // not before its 10 s
         QCOMPARE(runScript(u"stop"_s).first, 0);
         QCOMPARE(answerTo("GET /healthz HTTP/1.1"), QByteArray()); // nobody answers any more
+        QList<QPair<int, QByteArray>> told; // its own command line: the version, else how to use it
+        for (const QString &argument : {u"--version"_s, u"--help"_s}) {
+            QProcess agent;
+            agent.setProcessChannelMode(QProcess::MergedChannels);
+            agent.start(QStringLiteral(QUILLMERE_BUILD_RESOURCES "/runtime/quillmere-demo-agent"), {argument});
+            told << QPair{agent.waitForFinished() ? agent.exitCode() : -1, agent.readAll()};
+        }
+        QCOMPARE(told, (QList<QPair<int, QByteArray>>{{0, "1.4.2\n"},
+                                                      {2, "usage: quillmere-demo-agent [--probe | --version]\n"}}));
         // Its log tells each start, snapshot and stop.
         const QString at = u"127.0.0.1:%1"_s.arg(port);
         QCOMPARE(QString::fromUtf8(readFile(env.logsDir() + "/agent.log"_L1))
