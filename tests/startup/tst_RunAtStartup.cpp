@@ -138,8 +138,11 @@ private slots:
         QTest::newRow("no service") << OutcomeRow{-1, 0, {cleaned, installed}};
         QTest::newRow("no launchctl") << OutcomeRow{-1, 0, {cleaned, "Legacy bootstrap failed for " + plistPath(),
             installed}};
-        QTest::newRow("plist path a folder") << OutcomeRow{-1, 0, {"Failed writing legacy run-at-startup plist: ",
-            "State updated: Status: Could not save startup setting version=2.3.4 running=true"}};
+        const QString unsaved = "State updated: Status: Could not save startup setting version=2.3.4 running=true";
+        QTest::newRow("plist path a folder") << OutcomeRow{-1, 0, {"Failed writing legacy run-at-startup plist: "
+            "Could not write " + plistPath() + ": ", unsaved}};
+        QTest::newRow("support folder a file") << OutcomeRow{-1, 0, {"Failed writing legacy run-at-startup plist: "
+            "Could not create the folder " + env.root() + "/support&co/TallyholdAgent/runtime/logs: ", unsaved}};
         QTest::newRow("no executable") << OutcomeRow{-1, 0,
             {"Could not resolve app executable path for legacy run-at-startup."}};
         // Guards: a launch agent was written for a translocated copy, which is gone at the next login.
@@ -169,6 +172,8 @@ private slots:
             config.executablePath.reset();
         else if (tag.endsWith("translocated"))
             config.executablePath = translocated;
+        else if (tag.endsWith("a file")) // and a file in the way of a folder's making
+            writeFile(config.applicationSupportDirectory, {});
         Controller h(config, false);
         FakeLoginItemService &service = *h.fakes.loginItems;
         service.available = code >= 0;
