@@ -57,6 +57,7 @@ private slots:
         QTest::newRow("--status --launched-at-login")
             << u"badUsage|||--launched-at-login is for a plain launch, not with --status"_s;
         QTest::newRow("--status --bogus=1") << u"badUsage|||unknown option '--bogus'"_s;
+        QTest::newRow("--stop-agentx") << u"badUsage|||unknown option '--stop-agentx'"_s; // a typo: no launch
         // Each bad use of an option on its own.
         QTest::newRow("--json") << u"badUsage|||--json goes with --status or --diagnose"_s;
         QTest::newRow("--watch") << u"badUsage|||--watch goes with --status"_s;
@@ -151,6 +152,11 @@ private slots:
         for (const auto &socket : {unfinished.front().get(), unfinished[63].get()})
             QVERIFY(socket->write("{\"command\":\"status\"}\n") && socket->waitForReadyRead(2000));
         unfinished.clear();
+        QLocalSocket watching; // one request per connection: a quit sent on behind a watch is not read
+        watching.connectToServer(program.socketPath());
+        QVERIFY(watching.waitForConnected(2000) && watching.write("{\"command\":\"watch\"}\n") &&
+                watching.waitForReadyRead(2000) && watching.write("{\"command\":\"quit\"}\n") &&
+                watching.waitForBytesWritten(2000));
 
         // A flood of bad, oversized (a byte past the limit) and unfinished requests: all but the unfinished
         // answered, nothing kept.
