@@ -274,13 +274,16 @@ QJsonObject diagnose(const Configuration &configuration)
     if (!agent.value(QStringLiteral("running")).toBool())
         report.problem(QStringLiteral("agent"), QStringLiteral("the agent does not answer as running"),
                        QStringLiteral("start it with quillmere-menu --start-agent; if that fails, read the log"));
-    if (program.contains(QStringLiteral("answered")))
+    if (program.contains(QStringLiteral("answered"))) {
+        // With no copy holding the lock there is no process number to give: whatever listens is no copy of ours.
+        const qint64 pid = program.value(QStringLiteral("lock")).toObject().value(QStringLiteral("pid")).toInteger();
         report.problem(
             QStringLiteral("program"), QStringLiteral("the running program does not answer"),
-            QStringLiteral("end process %1 and start quillmere-menu again")
-                .arg(program.value(QStringLiteral("lock")).toObject().value(QStringLiteral("pid")).toInteger()));
-    else
+            pid > 0 ? QStringLiteral("end process %1 and start quillmere-menu again").arg(pid)
+                    : QStringLiteral("end the process listening at %1 and start quillmere-menu again").arg(socketPath));
+    } else {
         program.insert(QStringLiteral("answered"), program.value(QStringLiteral("running")));
+    }
     report.sections.insert(QStringLiteral("agent"), agent);
     report.sections.insert(QStringLiteral("program"), program);
     report.sections.insert(QStringLiteral("problems"), report.problems);

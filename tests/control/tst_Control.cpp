@@ -181,6 +181,8 @@ private slots:
         ::kill(pid_t(pid), SIGSTOP); // a program that hangs
         QCOMPARE(program.run(port, {u"--status"_s}),
                  (Result{4, u"quillmere-menu: the running program did not answer within 2 s.\n"_s}));
+        QVERIFY(program.run(port, {u"--diagnose"_s})
+                    .output.contains(u"Hint: end process %1 and start quillmere-menu again."_s.arg(pid)));
         ::kill(pid_t(pid), SIGCONT);
 
         // Quit: the command returns once the program, having stopped the agent, has exited.
