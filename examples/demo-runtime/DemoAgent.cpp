@@ -83,11 +83,13 @@ void DemoAgent::onReadyRead(QTcpSocket *socket)
     QByteArray &buffer = buffers_[socket];
     buffer += socket->readAll();
     const qsizetype headerEnd = buffer.indexOf("\r\n\r\n");
-    if (headerEnd < 0) {
-        if (buffer.size() > maxHeaderBytes)
-            send(socket, {413, "text/plain", "request header too large\n"});
+    // The header may fill the limit, its blank line aside, in one piece or in many.
+    if (headerEnd > maxHeaderBytes || (headerEnd < 0 && buffer.size() > maxHeaderBytes + 3)) {
+        send(socket, {413, "text/plain", "request header too large\n"});
         return;
     }
+    if (headerEnd < 0)
+        return;
 
     Request request;
     const QList<QByteArray> lines = buffer.left(headerEnd).split('\n');
