@@ -382,8 +382,8 @@ private slots:
                 .object();
         const QString fallback = u"%1/tmp/" QUILLMERE_BUNDLE_IDENTIFIER "-%2"_s.arg(program.root()).arg(::getuid());
         QCOMPARE((QVariantList{at(third, u"files.log.lastLines"_s).toStringList(), at(third, u"program.lock.path"_s),
-                               at(third, u"program.socket.path"_s)}),
-                 (QVariantList{QStringList{QString(2048, u'y')}, fallback + u".lock"_s, fallback + u".socket"_s}));
+                               at(third, u"program.socket.path"_s), at(third, u"program.socket.owner"_s)}),
+                 (QVariantList{QStringList{QString(2048, u'y')}, fallback + u".lock"_s, fallback + u".socket"_s, -1}));
     }
 
     // A stale socket file of another user is refused, then a program of another user is not talked to.
