@@ -213,7 +213,8 @@ private slots:
 
         // Back\slash, Stick and "Sp " (not "Sp\\040") go, the stacked Cafe mount moves, USB DISK comes back
         // under a new name, a new disk comes, and so does another one on Back\slash's reused device numbers;
-        // a line cut after its options still names a mount, one cut before them does not.
+        // a line cut after its options still names a mount, one cut before them does not, and an escape
+        // that is not three octal digits is taken as written (two folders down: not a volume).
         writeFile(table, readFile(QFINDTESTDATA("mountinfo-changed")));
         watcher.rescan();
         watcher.rescan();
