@@ -20,9 +20,9 @@ class TerminationTest : public QObject {
     std::unique_ptr<QSignalSpy> terminated;
     std::unique_ptr<FakeControlScript> script;
 
-    // A controller whose stop script exits with stopExit once released (at once without resources).
-    void makeController(int stopExit = 0, bool showRunning = true, bool withResources = true,
-                        const std::function<void(Configuration &)> &tune = {})
+    // A controller whose stop script exits with stopExit once released (at once without resources); a start
+    // still running 0.3 s after the termination stop is ended, its group killed 1.5 s later.
+    void makeController(int stopExit = 0, bool showRunning = true, bool withResources = true)
     {
         script = std::make_unique<FakeControlScript>(env.runtimeDir() + u"/agentctl.sh"_s);
         script->write({0, true, {}}, {stopExit, true, {}});
@@ -32,8 +32,8 @@ class TerminationTest : public QObject {
             config.resourceDirectory.reset();
         config.refreshInterval = std::chrono::hours(1);
         config.launchFlowDelay = std::chrono::milliseconds(20);
-        if (tune)
-            tune(config);
+        config.startGraceAfterTerminationStop = std::chrono::milliseconds(300);
+        config.processGroupKillDelay = std::chrono::milliseconds(1500);
         c = std::make_unique<Controller>(config, showRunning);
         terminated = std::make_unique<QSignalSpy>(&c->host, &ApplicationHost::terminated);
         if (showRunning)
@@ -100,8 +100,8 @@ private slots:
             QCOMPARE(script->runs().size(), 0);
             c->host.finishLaunching();
             QTRY_VERIFY(env.messagesSinceMark().contains(u"Launch flow starting. launchedAtLogin=false"_s));
-            QTRY_VERIFY(agent->countFor("/healthz") >= 2); // the launch probe is out
-            QTest::qWait(400);                             // and its answer has come and gone
+            // The launch probe is out, and its answer has come and gone.
+            QTRY_VERIFY(agent->countFor("/healthz") >= 2 && c->delegate.findChildren<QNetworkReply *>().isEmpty());
         } else if (!askers) {
             c->delegate.quitMenuItem()->trigger();
             QCOMPARE(c->delegate.stateMenuItem->text(), u"Status: Stopping and Scanning..."_s);
@@ -131,10 +131,7 @@ private slots:
     void hungStartIsEndedWithItsGroupAndStoppedAgain()
     {
         for (const bool ignoresTerm : {false, true}) {
-            makeController(0, true, true, [](Configuration &config) {
-                config.startGraceAfterTerminationStop = std::chrono::milliseconds(300);
-                config.processGroupKillDelay = std::chrono::milliseconds(1500);
-            });
+            makeController();
             const QString helper = env.root() + u"/helper-pid"_s; // what the start started, in its group
             QFile::remove(helper);
             script->write(
@@ -162,8 +159,7 @@ private slots:
                          stop + QStringList(lastLine));
             QCOMPARE(std::pair(script->runs(), c->fakes.opener->opened.size()),
                      std::pair(QList<QStringList>({{u"start"_s}, {u"stop"_s}, {u"stop"_s}}), qsizetype(1)));
-            const qint64 helperPid = readFile(helper).trimmed().toLongLong();
-            QTRY_VERIFY(QList<QByteArray>({"", "Z"}).contains(processStat(helperPid).value(0)));
+            QTRY_VERIFY(QList<QByteArray>({"", "Z"}).contains(processStat(readFile(helper).trimmed().toLongLong())[0]));
         }
     }
 
@@ -197,12 +193,12 @@ private slots:
             program.root() + "/tmp/" QUILLMERE_BUNDLE_IDENTIFIER "-"_L1 + QString::number(::getuid());
         const QString lockLine = "Single-instance lock cannot be created in "_L1 + run +
                                  " (it is not a folder). Using "_L1 + fallback + ".lock instead."_L1;
-        QCOMPARE(program.logMessages(u"second"_s),
-                 QStringList({u"Application did finish launching."_s, lockLine,
-                              u"Duplicate app instance detected. Terminating new instance."_s,
-                              u"Termination requested with stop bypass enabled."_s, lastLine}));
         // The control socket falls back beside the lock, its name as private to this user.
-        QVERIFY(QFileInfo::exists(fallback + ".socket"_L1));
+        QCOMPARE(std::pair(program.logMessages(u"second"_s), QFileInfo::exists(fallback + ".socket"_L1)),
+                 std::pair(QStringList({u"Application did finish launching."_s, lockLine,
+                                        u"Duplicate app instance detected. Terminating new instance."_s,
+                                        u"Termination requested with stop bypass enabled."_s, lastLine}),
+                           true));
         // Default timings: probes at launch, 0.4 s and 5 s later; idle in between (a spin takes much of a core),
         // while the start runs on past 30 s, the time Qt waits for a process unless told otherwise.
         const auto cpuMs = [pid = first->processId()] {
@@ -236,12 +232,11 @@ private slots:
                               "Agent not healthy during launch. Starting agent."_L1, launching + " start"_L1,
                               requestLine, launching + " stop"_L1, exited, stopped, exited, launching + " stop"_L1,
                               exited, stopped, lastLine}));
-        QCOMPARE(program.openedLocations(),
-                 QStringList{program.runtimeDir() + "/welcome.html"_L1}); // a path, not a URL
-        // The launch posted the (empty) volumes once, whatever the agent's health.
-        QCOMPARE(agent->requestsFor("/api/mounted-volumes/cache-sync").value(0).body,
-                 R"({"event":"app-launch","source":"menu-app","volumes":[]})");
-        QCOMPARE(agent->countFor("/api/mounted-volumes/cache-sync"), 1);
+        // A path is opened, not a URL; the launch posted the (empty) volumes once, whatever the agent's health.
+        const QList<RecordedRequest> syncs = agent->requestsFor("/api/mounted-volumes/cache-sync");
+        QCOMPARE(std::tuple(program.openedLocations(), syncs.size(), syncs.value(0).body),
+                 std::tuple(QStringList{program.runtimeDir() + "/welcome.html"_L1}, qsizetype(1),
+                            QByteArray(R"({"event":"app-launch","source":"menu-app","volumes":[]})")));
     }
 };
 
