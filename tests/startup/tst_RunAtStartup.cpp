@@ -22,16 +22,11 @@ const QByteArray notUtf8 = "<plist>\xff\xfe<string>--launched-at-login</string><
 const QString translocated =
     u"/private/var/folders/x/AppTranslocation/1A2B/d/Quillmere Agent.app/Contents/MacOS/quillmere-menu"_s;
 
-struct ResolveRow {
-    bool available, ownPlist;
-    int status, shown;   // the service's, and the item's check state
-    QByteArray leftover; // under each obsolete label; null: none
-};
-struct OutcomeRow {
-    int code; // of a failed register or unregister; 0: it succeeds; -1: no login-item service
-    int statusAfter;
-    QStringList lines; // one ending in ": " stands for any line it starts
-};
+// Service available, own plist there, the service's status, the item's check state, each obsolete label's leftover.
+using ResolveRow = std::tuple<bool, bool, int, int, QByteArray>;
+// A failed register's or unregister's code (0: it succeeds; -1: no login-item service), the status after, the lines
+// logged (one ending in ": " stands for any line it starts).
+using OutcomeRow = std::tuple<int, int, QStringList>;
 
 } // namespace
 
@@ -78,7 +73,7 @@ private slots:
         const auto [available, ownPlist, status, shown, leftover] = row;
         if (ownPlist)
             writeFile(plistPath(), QByteArray());
-        for (int i = 0; i < obsoleteLabels.size() && !leftover.isNull(); ++i)
+        for (int i = 0; i < obsoleteLabels.size() && !leftover.isNull(); ++i) // null: none
             writeFile(obsoletePath(i), leftover);
         Controller h(configuration(), false);
         FakeLoginItemService &service = *h.fakes.loginItems;
@@ -244,9 +239,8 @@ private slots:
         QVERIFY(again.code == LoginItemService::errorAlreadyRegistered && !again.message.isEmpty() &&
                 again.domain == "QuillmereAutostartErrorDomain");
         item->trigger();
-        QVERIFY(!item->isChecked() && !QFile::exists(entry));
+        QVERIFY(!item->isChecked() && !QFile::exists(entry) && launchctlCalls().isEmpty()); // no launch agent either
         QCOMPARE(entries->unregisterApp().value_or(LoginItemError{}).code, LoginItemService::errorJobNotFound);
-        QVERIFY(launchctlCalls().isEmpty()); // with no launch agent there
 
         // A switched-off entry counts as not registered and is replaced; a key in another group does not count.
         for (const char *rest :
@@ -262,8 +256,7 @@ private slots:
         QVERIFY(QFileInfo(folder).isDir());
         QCOMPARE(fakes.opener->opened, QList<QUrl>{QUrl::fromLocalFile(folder)});
 
-        // An autostart folder that cannot be (a file in its place, which stops root too): said so, not
-        // pretended with a launch agent nothing on Linux reads.
+        // No autostart folder (a file stops root too): said so, not faked with a launch agent Linux never reads.
         QDir(folder).removeRecursively();
         writeFile(folder, {});
         env.markLog();
