@@ -1,6 +1,5 @@
-// The real program on a user's desktops, driven and read as panels do: no tray for long (a
-// StatusNotifierItem watcher that comes late, then tint2's XEmbed tray), and Wayland beside
-// xfce4-panel's StatusNotifierItem host. Each case has its own X server and bus.
+// The real program on a user's desktops, driven and read as panels do: no tray for long (a late StatusNotifierItem
+// watcher, then tint2's XEmbed tray), and Wayland beside xfce4-panel. Each case has its own X server and bus.
 #include "support/FakeAgent.h"
 #include "support/FakeControlScript.h"
 #include "support/InstalledProgram.h"
@@ -28,11 +27,10 @@ QDBusMessage askItem(const QString &item, const QString &interface, const QStrin
     return QTest::qWaitFor([&] { return watcher.isFinished(); }, 6000) ? watcher.reply() : QDBusMessage();
 }
 
-// Each top-level menu entry as a panel shows it: "-" a separator, "(...)" disabled, "[x]"/"[ ]" a
-// check mark on or off; and each label's item id, which a click names.
+// Each top-level entry of the menu Qt exports at /MenuBar, as a panel shows it: "-" a separator, "(...)" disabled,
+// "[x]"/"[ ]" a check mark on or off; and each label's item id, which a click names.
 QStringList menuShown(const QString &item, QHash<QString, int> *ids = nullptr)
 {
-    // Qt exports an icon's menu at /MenuBar.
     const QDBusMessage layout =
         askItem(item, u"com.canonical.dbusmenu"_s, u"GetLayout"_s, {0, -1, QStringList()}, u"/MenuBar"_s);
     const QDBusArgument root = layout.arguments().value(1).value<QDBusArgument>();
@@ -49,11 +47,9 @@ QStringList menuShown(const QString &item, QHash<QString, int> *ids = nullptr)
         if (ids)
             ids->insert(p.value(u"label"_s).toString(), id);
         QString shown = p.value(u"type"_s) == "separator"_L1 ? u"-"_s : p.value(u"label"_s).toString();
-        if (!p.value(u"enabled"_s, true).toBool())
-            shown = u'(' + shown + u')';
         if (p.value(u"toggle-type"_s) == "checkmark"_L1)
             shown += p.value(u"toggle-state"_s).toInt() == 1 ? " [x]"_L1 : " [ ]"_L1;
-        entries.append(shown);
+        entries.append(p.value(u"enabled"_s, true).toBool() ? shown : u'(' + shown + u')');
     }
     return entries;
 }
@@ -120,7 +116,6 @@ class DesktopTest : public QObject {
 
     FakeAgent agent_;
     std::vector<std::unique_ptr<QProcess>> desktopPrograms_;
-    std::unique_ptr<FakeControlScript> control_;
 
     // A panel or compositor that stays until the test function ends; one not installed fails the test.
     // It has the test's environment but for the variables given (a null value removes one).
@@ -134,15 +129,6 @@ class DesktopTest : public QObject {
         process->setProcessEnvironment(environment);
         process->start(program, arguments);
         QVERIFY2(process->waitForStarted(10000), qPrintable(program + u": "_s + process->errorString()));
-    }
-
-    std::unique_ptr<InstalledProgram> makeProgram(const QString &platform)
-    {
-        auto program = std::make_unique<InstalledProgram>(platform);
-        control_ = std::make_unique<FakeControlScript>(program->controlScript());
-        // Each run waits until the test lets it end, so that the menu can be looked at meanwhile.
-        control_->write({0, true, {}}, {0, true, {}});
-        return program;
     }
 
 private slots:
@@ -180,18 +166,20 @@ private slots:
             QVERIFY(bus.unregisterService(watcherService));
             bus.unregisterObject(u"/StatusNotifierWatcher"_s);
         }
-        auto program = makeProgram(u"xcb"_s);
-        QElapsedTimer clock; // since the launch, then since the notice
-        clock.start();
-        program->start(agent_.port());
+        InstalledProgram program(u"xcb"_s);
+        FakeControlScript control(program.controlScript());
+        control.write({0, true, {}}, {0, true, {}}); // each run waits until the test lets it end
+        QElapsedTimer sinceLaunch;
+        sinceLaunch.start();
+        program.start(agent_.port());
         QTRY_COMPARE_WITH_TIMEOUT(notifications.shown.size(), 1, timeoutMs);
-        QVERIFY2(clock.restart() > 9000, "a panel started at login may not be up yet");
+        QVERIFY2(sinceLaunch.elapsed() > 9000, "a panel started at login may not be up yet");
         // One answer too slow between good ones, then a stop the next answer confirms: the menu follows
         // each, the user is told once, at the confirmation; the notice's button starts the agent. Back and
         // stopped again within the minute: not told again. A second launch is told.
         const auto stateShown = [&program](const QString &title) {
             return QTest::qWaitFor(
-                [&] { return program->logMessages().last().startsWith("State updated: "_L1 + title); }, timeoutMs);
+                [&] { return program.logMessages().last().startsWith("State updated: "_L1 + title); }, timeoutMs);
         };
         agent_.setResponse("/healthz",
                            {200, "{\"status\":\"ok\",\"version\":\"1.4.2\"}", "application/json", false, 3000});
@@ -203,20 +191,20 @@ private slots:
         QCOMPARE(notifications.shown.size(), 1);
         QTRY_COMPARE_WITH_TIMEOUT(notifications.shown.size(), 2, timeoutMs);
         emit notifications.ActionInvoked(2, u"start-agent"_s);
-        QTRY_COMPARE_WITH_TIMEOUT(control_->runs(), QList<QStringList>{{u"start"_s}}, timeoutMs);
+        QTRY_COMPARE_WITH_TIMEOUT(control.runs(), QList<QStringList>{{u"start"_s}}, timeoutMs);
         agent_.setHealthy(u"1.4.2"_s);
-        control_->release(u"start"_s);
+        control.release(u"start"_s);
         QVERIFY(stateShown(u"Status: Running"_s));
         agent_.setHealthDown();
         QVERIFY(stateShown(u"Status: Stopped"_s));
         const int probes = agent_.countFor("/healthz");
         QTRY_VERIFY_WITH_TIMEOUT(agent_.countFor("/healthz") > probes, timeoutMs);
-        QCOMPARE(program->run(agent_.port(), {}).exitCode, 0);
+        QCOMPARE(program.run(agent_.port(), {}).exitCode, 0);
         QTRY_COMPARE_WITH_TIMEOUT(notifications.shown.size(), 3, timeoutMs);
         QCOMPARE(notifications.shown,
                  QString::fromUtf8(readFile(QFINDTESTDATA("notices.txt"))).trimmed().split("\n\n"_L1));
         // The no-tray notice came once per run, not again 10 s later, and not to the copy that found a tray.
-        QCOMPARE(program->logMessages().filter(u"No system tray"_s).size(), 1);
+        QCOMPARE(program.logMessages().filter(u"No system tray"_s).size(), 1);
         other.reset();
 
         // An XEmbed tray comes at last: its announcement is heard (within seconds, not at the half-minute
@@ -257,9 +245,11 @@ private slots:
         const QString socket = runtime.path() + "/wayland-test"_L1;
         QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(socket), timeoutMs);
 
-        auto program = makeProgram(u"wayland"_s);
-        program->variables = {{u"WAYLAND_DISPLAY"_s, socket}};
-        QProcess *process = program->start(agent_.port());
+        InstalledProgram program(u"wayland"_s);
+        FakeControlScript control(program.controlScript());
+        control.write({0, true, {}}, {0, true, {}}); // so that the menu can be looked at while a stop runs
+        program.variables = {{u"WAYLAND_DISPLAY"_s, socket}};
+        QProcess *process = program.start(agent_.port());
         QDBusInterface watcher(watcherService, u"/StatusNotifierWatcher"_s, watcherService);
         const auto registered = [&watcher] { return watcher.property("RegisteredStatusNotifierItems").toStringList(); };
         QTRY_COMPARE_WITH_TIMEOUT(registered().size(), 1, timeoutMs);
@@ -287,22 +277,22 @@ private slots:
                            u"/MenuBar"_s)
                        .type() == QDBusMessage::ReplyMessage;
         };
-        QTRY_VERIFY_WITH_TIMEOUT(program->logMessages().contains(u"Agent already healthy during launch."_s), timeoutMs);
+        QTRY_VERIFY_WITH_TIMEOUT(program.logMessages().contains(u"Agent already healthy during launch."_s), timeoutMs);
         QVERIFY(click(u"Stop Agent"_s));
-        QTRY_COMPARE_WITH_TIMEOUT(control_->runs(), QList<QStringList>{{u"stop"_s}}, timeoutMs);
+        QTRY_COMPARE_WITH_TIMEOUT(control.runs(), QList<QStringList>{{u"stop"_s}}, timeoutMs);
         agent_.setHealthDown();
-        control_->release(u"stop"_s);
+        control.release(u"stop"_s);
         QTRY_VERIFY_WITH_TIMEOUT(property(u"ToolTip"_s).contains("\"Quillmere Agent is offline\""_L1), timeoutMs);
         QTRY_VERIFY_WITH_TIMEOUT(property(u"IconPixmap"_s) != runningIcon, timeoutMs);
         // Run at Startup writes the entry where this user's session reads it, naming this program.
         QVERIFY(click(u"Run at Startup"_s));
-        QTRY_VERIFY(readFile(program->homeOf(u"first"_s) + "/.config/autostart/com.tallyhold.agent.app.desktop"_L1)
-                        .contains("\nExec=\"" + QFile::encodeName(program->root()) +
+        QTRY_VERIFY(readFile(program.homeOf(u"first"_s) + "/.config/autostart/com.tallyhold.agent.app.desktop"_L1)
+                        .contains("\nExec=\"" + QFile::encodeName(program.root()) +
                                   "/bin/quillmere-menu\" --launched-at-login\n"));
         // Quit: the agent is stopped before the program exits.
         QVERIFY(click(u"Quit"_s));
         QTRY_VERIFY_WITH_TIMEOUT(process->state() == QProcess::NotRunning && process->exitCode() == 0, timeoutMs);
-        QCOMPARE(control_->runs(), QList<QStringList>({{u"stop"_s}, {u"stop"_s}}));
+        QCOMPARE(control.runs(), QList<QStringList>({{u"stop"_s}, {u"stop"_s}}));
     }
 };
 
