@@ -7,7 +7,6 @@
 #include <QElapsedTimer>
 #include <QTest>
 #include <QtDBus>
-#include <optional>
 
 using namespace Qt::StringLiterals;
 
@@ -97,17 +96,6 @@ public slots:
 signals:
     void StatusNotifierHostRegistered();
 };
-
-// Runs a desktop tool to its end; a tool that is missing or fails fails the test.
-std::optional<QString> runTool(const QString &tool, const QStringList &arguments)
-{
-    QProcess process;
-    process.start(tool, arguments);
-    if (process.waitForFinished(10000) && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0)
-        return QString::fromUtf8(process.readAllStandardOutput());
-    qWarning().noquote() << tool << arguments << "failed:" << process.errorString() << process.readAllStandardError();
-    return std::nullopt;
-}
 
 } // namespace
 
@@ -210,18 +198,23 @@ private slots:
         // An XEmbed tray comes at last: its announcement is heard (within seconds, not at the half-minute
         // check for desktops that cannot be heard), its selection read, the icon embedded (only then shown).
         // tint2 waits for a window manager to announce its desktops; this desktop has none.
-        QVERIFY(runTool(u"xprop"_s, {u"-root"_s, u"-f"_s, u"_NET_NUMBER_OF_DESKTOPS"_s, u"32c"_s, u"-set"_s,
-                                     u"_NET_NUMBER_OF_DESKTOPS"_s, u"1"_s}));
+        // A tool that is missing or fails fails the test (its errors shown with the test's).
+        QCOMPARE(QProcess::execute(u"xprop"_s, {u"-root"_s, u"-f"_s, u"_NET_NUMBER_OF_DESKTOPS"_s, u"32c"_s, u"-set"_s,
+                                                u"_NET_NUMBER_OF_DESKTOPS"_s, u"1"_s}),
+                 0);
         startDesktopProgram(u"tint2"_s, {u"-c"_s, QFINDTESTDATA("tint2rc")});
         const QStringList icon{u"search"_s, u"--onlyvisible"_s, u"--classname"_s, u"quillmere-menu"_s};
-        QTRY_VERIFY_WITH_TIMEOUT(runTool(u"xdotool"_s, icon + QStringList{u"getwindowgeometry"_s})
-                                     .value_or(QString())
-                                     .contains("Geometry: 24x24"_L1),
-                                 10000);
+        const auto windows = [&icon](const QStringList &then) { // the program's visible windows, a line each
+            QProcess xdotool;
+            xdotool.start(u"xdotool"_s, icon + then);
+            return xdotool.waitForFinished(10000) ? QString::fromUtf8(xdotool.readAllStandardOutput()) : QString();
+        };
+        QTRY_VERIFY_WITH_TIMEOUT(windows({u"getwindowgeometry"_s}).contains("Geometry: 24x24"_L1), 10000);
         // A left click on it opens the menu: a second window of the program shows.
-        QVERIFY(runTool(u"xdotool"_s, icon + QStringList{u"mousemove"_s, u"--window"_s, u"%1"_s, u"12"_s, u"12"_s,
-                                                         u"click"_s, u"1"_s}));
-        QTRY_COMPARE_WITH_TIMEOUT(runTool(u"xdotool"_s, icon).value_or(QString()).count(u'\n'), 2, timeoutMs);
+        QCOMPARE(QProcess::execute(u"xdotool"_s, icon + QStringList{u"mousemove"_s, u"--window"_s, u"%1"_s, u"12"_s,
+                                                                    u"12"_s, u"click"_s, u"1"_s}),
+                 0);
+        QTRY_COMPARE_WITH_TIMEOUT(windows({}).count(u'\n'), 2, timeoutMs);
     }
 
     // Xfce's panel is there first; the program runs on Wayland and is driven as the panel drives it.
