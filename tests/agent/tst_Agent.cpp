@@ -96,8 +96,7 @@ private slots:
                            {200, R"({"status":")" + QByteArray(up ? "ok" : "down") + R"(","version":"2.0.1"})"});
         d.refreshHealth();
         QTRY_COMPARE(d.versionMenuItem->text(), u"Version: 2.0.1"_s);
-        // Only a change to running asks for a volume sync, forced: sent well inside the one-second
-        // debounce. Only a running agent clears the flags.
+        // Only a change to running asks for a forced volume sync (inside the 1 s debounce); only running clears flags.
         const int sync = up && !wasRunning;
         QTRY_COMPARE_WITH_TIMEOUT(std::tuple(d.stateMenuItem->text(), d.startInFlight, d.stopInFlight,
                                              int(d.mountedVolumeSyncDebounceWorkItem.get() != syncBefore),

@@ -200,8 +200,7 @@ private slots:
                                   QStringList{run("bootout", plistPath()), run("bootstrap", plistPath()),
                                               u"[kickstart][-k][gui/%1/%2]"_s.arg(getuid()).arg(ownLabel)}
                                       .first(installed ? 3 : 0);
-        // A quit while unloading our own job must not stick; leftovers go only once the new file is written,
-        // before it is loaded.
+        // A quit while unloading our job must not stick; leftovers go once the new file is written, before loading.
         QCOMPARE(std::tuple(service.calls, h.delegate.stopAgentOnTerminate, QFile::exists(plistPath()),
                             QFile::exists(obsoletePath(0)), launchctlCalls()),
                  std::tuple(

@@ -3,7 +3,6 @@
 #include "support/InstalledProgram.h"
 #include "support/Testing.h"
 
-#include <QFile>
 #include <csignal>
 #include <unistd.h>
 
