@@ -1,14 +1,9 @@
 // The real program on a user's desktops, driven and read as panels do: no tray for long (a late StatusNotifierItem
 // watcher, then tint2's XEmbed tray), and Wayland beside xfce4-panel. Each case has its own X server and bus.
-#include "support/FakeAgent.h"
-#include "support/FakeControlScript.h"
 #include "support/InstalledProgram.h"
+#include "support/Testing.h"
 
-#include <QElapsedTimer>
-#include <QTest>
 #include <QtDBus>
-
-using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -163,26 +158,23 @@ private slots:
         // One answer too slow between good ones, then a stop the next answer confirms: the menu follows
         // each, the user is told once, at the confirmation; the notice's button starts the agent. Back and
         // stopped again within the minute: not told again. A second launch is told.
-        const auto stateShown = [&program](const QString &title) {
+        const CannedResponse up{200, R"({"status":"ok","version":"1.4.2"})"}, down{503, R"({"status":"down"})"};
+        const auto answerShows = [&](const CannedResponse &answer, const QString &title) {
+            agent_.setResponse("/healthz", answer);
             return QTest::qWaitFor(
                 [&] { return program.logMessages().last().startsWith("State updated: "_L1 + title); }, timeoutMs);
         };
-        agent_.setResponse("/healthz",
-                           {200, "{\"status\":\"ok\",\"version\":\"1.4.2\"}", "application/json", false, 3000});
-        QVERIFY(stateShown(u"Status: Stopped"_s));
-        agent_.setHealthy(u"1.4.2"_s);
-        QVERIFY(stateShown(u"Status: Running"_s));
-        agent_.setHealthDown();
-        QVERIFY(stateShown(u"Status: Stopped"_s));
+        QVERIFY(answerShows({200, up.body, "application/json", false, 3000}, u"Status: Stopped"_s));
+        QVERIFY(answerShows(up, u"Status: Running"_s));
+        QVERIFY(answerShows(down, u"Status: Stopped"_s));
         QCOMPARE(notifications.shown.size(), 1);
         QTRY_COMPARE_WITH_TIMEOUT(notifications.shown.size(), 2, timeoutMs);
         emit notifications.ActionInvoked(2, u"start-agent"_s);
         QTRY_COMPARE_WITH_TIMEOUT(control.runs(), QList<QStringList>{{u"start"_s}}, timeoutMs);
-        agent_.setHealthy(u"1.4.2"_s);
+        agent_.setResponse("/healthz", up); // before the start ends
         control.release(u"start"_s);
-        QVERIFY(stateShown(u"Status: Running"_s));
-        agent_.setHealthDown();
-        QVERIFY(stateShown(u"Status: Stopped"_s));
+        QVERIFY(answerShows(up, u"Status: Running"_s));
+        QVERIFY(answerShows(down, u"Status: Stopped"_s));
         const int probes = agent_.countFor("/healthz");
         QTRY_VERIFY_WITH_TIMEOUT(agent_.countFor("/healthz") > probes, timeoutMs);
         QCOMPARE(program.run(agent_.port(), {}).exitCode, 0);

@@ -12,10 +12,9 @@ QString wholeMenu(const QMenu &menu)
 {
     QStringList entries;
     for (const QAction *item : menu.actions()) {
-        QString entry = item->isSeparator()
-                            ? u"-"_s
-                            : (item->isChecked() ? u"[x] "_s : QString()) +
-                                  QString(item->text()).replace(QRegularExpression(u"&(.)"_s), u"\\1"_s);
+        QString entry = item->isSeparator() ? u"-"_s : item->text().replace(QRegularExpression(u"&(.)"_s), u"\\1"_s);
+        if (item->isChecked())
+            entry.prepend(u"[x] "_s);
         if (const QString keys = item->shortcut().toString(); !keys.isEmpty())
             entry += " <" + keys + '>';
         entries.append(item->isEnabled() ? entry : '(' + entry + ')');
