@@ -41,8 +41,7 @@ private slots:
         const auto row = [](const char *name, CannedResponse response, bool running, const QString &version) {
             QTest::newRow(name) << response << QList<QPair<bool, QString>>{{running, version}};
         };
-        row("299, case and white space", {299, "{\"status\":\" \\n oK \\r\\n\",\"version\":\"\\t1.4.2\\n\"}"}, true,
-            v142);
+        row("299, case and white space", {299, R"({"status":" \n oK \r\n","version":"\t1.4.2\n"})"}, true, v142);
         row("null version", {200, R"({"status":"ok","version":null})"}, true, lastKnown);
         row("blank version", {200, R"({"status":"ok","version":" \t "})"}, true, lastKnown);
         row("status with a full stop", {200, R"({"status":"ok.","version":"1.4.2"})"}, false, v142);
@@ -117,12 +116,11 @@ private slots:
                                       page + "-failed.html",        "Opening logs directory: " + env.logsDir(),
                                       state.arg("Start failed"),    state.arg("Stopped")};
         QTest::newRow("start fails") << u"start"_s << QStringList{page + ".html"} + failedStart;
+        const QString told = u"Quillmere Agent could not start\nagentctl.sh start ended with exit code 1. The log is "
+                             "%1/menu-app.log."_s.arg(env.logsDir());
         QTest::newRow("start at launch fails")
             << u"launch"_s
-            << QStringList(failedStart).filter(QRegularExpression(u"^(?!Opening)"_s)) +
-                   QStringList{
-                       "Quillmere Agent could not start\nagentctl.sh start ended with exit code 1. The log is "_L1 +
-                       env.logsDir() + "/menu-app.log."};
+            << QStringList(failedStart).filter(QRegularExpression(u"^(?!Opening)"_s)) + QStringList{told};
         QTest::newRow("stop") << u"stop"_s
                               << QStringList{state.arg("Stopping..."), launch + "stop", "Process exited with code 0",
                                              state.arg("Stopped")};
