@@ -99,8 +99,7 @@ class DesktopTest : public QObject {
     FakeAgent agent_;
     std::vector<std::unique_ptr<QProcess>> desktopPrograms_;
 
-    // A panel or compositor that stays until the test function ends; one not installed fails the test.
-    // It has the test's environment but for the variables given (a null value removes one).
+    // A panel or compositor kept to the function's end, in the test's environment but given variables (null: unset).
     void startDesktopProgram(const QString &program, const QStringList &arguments,
                              const QHash<QString, QString> &variables = {})
     {
