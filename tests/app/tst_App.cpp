@@ -161,24 +161,21 @@ private slots:
                       in + file + " (it is not a folder). Using " + file + lock + " instead.",
                       "Single-instance lock cannot be created at " + file + lock +
                           " either. Another copy of the application will not be detected."}));
-        // Every kind of value an Info.plist holds is read as what it is, so that none spoils its neighbours;
-        // a file whose top is not a dictionary in a plist gives nothing.
+        // Every kind of value an Info.plist holds is read as what it is, so that none spoils its neighbours.
         QCOMPARE(
-            (QList<QVariantMap>{propertyListDictionary(
-                                    "<plist><dict><key>i</key><integer> 7 </integer><key>t</key><true/><key>f</key>"
-                                    "<false/><key>r</key><real>1.5</real><key>a</key><array><string>x</string>"
-                                    "<dict/></array><key>d</key><date/><key>s</key><string>2</string></dict></plist>"),
-                                propertyListDictionary("<plist><array><key>k</key><string>v</string></array></plist>"),
-                                propertyListDictionary("<dict><key>k</key><string>v</string></dict>")}),
-            (QList<QVariantMap>{{{u"i"_s, 7LL},
-                                 {u"t"_s, true},
-                                 {u"f"_s, false},
-                                 {u"r"_s, 1.5},
-                                 {u"a"_s, QVariantList{u"x"_s, QVariantMap()}},
-                                 {u"d"_s, QVariant()},
-                                 {u"s"_s, u"2"_s}},
-                                {},
-                                {}}));
+            propertyListDictionary("<plist><dict><key>i</key><integer> 7 </integer><key>t</key><true/><key>f</key>"
+                                   "<false/><key>r</key><real>1.5</real><key>a</key><array><string>x</string>"
+                                   "<dict/></array><key>d</key><date/><key>s</key><string>2</string></dict></plist>"),
+            (QVariantMap{{u"i"_s, 7LL},
+                         {u"t"_s, true},
+                         {u"f"_s, false},
+                         {u"r"_s, 1.5},
+                         {u"a"_s, QVariantList{u"x"_s, QVariantMap()}},
+                         {u"d"_s, QVariant()},
+                         {u"s"_s, u"2"_s}}));
+        for (const char *notADictionaryInAPlist : {"<plist><array><key>k</key><string>v</string></array></plist>",
+                                                   "<dict><key>k</key><string>v</string></dict>"})
+            QCOMPARE(propertyListDictionary(notADictionaryInAPlist), QVariantMap());
         const Configuration c; // the timings as shipped (ms), which most tests shorten
         QCOMPARE((QList<qint64>{c.launchFlowDelay.count(), c.refreshInterval.count(), c.healthTimeout.count(),
                                 c.volumeSyncTimeout.count(), c.volumeSyncDebounce.count(),
