@@ -116,13 +116,16 @@ CommandLine parseCommandLine(const QStringList &arguments)
     // The first argument not understood, as the user typed it.
     QString notUnderstood;
     if (!parser.unknownOptionNames().isEmpty()) {
-        const QString name = parser.unknownOptionNames().constFirst();
+        // Qt keeps the dashes past the usual two in the name ("---x" is "-x"): both are matched without any.
+        const auto withoutDashes = [](QString text) {
+            while (text.startsWith(u'-'))
+                text.remove(0, 1);
+            return text;
+        };
+        const QString name = withoutDashes(parser.unknownOptionNames().constFirst());
         notUnderstood = QStringLiteral("-") + name;
         for (const QString &argument : arguments.mid(1)) {
-            QString bare = argument.section(u'=', 0, 0);
-            while (bare.startsWith(u'-'))
-                bare.remove(0, 1);
-            if (argument.startsWith(u'-') && bare == name) {
+            if (argument.startsWith(u'-') && withoutDashes(argument.section(u'=', 0, 0)) == name) {
                 notUnderstood = argument.section(u'=', 0, 0);
                 break;
             }

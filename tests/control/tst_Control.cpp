@@ -41,6 +41,7 @@ private slots:
         QTest::newRow("-v --bogus") << u"version|||"_s;
         // Not understood: the program starts as it always has, and says so.
         QTest::newRow("--versio") << u"launch|||unknown option '--versio'"_s;
+        QTest::newRow("---versio") << u"launch|||unknown option '---versio'"_s;
         QTest::newRow("stray") << u"launch|||unexpected argument 'stray'"_s;
         QTest::newRow("-launched-at-login")
             << u"launch|||'-launched-at-login' is not the login flag --launched-at-login"_s;
