@@ -60,12 +60,12 @@ private slots:
             {"Process stdout: started agent", exited.arg(3)}};
         QTest::newRow("undecodable dropped, killed") << ProcessRow{"printf 'ok\\377\\n'; kill -9 $$", 9, stop, none,
             {exited.arg(9)}};
-        // 16 MiB on each stream at once; the limit falls inside a two-byte character.
-        const QString out = u'a' + QString(ProcessRunner::outputLimitBytes / 2 - 1, u'é'),
+        // 16 MiB on each stream at once; the limit falls on the last byte of a four-byte character.
+        const QString out = u'a' + u"\U0001F4BE"_s.repeated(ProcessRunner::outputLimitBytes / 4 - 1),
                       err(ProcessRunner::outputLimitBytes, u'x');
         QTest::newRow("flood kept to the limit") << ProcessRow{
-            "head -c 16777216 /dev/zero | tr '\\0' x >&2 & printf a; yes é | tr -d '\\n' | head -c 16777216; wait", 0, stop,
-            {out, err}, {"Process stdout: " + out + " [15728642 more bytes left out]",
+            "head -c 16777216 /dev/zero | tr '\\0' x >&2 & printf a; yes 💾 | tr -d '\\n' | head -c 16777216; wait", 0, stop,
+            {out, err}, {"Process stdout: " + out + " [15728644 more bytes left out]",
                          "Process stderr: " + err + " [15728640 more bytes left out]", exited.arg(0)}};
         // clang-format on
     }

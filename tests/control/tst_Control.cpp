@@ -165,21 +165,27 @@ private slots:
 
         // A flood of bad, oversized (a byte past the limit) and unfinished requests: all but the unfinished
         // answered, nothing kept.
-        const QByteArray requests[] = {"{\"command\":\"bogus\"}\n", "not json\n", QByteArray(1025, 'x'),
+        const QByteArray requests[] = {"{\"command\":\"bogus\"}\n",
+                                       "not json\n",
+                                       QByteArray(1025, 'x'),
+                                       "{\"command\":\"open\",\"page\":\"bogus\"}\n",
+                                       "{\"command\":\"status\",\"page\":\"logs\"}\n",
                                        "{\"command\":\"status\""};
         QByteArrayList answers;
         for (int i = 0; i < 1000; ++i) {
             auto socket = connected();
-            QVERIFY(socket && socket->write(requests[i % 4]) && socket->waitForBytesWritten(2000) &&
-                    (i % 4 > 2 || socket->waitForReadyRead(2000)));
-            if (i < 4)
+            QVERIFY(socket && socket->write(requests[i % 6]) && socket->waitForBytesWritten(2000) &&
+                    (i % 6 == 5 || socket->waitForReadyRead(2000)));
+            if (i < 6)
                 answers << socket->readAll();
-            if (i % 4 == 3 && unfinished.size() < 40)
+            if (i % 6 == 5 && unfinished.size() < 40)
                 unfinished.push_back(std::move(socket));
         }
         QCOMPARE(answers, QByteArrayList({"{\"message\":\"unknown command\",\"reply\":\"error\"}\n",
                                           "{\"message\":\"not a JSON object\",\"reply\":\"error\"}\n",
-                                          "{\"message\":\"request too long\",\"reply\":\"error\"}\n", ""}));
+                                          "{\"message\":\"request too long\",\"reply\":\"error\"}\n",
+                                          "{\"message\":\"unknown page\",\"reply\":\"error\"}\n",
+                                          "{\"message\":\"a page where none goes\",\"reply\":\"error\"}\n", ""}));
         QTRY_VERIFY_WITH_TIMEOUT(openDescriptors(pid) <= descriptors + 2, 10000); // unfinished ones dropped
         QCOMPARE_LT(memoryKb("VmRSS", pid) - memory, 4096);                       // kB
 
