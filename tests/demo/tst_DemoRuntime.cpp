@@ -93,15 +93,15 @@ private slots:
         QCOMPARE_GE(sinceConnected.elapsed(), 9000); // not before its 10 s
         QCOMPARE(runScript(u"stop"_s).first, 0);
         QCOMPARE(answerTo("GET /healthz HTTP/1.1"), QByteArray()); // nobody answers any more
-        QList<QPair<int, QByteArray>> told; // its own command line: the version, else how to use it
+        QList<std::pair<int, QByteArray>> told; // its own command line: the version, else how to use it
         for (const QString &argument : {u"--version"_s, u"--help"_s}) {
             QProcess agent;
             agent.setProcessChannelMode(QProcess::MergedChannels);
             agent.start(QStringLiteral(QUILLMERE_BUILD_RESOURCES "/runtime/quillmere-demo-agent"), {argument});
-            told << QPair{agent.waitForFinished() ? agent.exitCode() : -1, agent.readAll()};
+            told << std::pair{agent.waitForFinished() ? agent.exitCode() : -1, agent.readAll()};
         }
-        QCOMPARE(told, (QList<QPair<int, QByteArray>>{{0, "1.4.2\n"},
-                                                      {2, "usage: quillmere-demo-agent [--probe | --version]\n"}}));
+        QCOMPARE(told, (QList<std::pair<int, QByteArray>>{{0, "1.4.2\n"},
+                                                          {2, "usage: quillmere-demo-agent [--probe | --version]\n"}}));
         // Its log tells each start, snapshot and stop.
         const QString at = u"127.0.0.1:%1"_s.arg(port);
         QCOMPARE(QString::fromUtf8(readFile(env.logsDir() + "/agent.log"_L1))
