@@ -212,14 +212,14 @@ private slots:
         QTRY_COMPARE(posted, QStringList{WorkspaceNotification::didWake});
 
         // Back\slash, Stick and "Sp " (not "Sp\\040") go, the stacked Cafe mount moves, USB DISK comes back
-        // under a new name, a new disk comes, and so does another one on Back\slash's reused device numbers;
+        // under a new name, a new disk comes, and so do others on Back\slash's and Stick's reused device numbers;
         // a line cut after its options still names a mount, one cut before them does not, and an escape
         // that is not three octal digits is taken as written (two folders down: not a volume).
         writeFile(table, readFile(QFINDTESTDATA("mountinfo-changed")));
         watcher.rescan();
         watcher.rescan();
-        QCOMPARE(posted.mid(1),
-                 QStringList({didUnmount, didUnmount, didUnmount, didRename, didRename, didMount, didMount, didMount}));
+        QCOMPARE(posted.mid(1), QStringList({didUnmount, didUnmount, didUnmount, didRename, didRename, didMount,
+                                             didMount, didMount, didMount}));
         bus.kill(), bus.waitForFinished();
     }
 
