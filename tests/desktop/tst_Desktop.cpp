@@ -201,6 +201,11 @@ private slots:
         // A left click on it opens the menu: a second window of the program shows.
         QCOMPARE(QProcess::execute(u"xdotool"_s, icon + u"mousemove --window %1 12 12 click 1"_s.split(u' ')), 0);
         QTRY_COMPARE_WITH_TIMEOUT(windows({}).count(u'\n'), 2, timeoutMs);
+        // The diagnosis sees the desktop as it is: a tray over XEmbed alone, notices that show buttons.
+        const QString report = program.run(agent_.port(), {u"--diagnose"_s}).output;
+        QCOMPARE(report.section(u"\ndesktop:\n"_s, 1).section(u"runAtStartup:"_s, 0, 0),
+                 u"  notificationCapabilities:\n    | actions\n    | body\n  notifications: yes\n  sessionBus: yes\n"
+                 "  statusNotifierHost: no\n  statusNotifierWatcher: no\n  trayHost: XEmbed\n  xembedTray: yes\n"_s);
     }
 
     // Xfce's panel is there first; the program runs on Wayland and is driven as the panel drives it.
@@ -243,6 +248,11 @@ private slots:
         // The menu of an icon made while the panel was there; the tool tip's title and text.
         QTRY_COMPARE_WITH_TIMEOUT(menuShown(tray), runningMenu, timeoutMs);
         QTRY_VERIFY_WITH_TIMEOUT(property(u"ToolTip"_s).contains("\"Quillmere Agent is running\""_L1), timeoutMs);
+        // This panel offers both trays; the diagnosis names the one Qt uses.
+        const QString report = program.run(agent_.port(), {u"--diagnose"_s}).output;
+        QCOMPARE(report.section(u"\ndesktop:\n"_s, 1).section(u"runAtStartup:"_s, 0, 0),
+                 u"  notificationCapabilities: -\n  notifications: no\n  sessionBus: yes\n  statusNotifierHost: yes\n"
+                 "  statusNotifierWatcher: yes\n  trayHost: StatusNotifierItem\n  xembedTray: yes\n"_s);
         const QString runningIcon = property(u"IconPixmap"_s);
         // A plain click opens the menu without a pointer position Wayland cannot give. The program
         // answers its bus in order, so the next answer comes after the menu was asked for; and Qt gives
