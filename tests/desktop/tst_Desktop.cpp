@@ -124,6 +124,7 @@ private slots:
 
     void noTray()
     {
+        qputenv("DISPLAY", qgetenv("DISPLAY") + ".1"); // this desktop's programs and tray on the second screen
         NotificationService notifications;
         QDBusConnection bus = QDBusConnection::sessionBus();
         QVERIFY(bus.registerObject(u"/org/freedesktop/Notifications"_s, &notifications,

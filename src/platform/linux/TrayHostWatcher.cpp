@@ -30,14 +30,6 @@ xcb_atom_t internAtom(xcb_connection_t *connection, const QByteArray &name)
     return atom;
 }
 
-xcb_window_t rootWindow(xcb_connection_t *connection, int screenNumber)
-{
-    xcb_screen_iterator_t screens = xcb_setup_roots_iterator(xcb_get_setup(connection));
-    for (int i = 0; i < screenNumber && screens.rem > 0; ++i)
-        xcb_screen_next(&screens);
-    return screens.rem > 0 ? screens.data->root : xcb_window_t(XCB_WINDOW_NONE);
-}
-
 } // namespace
 
 TrayHostWatcher::TrayHostWatcher(QObject *parent) : QObject(parent)
@@ -81,7 +73,8 @@ void TrayHostWatcher::watch()
     watching_ = true;
     bool deaf = false; // to an announcement some tray would make
     if (xcb_connection_t *connection = x11Connection()) {
-        // The screen Qt connected to: the one DISPLAY names.
+        // The screen Qt connected to: the one DISPLAY names. A new tray's MANAGER message goes to
+        // the root windows' structure listeners, which Qt's xcb backend already is on every screen.
         int screenNumber = 0;
         char *host = nullptr;
         int display = 0;
@@ -90,21 +83,6 @@ void TrayHostWatcher::watch()
         free(host);
         traySelection_ = internAtom(connection, "_NET_SYSTEM_TRAY_S" + QByteArray::number(screenNumber));
         managerAtom_ = internAtom(connection, "MANAGER");
-        // A new tray's MANAGER message goes to the root window's structure listeners. The event
-        // mask is per client, so Qt's own choice for the root window is kept and widened.
-        const xcb_window_t root = rootWindow(connection, screenNumber);
-        xcb_get_window_attributes_reply_t *attributes =
-            root ? xcb_get_window_attributes_reply(connection, xcb_get_window_attributes(connection, root), nullptr)
-                 : nullptr;
-        deaf = !attributes;
-        if (attributes && !(attributes->your_event_mask & XCB_EVENT_MASK_STRUCTURE_NOTIFY)) {
-            const quint32 mask = attributes->your_event_mask | XCB_EVENT_MASK_STRUCTURE_NOTIFY;
-            xcb_generic_error_t *error = xcb_request_check(
-                connection, xcb_change_window_attributes_checked(connection, root, XCB_CW_EVENT_MASK, &mask));
-            deaf = error != nullptr;
-            free(error);
-        }
-        free(attributes);
     }
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (bus.isConnected()) {
