@@ -19,8 +19,6 @@ const QByteArray marked = "<plist><string>/Beta.app</string><string>--launched-a
 const QByteArray markedInComment = "<plist><!-- started with --launched-at-login --><dict/></plist>";
 const QByteArray unmarked = "<plist><key>Label</key><string>com.tallyhold.agent</string></plist>";
 const QByteArray notUtf8 = "<plist>\xff\xfe<string>--launched-at-login</string></plist>";
-const QString translocated =
-    u"/private/var/folders/x/AppTranslocation/1A2B/d/Quillmere Agent.app/Contents/MacOS/quillmere-menu"_s;
 
 // Service available, own plist there, the service's status, the item's check state, each obsolete label's leftover.
 using ResolveRow = std::tuple<bool, bool, int, int, QByteArray>;
@@ -164,7 +162,8 @@ private slots:
         else if (tag.endsWith("no executable"))
             config.executablePath.reset();
         else if (tag.endsWith("translocated"))
-            config.executablePath = translocated;
+            config.executablePath =
+                u"/private/var/folders/x/AppTranslocation/1A2B/d/Quillmere Agent.app/Contents/MacOS/quillmere-menu"_s;
         else if (tag.endsWith("a file")) // and a file in the way of a folder's making
             writeFile(config.applicationSupportDirectory, {});
         Controller h(config, false);
@@ -201,21 +200,17 @@ private slots:
 #ifndef Q_OS_LINUX
         QSKIP("the XDG autostart entry is the login-item service of Linux desktops");
 #else
-        FakePlatform fakes;
-        ApplicationHost host;
-        PlatformServices services = fakes.services();
         Configuration config = configuration();
         config.launchctlPath.reset(); // as on every Linux system
+        Controller h(config, false);
         // The program is quoted, with the escapes of a desktop entry's strings and arguments.
         auto *entries =
-            new AutostartLoginItemService(config.configDirectory, ownLabel, u"/a b/\"$`\\100%\n\t"_s, fakes.opener);
-        services.loginItems.reset(entries);
-        AppDelegate delegate(config, std::move(services), &host);
-        host.setDelegate(&delegate);
+            new AutostartLoginItemService(config.configDirectory, ownLabel, u"/a b/\"$`\\100%\n\t"_s, h.fakes.opener);
+        h.delegate.platform().loginItems.reset(entries);
         const QString folder = env.configHome() + u"/autostart"_s, entry = folder + '/' + ownLabel + ".desktop";
 
-        delegate.refreshRunAtStartupState();
-        QAction *item = delegate.runAtStartupMenuItem();
+        h.delegate.refreshRunAtStartupState();
+        QAction *item = h.delegate.runAtStartupMenuItem();
         item->trigger();
         QVERIFY(item->isChecked());
         QCOMPARE(readFile(entry), readFile(QFINDTESTDATA("autostart.desktop")));
@@ -239,7 +234,7 @@ private slots:
 
         entries->openSystemSettingsLoginItems();
         QVERIFY(QFileInfo(folder).isDir());
-        QCOMPARE(fakes.opener->opened, QList<QUrl>{QUrl::fromLocalFile(folder)});
+        QCOMPARE(h.fakes.opener->opened, QList<QUrl>{QUrl::fromLocalFile(folder)});
 
         // No autostart folder (a file stops root too): said so, not faked with a launch agent Linux never reads.
         QDir(folder).removeRecursively();
