@@ -20,8 +20,8 @@ const QByteArray markedInComment = "<plist><!-- started with --launched-at-login
 const QByteArray unmarked = "<plist><key>Label</key><string>com.tallyhold.agent</string></plist>";
 const QByteArray notUtf8 = "<plist>\xff\xfe<string>--launched-at-login</string></plist>";
 
-// Service available, own plist there, the service's status, the item's check state, each obsolete label's leftover.
-using ResolveRow = std::tuple<bool, bool, int, int, QByteArray>;
+// Service available, own plist there, the service's status, each obsolete label's leftover.
+using ResolveRow = std::tuple<bool, bool, int, QByteArray>;
 // A failed register's or unregister's code (0: it succeeds; -1: no login-item service), the status after.
 using OutcomeRow = std::pair<int, int>;
 
@@ -36,11 +36,19 @@ class RunAtStartupTest : public QObject {
     QString recordPath() const { return env.root() + u"/launchctl-calls.txt"_s; }
     QStringList launchctlCalls() const { return QString(readFile(recordPath())).split('\n', Qt::SkipEmptyParts); }
 
-    // What is expected, from the block of run-at-startup.log that the name heads (blocks part at blank lines), and
+    // What the login items were asked and which launch agents are left.
+    QStringList outcome(const FakeLoginItemService &service) const
+    {
+        return {
+            u"login items: [%1]"_s.arg(service.calls.join(u", "_s)),
+            u"left: [%1]"_s.arg(QDir(agentsDir()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot).join(u", "_s))};
+    }
+
+    // What is expected, from the block of run-at-startup.txt that the name heads (blocks part at blank lines), and
     // what came: each line that one ending in "$ANY" there starts given as that one.
     std::pair<QStringList, QStringList> expectedAndLogged(const QString &name, QStringList logged) const
     {
-        const QString text = QString::fromUtf8(readFile(QFINDTESTDATA("run-at-startup.log")));
+        const QString text = QString::fromUtf8(readFile(QFINDTESTDATA("run-at-startup.txt")));
         QStringList lines{u"(no block) "_s + name};
         for (const QString &block : text.split(u"\n\n"_s))
             if (block.section(u'\n', 0, 0) == name)
@@ -72,19 +80,18 @@ private slots:
     void resolvesShowsAndSwitches_data()
     {
         QTest::addColumn<ResolveRow>("row");
-        const int off = menuItemStateOff, on = menuItemStateOn, approval = menuItemStateMixed;
-        QTest::newRow("no service, nothing") << ResolveRow{false, false, 1, off, {}};
-        QTest::newRow("no service, own plist") << ResolveRow{false, true, 0, on, {}};
-        QTest::newRow("requires approval") << ResolveRow{true, false, 2, approval, {}};
-        QTest::newRow("requires approval, leftover") << ResolveRow{true, false, 2, on, markedInComment};
-        QTest::newRow("leftover without marker") << ResolveRow{true, false, 0, off, unmarked};
-        QTest::newRow("leftover not UTF-8") << ResolveRow{true, false, 0, off, notUtf8};
+        QTest::newRow("no service, nothing") << ResolveRow{false, false, 1, {}};
+        QTest::newRow("no service, own plist") << ResolveRow{false, true, 0, {}};
+        QTest::newRow("requires approval") << ResolveRow{true, false, 2, {}};
+        QTest::newRow("requires approval, leftover") << ResolveRow{true, false, 2, markedInComment};
+        QTest::newRow("leftover without marker") << ResolveRow{true, false, 0, unmarked};
+        QTest::newRow("leftover not UTF-8") << ResolveRow{true, false, 0, notUtf8};
     }
 
     void resolvesShowsAndSwitches()
     {
         QFETCH(ResolveRow, row);
-        const auto [available, ownPlist, status, shown, leftover] = row;
+        const auto [available, ownPlist, status, leftover] = row;
         if (ownPlist)
             writeFile(plistPath(), QByteArray());
         for (int i = 0; i < obsoleteLabels.size() && !leftover.isNull(); ++i) // null: none
@@ -97,32 +104,26 @@ private slots:
         QAction *item = h.delegate.runAtStartupMenuItem();
         setMenuItemCheckState(item, menuItemStateMixed);
         h.delegate.refreshRunAtStartupState();
-        const QImage mark = item->icon().pixmap(16).toImage(); // the mixed one: a grey dash across a clear square
-        const bool mixed = shown == menuItemStateMixed;
-        QCOMPARE(std::tuple(menuItemCheckState(item), item->text(),
-                            mark.isNull()
-                                ? QList<QColor>()
-                                : QList<QColor>{mark.pixelColor(8, 8), mark.pixelColor(1, 8), mark.pixelColor(8, 5)}),
-                 std::tuple(shown, mixed ? u"Run at Startup (Needs Approval)"_s : u"Run at Startup"_s,
-                            mixed ? QList<QColor>{QColor(128, 128, 128), Qt::transparent, Qt::transparent}
-                                  : QList<QColor>()));
+        QStringList seen{u"shown: %1, %2"_s.arg(
+            QStringList{u"mixed"_s, u"off"_s, u"on"_s}.value(menuItemCheckState(item) + 1), item->text())};
+        if (const QImage mark = item->icon().pixmap(16).toImage(); !mark.isNull()) // a grey dash across a clear square
+            for (const QPoint at : {QPoint(8, 8), QPoint(1, 8), QPoint(8, 5)})
+                seen << u"mark at %1,%2: %3"_s.arg(at.x()).arg(at.y()).arg(mark.pixelColor(at).name(QColor::HexArgb));
         QVERIFY(service.calls.isEmpty() && launchctlCalls().isEmpty() && env.messagesSinceMark().isEmpty());
 
-        // Choosing the item turns on only what was off; needing approval counts as on.
+        // Choosing the item turns on only what was off; needing approval counts as on. Either way marked leftovers
+        // are cleaned up, and only those.
         item->trigger();
-        // Either way marked leftovers are cleaned up, and only those (the folder is listed by name, ours first).
-        const bool turnedOn = shown == menuItemStateOff, kept = leftover == unmarked || leftover == notUtf8;
-        QCOMPARE(std::tuple(service.calls, item->isChecked(), item->text(),
-                            QDir(agentsDir()).entryList(QDir::Files).replaceInStrings(u".plist"_s, QString())),
-                 std::tuple(
-                     QStringList{turnedOn ? "register" : "unregister"}.first(available), turnedOn, u"Run at Startup"_s,
-                     QStringList{ownLabel}.first(turnedOn && !available) + (kept ? obsoleteLabels : QStringList())));
+        seen << u"chosen: %1, %2"_s.arg(item->isChecked() ? u"checked"_s : u"unchecked"_s, item->text())
+             << outcome(service);
+        const auto [lines, logged] = expectedAndLogged(QString::fromLatin1(QTest::currentDataTag()), seen);
+        QCOMPARE(logged, lines);
     }
 
     // Switched on (off where the name says so) over a marked leftover and an earlier install of our own.
     void switchOutcomes_data()
     {
-        // What is logged, then run, asked of the login items and left: the block of run-at-startup.log the name heads.
+        // What is logged, then run, asked of the login items and left: the block of run-at-startup.txt the name heads.
         QTest::addColumn<OutcomeRow>("row");
         QTest::newRow("enable") << OutcomeRow{0, 1};
         QTest::newRow("needs approval") << OutcomeRow{0, 2};
@@ -183,10 +184,7 @@ private slots:
         const auto [lines, logged] = expectedAndLogged(
             QString::fromLatin1(tag),
             env.messagesSinceMark().filter(QRegularExpression(u"^(?!Launching process: |Process )"_s)) +
-                launchctlCalls() +
-                QStringList{u"login items: [%1]"_s.arg(service.calls.join(u", "_s)),
-                            u"left: [%1]"_s.arg(
-                                QDir(agentsDir()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot).join(u", "_s))});
+                launchctlCalls() + outcome(service));
         QCOMPARE(logged, lines);
         if (lines.contains("Enabled legacy run-at-startup plist at " + plistPath())) // every byte counts
             QCOMPARE(
