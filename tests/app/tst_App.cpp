@@ -155,17 +155,14 @@ private slots:
                                                                   .replace(u"$DIR"_s, dir.path())
                                                                   .replace(u"$UID"_s, QString::number(::getuid())));
         // Every kind of value an Info.plist holds is read as what it is, so that none spoils its neighbours.
+        const QVariantMap values{{u"i"_s, 7LL},   {u"t"_s, true},       {u"f"_s, false},
+                                 {u"r"_s, 1.5},   {u"d"_s, QVariant()}, {u"a"_s, QVariantList{u"x"_s, QVariantMap()}},
+                                 {u"s"_s, u"2"_s}};
         QCOMPARE(
             propertyListDictionary("<plist><dict><key>i</key><integer> 7 </integer><key>t</key><true/><key>f</key>"
                                    "<false/><key>r</key><real>1.5</real><key>a</key><array><string>x</string>"
                                    "<dict/></array><key>d</key><date/><key>s</key><string>2</string></dict></plist>"),
-            (QVariantMap{{u"i"_s, 7LL},
-                         {u"t"_s, true},
-                         {u"f"_s, false},
-                         {u"r"_s, 1.5},
-                         {u"a"_s, QVariantList{u"x"_s, QVariantMap()}},
-                         {u"d"_s, QVariant()},
-                         {u"s"_s, u"2"_s}}));
+            values);
         for (const char *notADictionaryInAPlist : {"<plist><array><key>k</key><string>v</string></array></plist>",
                                                    "<dict><key>k</key><string>v</string></dict>"})
             QCOMPARE(propertyListDictionary(notADictionaryInAPlist), QVariantMap());
