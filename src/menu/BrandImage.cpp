@@ -21,14 +21,6 @@ constexpr qreal markLineWidth = 1.8;
 // Counter-clockwise from the positive x axis: from the lower right towards the upper left.
 constexpr qreal gradientAngleDegrees = 135.0;
 
-struct BadgeColors {
-    QColor fill;
-    QColor gradientStart;
-    QColor gradientEnd;
-    QColor outline;
-    QColor mark;
-};
-
 QColor rgb255(int red, int green, int blue, qreal alpha)
 {
     return QColor::fromRgbF(float(red / 255.0), float(green / 255.0), float(blue / 255.0), float(alpha));
@@ -37,15 +29,6 @@ QColor rgb255(int red, int green, int blue, qreal alpha)
 QColor white255(int white, qreal alpha)
 {
     return rgb255(white, white, white, alpha);
-}
-
-BadgeColors badgeColors(bool running)
-{
-    if (running)
-        return {white255(17, 0.98), rgb255(10, 183, 222, 0.34), rgb255(3, 131, 162, 0.12), rgb255(77, 166, 195, 0.82),
-                rgb255(150, 235, 251, 1.0)};
-    return {white255(70, 0.9), rgb255(138, 145, 154, 0.24), rgb255(96, 103, 111, 0.12), rgb255(171, 178, 186, 0.7),
-            rgb255(222, 226, 230, 0.9)};
 }
 
 // A linear gradient laid across bounds at angle (degrees, counter-clockwise, y up): the start and
@@ -61,6 +44,15 @@ QLinearGradient gradientAcross(const QRectF &bounds, qreal angleDegrees)
 }
 
 } // namespace
+
+BadgeColors badgeColors(bool running)
+{
+    if (running)
+        return {white255(17, 0.98), rgb255(10, 183, 222, 0.34), rgb255(3, 131, 162, 0.12), rgb255(77, 166, 195, 0.82),
+                rgb255(150, 235, 251, 1.0)};
+    return {white255(70, 0.9), rgb255(138, 145, 154, 0.24), rgb255(96, 103, 111, 0.12), rgb255(171, 178, 186, 0.7),
+            rgb255(222, 226, 230, 0.9)};
+}
 
 void drawBrandBadge(QPainter &painter, const QRectF &destination, bool running)
 {

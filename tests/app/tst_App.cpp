@@ -98,8 +98,8 @@ private slots:
         QTest::addColumn<QString>("out");
         const QString app = u"/Applications/Quillmere Agent.app/Contents"_s, conf = u"/com.tallyhold.agent.app.conf"_s;
         const QString xdg = "|/home/me/.local/share|/home/me/.config" + conf + '|';
-        QTest::newRow("installed, tidied, relative XDG ignored, both media folders")
-            << u"/opt/q/bin/quillmere-menu|/home/me/|relative/share|||me"_s
+        QTest::newRow("installed, tidied, relative XDG and volumes folder ignored, both media folders")
+            << u"/opt/q/bin/quillmere-menu|/home/me/|relative/share||vol|me"_s
             << "/opt/q/share/quillmere-menu|/opt/q/share/quillmere-menu/Info.plist" + xdg + "/run/media/me,/media/me";
         QTest::newRow("bundle") << app + "/MacOS/quillmere-menu|/Users/me||||me"
                                 << app + "/Resources|" + app +

@@ -211,15 +211,15 @@ private slots:
                                 << goingToSleep));
         QTRY_COMPARE(posted, QStringList{WorkspaceNotification::didWake});
 
-        // Back\slash, Stick and "Sp " (not "Sp\\040") go, the stacked Cafe mount moves, USB DISK comes back
-        // under a new name, a new disk comes, and so do others on Back\slash's and Stick's reused device numbers;
-        // a line cut after its options still names a mount, one cut before them does not, and an escape
-        // that is not three octal digits is taken as written (two folders down: not a volume).
+        // Back\slash, Stick, RAM and "Sp " (not "Sp\\040") go, the stacked Cafe mount moves, USB DISK comes back
+        // under a new name, a new disk comes, so do others on Back\slash's and Stick's reused device numbers and
+        // a RAM disk of the same source on another device; a line cut after its options still names a mount, one
+        // cut before them does not, and an escape not of three octal digits is taken as written (not a volume).
         writeFile(table, readFile(QFINDTESTDATA("mountinfo-changed")));
         watcher.rescan();
         watcher.rescan();
-        QCOMPARE(posted.mid(1), QStringList({didUnmount, didUnmount, didUnmount, didRename, didRename, didMount,
-                                             didMount, didMount, didMount}));
+        QCOMPARE(posted.mid(1), QStringList({didUnmount, didUnmount, didUnmount, didUnmount, didRename, didRename,
+                                             didMount, didMount, didMount, didMount, didMount}));
         bus.kill(), bus.waitForFinished();
     }
 
