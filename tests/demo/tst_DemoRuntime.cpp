@@ -72,8 +72,8 @@ private slots:
         QElapsedTimer sinceConnected;
         sinceConnected.start();
         // Every answer, whole: the health, the page before any snapshot, a snapshot taken, the page showing
-        // it escaped, one at the size limit; 405 for another method (its header at the limit), 404, a broken
-        // request line or body (400), a header (split or whole) or body too large (413).
+        // it escaped, one at the size limit; 405 for another method (its header at the limit), 404, a broken or
+        // blank request line or body (400), a header (split or whole) or body too large (413).
         const QByteArray post = "POST /api/mounted-volumes/cache-sync HTTP/1.1", json = R"({"volumes":[]})";
         QByteArrayList answers{answerTo("GET /healthz HTTP/1.1"), answerTo("GET / HTTP/1.1"),
                                answerTo(post, R"({"event":"app-launch","volumes":[{"name":"Photos <2024>"}]})")};
@@ -81,7 +81,7 @@ private slots:
                 << answerTo(post, json + QByteArray(1024 * 1024 - json.size(), ' '));
         for (const QByteArray &request :
              {"PUT / HTTP/1.1\r\nx: "_ba + QByteArray(16384 - 37, 'p'), "GET /api/mounted-volumes/cache-sync"_ba,
-              "POST /healthz?x"_ba, "GET /nope HTTP/1.1"_ba, "GARBAGE"_ba, QByteArray(16 * 1024 + 1, 'x')})
+              "POST /healthz?x"_ba, "GET /nope HTTP/1.1"_ba, "GARBAGE"_ba, "\r\n"_ba, QByteArray(16 * 1024 + 1, 'x')})
             answers += answerTo(request);
         answers << answerTo(post, "[]") << answerTo(post, QByteArray(1024 * 1024 + 1, ' '))
                 << answerTo(post + "\r\nx: " + QByteArray(16384, 'p'), "{}"); // a header too large in one piece
