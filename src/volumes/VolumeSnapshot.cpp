@@ -179,7 +179,6 @@ QList<VolumeEntry> volumeSnapshotFromListing(const QStringList &entryNamesInList
     struct Keyed {
         VolumeEntry entry;
         SortKey nameKey;
-        SortKey pathKey;
     };
     std::vector<Keyed> keyed;
     keyed.reserve(size_t(entryNamesInListingOrder.size()));
@@ -194,16 +193,13 @@ QList<VolumeEntry> volumeSnapshotFromListing(const QStringList &entryNamesInList
         QString pathKey = comparisonForm(path);
         if (seenPaths.contains(pathKey))
             continue;
-        seenPaths.insert(pathKey);
-        keyed.push_back(
-            Keyed{VolumeEntry{name, path, true}, SortKey(comparisonForm(name)), SortKey(std::move(pathKey))});
+        seenPaths.insert(std::move(pathKey));
+        keyed.push_back(Keyed{VolumeEntry{name, path, true}, SortKey(comparisonForm(name))});
     }
 
-    std::sort(keyed.begin(), keyed.end(), [](const Keyed &left, const Keyed &right) {
-        if (const int byName = compareSortKeys(left.nameKey, right.nameKey))
-            return byName < 0;
-        return compareSortKeys(left.pathKey, right.pathKey) < 0;
-    });
+    // Two names alike in their compared form have alike paths, so no two entries left tie.
+    std::sort(keyed.begin(), keyed.end(),
+              [](const Keyed &left, const Keyed &right) { return compareSortKeys(left.nameKey, right.nameKey) < 0; });
 
     QList<VolumeEntry> snapshot;
     snapshot.reserve(qsizetype(keyed.size()));

@@ -75,9 +75,9 @@ private slots:
             connect(&agent, &FakeAgent::requestReceived, &agent, [&agent] {
                 QTimer::singleShot(0, &agent, [&agent] { agent.setResponse(syncPath, {200, "{}"}); });
             });
-        // A name comes before a longer one it begins; U+FF21 is below U+1F4BE, though its UTF-16 unit is above
-        // U+1F4BE's first surrogate.
-        for (const QString &name : {u"\uFF21eta"_s, u"alpha 2"_s, u"alpha"_s, u".Spotlight"_s,
+        // A name comes before a longer one it begins, of any characters; U+FF21 is below U+1F4BE, though its
+        // UTF-16 unit is above U+1F4BE's first surrogate.
+        for (const QString &name : {u"\uFF21eta"_s, u"alpha 2"_s, u"alpha"_s, u".Spotlight"_s, u"\uFF21"_s,
                                     u"Caf\u00E9 \"Q\" \\\x1f\b\f\n\r\t!"_s, u"\U0001F4BE"_s})
             QVERIFY(QDir(env.volumesDir()).mkdir(name));
         auto delegate = std::make_unique<AppDelegate>(env.configuration(agent.baseURL()), fakes.services(), &host);
@@ -98,8 +98,8 @@ private slots:
         const int failures = logLine.isEmpty() ? 0 : thenAccepted ? 1 : 3;
         QCOMPARE(env.messagesSinceMark().filter(u"Mounted volume sync"_s) + sent(agent),
                  QStringList{u"Mounted volume sync payload encoding failed."_s} + QStringList(failures, logLine) +
-                     QStringList({"app-launch:5", "coalesced:5"}) +
-                     (failures == 3 ? QStringList{didMount + ":5"_L1} : QStringList()));
+                     QStringList({"app-launch:6", "coalesced:6"}) +
+                     (failures == 3 ? QStringList{didMount + ":6"_L1} : QStringList()));
         QTRY_COMPARE_WITH_TIMEOUT(delegate->findChildren<QNetworkReply *>().size(), 0, 1000); // replies released
         const RecordedRequest request = agent.requestsFor(syncPath)[0];
         QCOMPARE(request.method + ' ' + request.headers.value("content-type") + ' ' + request.body,
