@@ -1,5 +1,6 @@
 // The real program on a user's desktops, driven and read as panels do: no tray for long (a late StatusNotifierItem
 // watcher, then tint2's XEmbed tray), and Wayland beside xfce4-panel. Each case has its own X server and bus.
+#include "platform/linux/DesktopNotifier.h"
 #include "support/InstalledProgram.h"
 #include "support/Testing.h"
 
@@ -58,9 +59,10 @@ class NotificationService : public QObject {
     Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Notifications")
 public:
     QStringList shown; // summary, a line feed, body, and a line per button: its key, a space, its label
+    QStringList capabilities{u"actions"_s, u"body"_s};
 
 public slots:
-    QStringList GetCapabilities() { return {u"actions"_s, u"body"_s}; }
+    QStringList GetCapabilities() { return capabilities; }
     uint Notify(const QString &, uint, const QString &, const QString &summary, const QString &body,
                 const QStringList &actions, const QVariantMap &, int)
     {
@@ -72,6 +74,7 @@ public slots:
     }
 signals:
     void ActionInvoked(uint id, const QString &key);
+    void NotificationClosed(uint id, uint reason);
 };
 
 // A panel's watcher whose host registers a moment after it, as some panels' do.
@@ -130,6 +133,26 @@ private slots:
         QVERIFY(bus.registerObject(u"/org/freedesktop/Notifications"_s, &notifications,
                                    QDBusConnection::ExportAllContents) &&
                 bus.registerService(u"org.freedesktop.Notifications"_s));
+        {
+            // Buttons only where the service shows them; a button acts for its own notice and key, until it closes.
+            DesktopNotifier notifier;
+            int clicks = 0;
+            const auto notify = [&](const QString &capability) {
+                notifications.capabilities = {capability};
+                notifier.notify(u"T"_s, u"B"_s, {{u"k"_s, u"K"_s, [&clicks] { ++clicks; }}});
+                const qsizetype shown = notifications.shown.size() + 1;
+                return QTest::qWaitFor([&] { return notifications.shown.size() == shown; });
+            };
+            QVERIFY(notify(u"body"_s) && notify(u"actions"_s));
+            for (const auto &[id, key] : {std::pair{1u, u"k"_s}, {2u, u"x"_s}, {2u, u"k"_s}})
+                emit notifications.ActionInvoked(id, key);
+            emit notifications.NotificationClosed(2u, 2u);
+            emit notifications.ActionInvoked(2u, u"k"_s);
+            QVERIFY(notify(u"actions"_s)); // its question follows the signals above: all heard
+            QCOMPARE(std::pair(notifications.shown, clicks), std::pair(u"T\nB|T\nB\nk K|T\nB\nk K"_s.split(u'|'), 1));
+            notifications.shown.clear();
+            notifications.capabilities = {u"actions"_s, u"body"_s};
+        }
         // First another copy finds a late panel whose host registers after its watcher; the late icon has the menu.
         FakeAgent otherAgent;
         otherAgent.setHealthy();
