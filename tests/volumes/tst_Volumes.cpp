@@ -213,13 +213,14 @@ private slots:
 
         // Back\slash, Stick, RAM and "Sp " (not "Sp\\040") go, the stacked Cafe mount moves, USB DISK comes back
         // under a new name, a new disk comes, so do others on Back\slash's and Stick's reused device numbers and
-        // a RAM disk of the same source on another device; a line cut after its options still names a mount, one
-        // cut before them does not, and an escape not of three octal digits is taken as written (not a volume).
+        // a RAM disk of the same source on another device; a line cut after its options or its type still names a
+        // mount, one cut before them does not, and an escape not of three octal digits is taken as written (not a
+        // volume).
         writeFile(table, readFile(QFINDTESTDATA("mountinfo-changed")));
         watcher.rescan();
         watcher.rescan();
         QCOMPARE(posted.mid(1), QStringList({didUnmount, didUnmount, didUnmount, didUnmount, didRename, didRename,
-                                             didMount, didMount, didMount, didMount, didMount}));
+                                             didMount, didMount, didMount, didMount, didMount, didMount}));
         bus.kill(), bus.waitForFinished();
     }
 

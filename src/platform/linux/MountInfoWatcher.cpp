@@ -54,9 +54,8 @@ std::optional<MountRecord> parseLine(const QByteArray &line)
     record.device = QString::fromLatin1(fields[2]);
     record.root = decodeField(fields[3]);
     record.mountPoint = decodeField(fields[4]);
-    const qsizetype separator = fields.indexOf(QByteArray("-"), 6);
-    if (separator >= 0 && separator + 2 < fields.size())
-        record.source = decodeField(fields[separator + 2]);
+    if (const qsizetype separator = fields.indexOf(QByteArray("-"), 6); separator >= 0)
+        record.source = decodeField(fields.value(separator + 2)); // none on a line cut before it
     return record;
 }
 
