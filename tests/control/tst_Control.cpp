@@ -35,34 +35,11 @@ class ControlTest : public QObject {
 private slots:
     void commandLineIsReadAsMeant_data()
     {
-        QTest::addColumn<QString>("reading"); // of the row's name as arguments: kind|json,watch|page|problem
-        QTest::newRow("--launched-at-login") << u"launch|||"_s;
-        QTest::newRow("--status -h") << u"help|||"_s;
-        QTest::newRow("-v --bogus") << u"version|||"_s;
-        // Not understood: the program starts as it always has, and says so.
-        QTest::newRow("--versio") << u"launch|||unknown option '--versio'"_s;
-        QTest::newRow("---versio") << u"launch|||unknown option '---versio'"_s;
-        QTest::newRow("stray") << u"launch|||unexpected argument 'stray'"_s;
-        QTest::newRow("-launched-at-login")
-            << u"launch|||'-launched-at-login' is not the login flag --launched-at-login"_s;
-        QTest::newRow("--launched-at-login=yes") << u"launch|||Unexpected value after '--launched-at-login'"_s;
-        QTest::newRow("--open") << u"badUsage|||Missing value after '--open'"_s;
-        QTest::newRow("--open=bogus") << u"badUsage||bogus|unknown page 'bogus' (one of "_s +
-                                             pageNames().join(u", "_s) + u')';
-        QTest::newRow("--start-agent --stop-agent")
-            << u"badUsage|||one command at a time, not --start-agent and --stop-agent"_s;
-        QTest::newRow("--stop-agent --json") << u"badUsage|||--json goes with --status or --diagnose"_s;
-        QTest::newRow("--watch --json --status") << u"status|json,watch||"_s;
-        QTest::newRow("--diagnose --json") << u"diagnose|json||"_s;
-        QTest::newRow("--diagnose --watch") << u"badUsage|||--watch goes with --status"_s;
-        QTest::newRow("--status --launched-at-login")
-            << u"badUsage|||--launched-at-login is for a plain launch, not with --status"_s;
-        QTest::newRow("--status --bogus=1") << u"badUsage|||unknown option '--bogus'"_s;
-        QTest::newRow("--stop-agentx") << u"badUsage|||unknown option '--stop-agentx'"_s; // a typo: no launch
-        // Each bad use of an option on its own.
-        QTest::newRow("--json") << u"badUsage|||--json goes with --status or --diagnose"_s;
-        QTest::newRow("--watch") << u"badUsage|||--watch goes with --status"_s;
-        QTest::newRow("--quit=now") << u"badUsage|||Unexpected value after '--quit'"_s;
+        QTest::addColumn<QString>("reading"); // of the row's name as arguments, as command-lines.txt gives it
+        for (const QString &row : QString::fromUtf8(readFile(QFINDTESTDATA("command-lines.txt"))).split(u'\n'))
+            if (!row.isEmpty() && !row.startsWith(u'#'))
+                QTest::newRow(qPrintable(row.section(u" => "_s, 0, 0)))
+                    << row.section(u" => "_s, 1).replace(u"$PAGES"_s, pageNames().join(u", "_s));
     }
     void commandLineIsReadAsMeant()
     {
