@@ -174,8 +174,10 @@ private slots:
             << row(any6, "0A", 1002) + row(mapped, "0A", 1000) + row("00000000", "0A", 1001) << 1000;
         QTest::newRow("every IPv6 address, not another port")
             << row("0100007F", "0A", 0).replace(":A029", ":A02A") + row(any6, "0A", 1002) << 1002;
-        QTest::newRow("another address alone, nor a line without its uid")
-            << row("0200007F", "0A", 1003) + row("0100007F", "0A", 1004).replace("1004", "x") << -1;
+        QTest::newRow("another address alone, nor a line without its uid or cut short")
+            << row("0200007F", "0A", 1003) + row("0100007F", "0A", 1004).replace("1004", "x") +
+                   row("0100007F", "0A", 1005).left(36)
+            << -1;
     }
     void listenerOwnerOnThePort()
     {

@@ -54,14 +54,14 @@ std::optional<uint> listenerOwnerInTable(const QByteArray &table, const QHostAdd
     for (const QByteArray &line : table.split('\n')) {
         // sl, local address:port, remote address:port, state, queues, timer, retransmits, uid, ...
         const QList<QByteArray> fields = line.simplified().split(' ');
-        if (fields.size() < 8 || fields[3] != listenState)
+        if (fields.value(3) != listenState) // a line cut short has no uid below, and is passed over there
             continue;
         const QList<QByteArray> local = fields[1].split(':');
         bool portOk = false, uidOk = false;
         if (local.size() != 2 || local[1].toUShort(&portOk, 16) != port || !portOk)
             continue;
         const std::optional<Q_IPV6ADDR> bound = tableAddress(local[0]);
-        const uint uid = fields[7].toUInt(&uidOk);
+        const uint uid = fields.value(7).toUInt(&uidOk);
         if (!bound || !uidOk)
             continue;
         const int rank = *bound == wanted ? 3 : wantedIsIPv4 && *bound == anyIPv4 ? 2 : *bound == anyIPv6 ? 1 : 0;
