@@ -201,6 +201,12 @@ private slots:
         // Escaped names (the watched folder's own too), several optional fields, a nested mount, the
         // folder itself, a longer sibling and two mounts stacked on one mount point (the upper counts).
         writeFile(table, readFile(QFINDTESTDATA("mountinfo")));
+        QStringList mounts; // as the watcher reads them, escapes decoded
+        for (const MountRecord &mount : mountsInFolder(readFile(table), u"/media/al ex"_s))
+            mounts << mount.mountPoint.mid(13) + u'@' + mount.source;
+        QCOMPARE(mounts.join(u'|'),
+                 u"USB DISK@/dev/sdb1|Back\\slash@/dev/disk one|Caf\u00E9\tTab@/dev/sdg1|Sp @/dev/sdi1|"
+                 "Sp\\040@/dev/sdj1|RAM@tmpfs"_s);
         WorkspaceNotificationCenter center;
         QStringList posted;
         for (const QString &name : {didMount, didUnmount, didRename, WorkspaceNotification::didWake})
