@@ -148,8 +148,11 @@ private slots:
         const QString file = dir.filePath(u"file"_s);
         writeFile(file, {});
         env.markLog();
-        for (const auto &[folder, fallback] :
-             {std::pair{QString(), dir.path()}, {file + "/sub"_L1, dir.path()}, {file, dir.path()}, {file, file}})
+        for (const auto &[folder, fallback] : {std::pair{QString(), dir.path()},
+                                               {file + "/sub"_L1, dir.path()},
+                                               {file, dir.path()},
+                                               {u"/proc/self"_s, dir.path()},
+                                               {file, file}})
             QCOMPARE(LockFileRunningApplications(folder, fallback).runningApplicationCount(u"id"_s), 1);
         QCOMPARE(env.messagesSinceMark().join(u'\n') + u'\n', QString::fromUtf8(readFile(QFINDTESTDATA("lock.log")))
                                                                   .replace(u"$DIR"_s, dir.path())

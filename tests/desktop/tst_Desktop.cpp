@@ -143,14 +143,19 @@ private slots:
                 const qsizetype shown = notifications.shown.size() + 1;
                 return QTest::qWaitFor([&] { return notifications.shown.size() == shown; });
             };
+            // Clicked until it listens, which takes the bus a moment; each notice is asked for after the signals
+            // before it, so those have all been heard once it shows.
             QVERIFY(notify(u"actions"_s));
-            for (const auto &[id, key] : {std::pair{2u, u"k"_s}, {1u, u"x"_s}, {1u, u"k"_s}})
+            QTRY_VERIFY((emit notifications.ActionInvoked(1u, u"k"_s), clicks > 0));
+            QVERIFY(notify(u"actions"_s));
+            clicks = 0;
+            for (const auto &[id, key] : {std::pair{3u, u"k"_s}, {2u, u"x"_s}, {2u, u"k"_s}})
                 emit notifications.ActionInvoked(id, key);
-            emit notifications.NotificationClosed(1u, 2u);
-            emit notifications.ActionInvoked(1u, u"k"_s);
-            QVERIFY(notify(u"body"_s)); // its question follows the signals above: all heard
+            emit notifications.NotificationClosed(2u, 2u);
+            emit notifications.ActionInvoked(2u, u"k"_s);
+            QVERIFY(notify(u"body"_s));
             QTRY_COMPARE(std::tuple(notifications.shown, clicks, notifier.children().size()), // no call left behind
-                         std::tuple(QStringList{u"T\nB\nk K"_s, u"T\nB"_s}, 1, 0));
+                         std::tuple(u"T\nB\nk K|T\nB\nk K|T\nB"_s.split(u'|'), 1, 0));
             notifications.shown.clear();
             notifications.capabilities = {u"actions"_s, u"body"_s};
         }
@@ -206,7 +211,9 @@ private slots:
         QCOMPARE(notifications.shown,
                  QString::fromUtf8(readFile(QFINDTESTDATA("notices.txt"))).trimmed().split("\n\n"_L1));
         // The no-tray notice came once per run, not again 10 s later, and not to the copy that found a tray.
-        QCOMPARE(program.logMessages().filter(u"No system tray"_s).size(), 1);
+        QCOMPARE(program.logMessages().filter(u"No system tray"_s),
+                 QStringList{u"No system tray found after 10 seconds; the agent keeps being supervised. Send SIGTERM "
+                             "or log out to quit."_s});
         other.reset();
 
         // An XEmbed tray comes at last: its announcement is heard (within seconds, not at the half-minute

@@ -213,12 +213,18 @@ private slots:
         QVERIFY(item->isChecked());
         QCOMPARE(readFile(entry), readFile(QFINDTESTDATA("autostart.desktop")));
         QCOMPARE(QProcess::execute(u"desktop-file-validate"_s, {entry}), 0); // as desktop sessions read it
-        const LoginItemError again = entries->registerApp().value_or(LoginItemError{});
-        QVERIFY(again.code == LoginItemService::errorAlreadyRegistered && !again.message.isEmpty() &&
-                again.domain == "QuillmereAutostartErrorDomain");
+        const auto said = [](const std::optional<LoginItemError> &error) {
+            return error ? u"%1 %2: %3"_s.arg(error->domain).arg(error->code).arg(error->message) : QString();
+        };
+        const QString twice = said(entries->registerApp());
         item->trigger();
         QVERIFY(!item->isChecked() && !QFile::exists(entry) && launchctlCalls().isEmpty()); // no launch agent either
-        QCOMPARE(entries->unregisterApp().value_or(LoginItemError{}).code, LoginItemService::errorJobNotFound);
+        QCOMPARE(
+            (QStringList{twice, said(entries->unregisterApp()),
+                         said(AutostartLoginItemService(config.configDirectory, ownLabel, {}, nullptr).registerApp())}),
+            (QStringList{u"QuillmereAutostartErrorDomain 12: The autostart entry already exists."_s,
+                         u"QuillmereAutostartErrorDomain 6: There is no autostart entry."_s,
+                         u"QuillmereAutostartErrorDomain 1: The program's location is unknown."_s}));
 
         // A switched-off entry counts as not registered and is replaced; a key in another group does not count.
         for (const char *rest :
