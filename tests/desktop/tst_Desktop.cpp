@@ -133,31 +133,26 @@ private slots:
         QVERIFY(bus.registerObject(u"/org/freedesktop/Notifications"_s, &notifications,
                                    QDBusConnection::ExportAllContents) &&
                 bus.registerService(u"org.freedesktop.Notifications"_s));
-        {
-            // Buttons only where the service shows them; a button acts for its own notice and key, until it closes.
+        { // Buttons only where shown; a button acts for its own notice and key until it closes. Clicked until the
+          // notifier listens (the bus takes a moment); each notice is asked for after the signals before it.
             DesktopNotifier notifier;
             int clicks = 0;
             const auto notify = [&](const QString &capability) {
-                notifications.capabilities = {capability};
+                notifications.capabilities = {capability, u"body"_s};
                 notifier.notify(u"T"_s, u"B"_s, {{u"k"_s, u"K"_s, [&clicks] { ++clicks; }}});
                 const qsizetype shown = notifications.shown.size() + 1;
                 return QTest::qWaitFor([&] { return notifications.shown.size() == shown; });
             };
-            // Clicked until it listens, which takes the bus a moment; each notice is asked for after the signals
-            // before it, so those have all been heard once it shows.
             QVERIFY(notify(u"actions"_s));
             QTRY_VERIFY((emit notifications.ActionInvoked(1u, u"k"_s), clicks > 0));
             QVERIFY(notify(u"actions"_s));
-            clicks = 0;
-            for (const auto &[id, key] : {std::pair{3u, u"k"_s}, {2u, u"x"_s}, {2u, u"k"_s}})
-                emit notifications.ActionInvoked(id, key);
-            emit notifications.NotificationClosed(2u, 2u);
-            emit notifications.ActionInvoked(2u, u"k"_s);
-            QVERIFY(notify(u"body"_s));
+            clicks = 0; // then clicks on notice 2 and others (0: notice 2 closes)
+            for (const auto &[id, key] : {std::pair{3u, u"k"_s}, {2u, u"x"_s}, {2u, u"k"_s}, {0u, u""_s}, {2u, u"k"_s}})
+                id ? emit notifications.ActionInvoked(id, key) : emit notifications.NotificationClosed(2u, 2u);
+            QVERIFY(notify(u"sound"_s) && notify(u"actions"_s)); // the last one restores the service
             QTRY_COMPARE(std::tuple(notifications.shown, clicks, notifier.children().size()), // no call left behind
-                         std::tuple(u"T\nB\nk K|T\nB\nk K|T\nB"_s.split(u'|'), 1, 0));
+                         std::tuple(u"T\nB\nk K|T\nB\nk K|T\nB|T\nB\nk K"_s.split(u'|'), 1, 0));
             notifications.shown.clear();
-            notifications.capabilities = {u"actions"_s, u"body"_s};
         }
         // First another copy finds a late panel whose host registers after its watcher; the late icon has the menu.
         FakeAgent otherAgent;
@@ -280,11 +275,10 @@ private slots:
         // The menu of an icon made while the panel was there; the tool tip's title and text.
         QTRY_COMPARE_WITH_TIMEOUT(menuShown(tray), runningMenu, timeoutMs);
         QTRY_VERIFY_WITH_TIMEOUT(property(u"ToolTip"_s).contains("\"Quillmere Agent is running\""_L1), timeoutMs);
-        // This panel offers both trays; the diagnosis names the one Qt uses.
-        const QString report = program.run(agent_.port(), {u"--diagnose"_s}).output;
-        QCOMPARE(report.section(u"\ndesktop:\n"_s, 1).section(u"runAtStartup:"_s, 0, 0),
-                 u"  notificationCapabilities: -\n  notifications: no\n  sessionBus: yes\n  statusNotifierHost: yes\n"
-                 "  statusNotifierWatcher: yes\n  trayHost: StatusNotifierItem\n  xembedTray: yes\n"_s);
+        QVERIFY(program
+                    .run(agent_.port(), {u"--diagnose"_s}) // of both trays here, the one Qt uses
+                    .output.contains(u"  statusNotifierHost: yes\n  statusNotifierWatcher: yes\n  trayHost: "
+                                     "StatusNotifierItem\n  xembedTray: yes\n"_s));
         const QString runningIcon = property(u"IconPixmap"_s);
         // A plain click opens the menu without a pointer position Wayland cannot give. The program
         // answers its bus in order, so the next answer comes after the menu was asked for; and Qt gives
