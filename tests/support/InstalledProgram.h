@@ -33,10 +33,7 @@ public:
         friend bool operator==(const Result &, const Result &) = default;
     };
     Result run(quint16 agentPort, const QStringList &arguments, const QString &user = u"first"_s);
-    QString socketPath() const
-    {
-        return root() + QStringLiteral("/xdg-runtime/" QUILLMERE_BUNDLE_IDENTIFIER ".socket");
-    }
+    QString socketPath() const { return root() + u"/xdg-runtime/" QUILLMERE_BUNDLE_IDENTIFIER ".socket"_s; }
     // The user's log without timestamps (runs of one user share it).
     QStringList logMessages(const QString &user = u"first"_s) const;
     // Every location handed to xdg-open, in the order the program asked.

@@ -219,11 +219,9 @@ private slots:
                                 << goingToSleep));
         QTRY_COMPARE(posted, QStringList{WorkspaceNotification::didWake});
 
-        // Back\slash, Stick, RAM and "Sp " (not "Sp\\040") go, the stacked Cafe mount moves, USB DISK comes back
-        // under a new name, a new disk comes, so do others on Back\slash's and Stick's reused device numbers and
-        // a RAM disk of the same source on another device; a line cut after its options or its type still names a
-        // mount, one cut before them does not, and an escape not of three octal digits is taken as written (not a
-        // volume).
+        // Back\slash, Stick, RAM and "Sp " (not "Sp\\040") go; the stacked Cafe mount moves; USB DISK comes back
+        // renamed; new disks come, two on gone ones' device numbers, one of RAM's source; a line cut after its
+        // options or type still names a mount, one cut before them does not; a bad escape is taken as written.
         writeFile(table, readFile(QFINDTESTDATA("mountinfo-changed")));
         watcher.rescan();
         watcher.rescan();
