@@ -15,12 +15,14 @@ public:
     StatusButton *button() override { return hasButton ? &button_ : nullptr; }
     void setMenu(QMenu *menu) override { menu_ = menu; }
     QMenu *menu() const override { return menu_; }
-    void notify(const QString &title, const QString &body, const QList<NotificationAction> & = {}) override
+    void notify(const QString &title, const QString &body, const QList<NotificationAction> &actions = {}) override
     {
         notifications.append(title + u'\n' + body);
+        for (const NotificationAction &action : actions)
+            notifications.last() += u'\n' + action.key + u' ' + action.label;
     }
 
-    QStringList notifications; // title, a line feed, body
+    QStringList notifications; // title, a line feed, body, and a line per button: its key, a space, its label
     bool hasButton = true;
 
 private:

@@ -18,15 +18,14 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
-namespace {
 const QByteArray syncPath = "/api/mounted-volumes/cache-sync";
 const QString &didMount = WorkspaceNotification::didMount;
 const QString &didUnmount = WorkspaceNotification::didUnmount;
 const QString &didRename = WorkspaceNotification::didRenameVolume;
-bool privateMountNamespace = false; // set by main: mounts made here stay unseen outside
+static bool privateMountNamespace = false; // set by main: mounts made here stay unseen outside
 
 // Each sync request the agent received, as "event:number of volumes".
-QStringList sent(const FakeAgent &agent)
+static QStringList sent(const FakeAgent &agent)
 {
     QStringList requests;
     for (const RecordedRequest &request : agent.requestsFor(syncPath)) {
@@ -35,7 +34,6 @@ QStringList sent(const FakeAgent &agent)
     }
     return requests;
 }
-} // namespace
 
 class VolumesTest : public QObject {
     Q_OBJECT
