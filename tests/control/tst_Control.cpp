@@ -60,7 +60,7 @@ private slots:
             {307, {}, "text/plain", false, 0, -1, "http://localhost:%1/up"_ba.replace("%1", QByteArray::number(port))});
         agent.setResponse("/up", {200, R"({"status":"ok","version":"1.4.2"})"});
         QCOMPARE(program.run(port, {u"--diagnose"_s, u"--json"_s}).exitCode, 6); // nor does the diagnosis
-        leaveStaleSocket(program.socketPath()); // a copy that crashed is none running
+        leaveStaleSocket(program.socketPath());                                  // a copy that crashed is none running
         QString said; // what each command said, in order; compared with commands.txt at the end
         const auto ask = [&](const QStringList &arguments) {
             const Result answer = program.run(port, arguments);
