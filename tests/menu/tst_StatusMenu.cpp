@@ -53,11 +53,9 @@ private slots:
     {
         QFETCH(UpdateRow, row);
         const auto [title, version, running, startInFlight, stopInFlight, runtimeFolder] = row;
-        QStringList expected; // the lines logged, then the menu
-        for (const QString &block : QString::fromUtf8(readFile(QFINDTESTDATA("updates.txt"))).split(u"\n\n"_s))
-            if (block.startsWith(QString::fromLatin1(QTest::currentDataTag()) + u'\n'))
-                expected = block.split(u'\n', Qt::SkipEmptyParts).mid(1);
-        QVERIFY(!expected.isEmpty());
+        // The lines logged, then the menu.
+        const QStringList expected =
+            blockOf(QFINDTESTDATA("updates.txt"), QString::fromLatin1(QTest::currentDataTag()));
         Configuration config = env.configuration(QUrl(u"http://127.0.0.1:1"_s));
         if (!runtimeFolder)
             config.resourceDirectory.reset();

@@ -48,11 +48,7 @@ class RunAtStartupTest : public QObject {
     // what came: each line that one ending in "$ANY" there starts given as that one.
     std::pair<QStringList, QStringList> expectedAndLogged(const QString &name, QStringList logged) const
     {
-        const QString text = QString::fromUtf8(readFile(QFINDTESTDATA("run-at-startup.txt")));
-        QStringList lines{u"(no block) "_s + name};
-        for (const QString &block : text.split(u"\n\n"_s))
-            if (block.section(u'\n', 0, 0) == name)
-                lines = block.section(u'\n', 1).split(u'\n', Qt::SkipEmptyParts);
+        QStringList lines = blockOf(QFINDTESTDATA("run-at-startup.txt"), name);
         lines.replaceInStrings(u"$HOME"_s, env.home()).replaceInStrings(u"$CONFIG"_s, env.configHome());
         lines.replaceInStrings(u"$ROOT"_s, env.root()).replaceInStrings(u"$UID"_s, QString::number(getuid()));
         for (qsizetype i = 0; i < std::min(logged.size(), lines.size()); ++i)

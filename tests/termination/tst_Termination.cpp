@@ -70,10 +70,8 @@ private slots:
     {
         QFETCH(AskRow, row);
         const auto &[setup, askers] = row;
-        QStringList log{u"(no block)"_s};
-        for (const QString &block : QString::fromUtf8(readFile(QFINDTESTDATA("terminations.log"))).split(u"\n\n"_s))
-            if (block.section(u'\n', 0, 0) == QLatin1StringView(QTest::currentDataTag()))
-                log = block.section(u'\n', 1).split(u'\n', Qt::SkipEmptyParts);
+        const QStringList log =
+            blockOf(QFINDTESTDATA("terminations.log"), QString::fromLatin1(QTest::currentDataTag()));
         makeController(setup.endsWith("failing"_L1) ? 2 : 0, setup != "signal"_L1, setup != "no resources"_L1);
         if (setup == "no delegate"_L1)
             c->host.setDelegate(nullptr);
