@@ -22,9 +22,9 @@ inline QByteArray readFile(const QString &path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-// The lines of the block of a file (blocks are parted by a blank line) that a line holding only name heads;
-// "(no block) name" when none does, which no expectation matches.
-inline QStringList blockOf(const QString &path, const QString &name)
+// The lines of the block of a file (blocks are parted by a blank line) that a line holding only name (by default
+// the test row's) heads; "(no block) name" when none does, which no expectation matches.
+inline QStringList blockOf(const QString &path, const QString &name = QString::fromLatin1(QTest::currentDataTag()))
 {
     for (const QString &block : QString::fromUtf8(readFile(path)).split(QStringLiteral("\n\n")))
         if (block.section(u'\n', 0, 0) == name)

@@ -70,8 +70,7 @@ private slots:
     {
         QFETCH(AskRow, row);
         const auto &[setup, askers] = row;
-        const QStringList log =
-            blockOf(QFINDTESTDATA("terminations.log"), QString::fromLatin1(QTest::currentDataTag()));
+        const QStringList log = blockOf(QFINDTESTDATA("terminations.log"));
         makeController(setup.endsWith("failing"_L1) ? 2 : 0, setup != "signal"_L1, setup != "no resources"_L1);
         if (setup == "no delegate"_L1)
             c->host.setDelegate(nullptr);
