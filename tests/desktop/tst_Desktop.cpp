@@ -134,14 +134,15 @@ private slots:
                                    QDBusConnection::ExportAllContents) &&
                 bus.registerService(u"org.freedesktop.Notifications"_s));
         { // Buttons only where shown; a button acts for its own notice and key until it closes. Clicked until the
-          // notifier listens (the bus takes a moment); each notice is asked for after the signals before it.
+          // notifier listens (the bus takes a moment); each notice is shown and known before the next signals.
             DesktopNotifier notifier;
             int clicks = 0;
             const auto notify = [&](const QString &capability) {
                 notifications.capabilities = {capability, u"body"_s};
                 notifier.notify(u"T"_s, u"B"_s, {{u"k"_s, u"K"_s, [&clicks] { ++clicks; }}});
                 const qsizetype shown = notifications.shown.size() + 1;
-                return QTest::qWaitFor([&] { return notifications.shown.size() == shown; });
+                return QTest::qWaitFor( // and its reply, with the notice's id, is read
+                    [&] { return notifications.shown.size() == shown && notifier.children().isEmpty(); });
             };
             QVERIFY(notify(u"actions"_s));
             QTRY_VERIFY((emit notifications.ActionInvoked(1u, u"k"_s), clicks > 0));
