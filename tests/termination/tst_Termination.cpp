@@ -117,7 +117,7 @@ private slots:
         c->host.systemWillTerminate();
         QCOMPARE(std::tuple(terminated->count(), script->runs(),
                             env.messagesSinceMark().filter(
-                                QRegularExpression(u"^(Quit|Application|Termination|Agent stop|Could not)"_s)),
+                                QRegularExpression(u"^(Quit|Application|Termination|Agent stop|Could not|State updated: Status: Stop)"_s)),
                             c->delegate.terminationReplyPending, c->delegate.stopInFlight,
                             c->delegate.terminateAfterStop, c->host.hasTerminated()),
                  std::tuple(1, QList<QStringList>(stops, {u"stop"_s}), log, false, false, false, true));
