@@ -14,13 +14,23 @@ namespace {
 
 constexpr int defaultAgentPort = 8787;
 
-// Started by a service manager or from cron, $USER may be unset or stale; the account database
-// knows who we run as.
+// Started by a service manager or from cron, $USER may be unset or stale and $HOME empty or
+// relative (which would put our files below whatever folder we were started in); the account
+// database knows who we run as and where that user's home is.
 QString accountName()
 {
     if (const passwd *account = ::getpwuid(::getuid()); account && account->pw_name && *account->pw_name)
         return QFile::decodeName(account->pw_name);
     return qEnvironmentVariable("USER");
+}
+
+QString homeDirectory()
+{
+    if (const QString home = qEnvironmentVariable("HOME"); QDir::isAbsolutePath(home))
+        return home;
+    if (const passwd *account = ::getpwuid(::getuid()); account && account->pw_dir && *account->pw_dir)
+        return QFile::decodeName(account->pw_dir);
+    return QDir::rootPath();
 }
 
 LocationInputs locationInputsFromEnvironment()
@@ -29,9 +39,7 @@ LocationInputs locationInputsFromEnvironment()
     // Before the application object exists the executable's path is unknown.
     if (QCoreApplication::instance())
         inputs.executablePath = QCoreApplication::applicationFilePath();
-    inputs.home = qEnvironmentVariable("HOME");
-    if (inputs.home.isEmpty() || QDir::isRelativePath(inputs.home))
-        inputs.home = QDir::homePath();
+    inputs.home = homeDirectory();
     inputs.dataHome = qEnvironmentVariable("XDG_DATA_HOME");
     inputs.configHome = qEnvironmentVariable("XDG_CONFIG_HOME");
     inputs.volumesDir = qEnvironmentVariable("QUILLMERE_VOLUMES_DIR");

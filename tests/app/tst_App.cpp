@@ -9,6 +9,7 @@
 #include "platform/RunningApplications.h"
 #include "support/Testing.h"
 
+#include <pwd.h>
 #include <thread>
 #include <unistd.h>
 
@@ -178,12 +179,15 @@ private slots:
         QCOMPARE(Configuration().launchctlPath, u"/bin/launchctl"_s);
 #else
         qputenv("QUILLMERE_AGENT_PORT", "65535"); // the highest port; above it the default stands
+        qputenv("HOME", "relative/home");         // as a stripped environment may give it: the account's instead
         const Configuration highest = Configuration::fromEnvironment();
         qputenv("QUILLMERE_AGENT_PORT", "65536");
-        QCOMPARE(
-            (std::tuple{highest.launchctlPath, highest.healthURL.port(), Configuration::fromEnvironment().healthURL}),
-            (std::tuple{std::optional<QString>(), 65535, QUrl(u"http://127.0.0.1:8787/healthz"_s)})); // no launchctl
-        QVERIFY(!RunningChild().signalGroup(0)); // nothing started: never our own group
+        qputenv("HOME", env.home().toUtf8());
+        QCOMPARE((std::tuple{highest.launchctlPath, highest.healthURL.port(), highest.homeDirectory,
+                             Configuration::fromEnvironment().healthURL}),
+                 (std::tuple{std::optional<QString>(), 65535, QFile::decodeName(::getpwuid(::getuid())->pw_dir),
+                             QUrl(u"http://127.0.0.1:8787/healthz"_s)})); // no launchctl
+        QVERIFY(!RunningChild().signalGroup(0));                          // nothing started: never our own group
         const PlatformServices real = PlatformServices::forThisSystem(Configuration::fromEnvironment()); // all wired
         QVERIFY(real.makeStatusItem && real.opener && real.loginItems && real.workspaceNotifications &&
                 real.volumeEventSource && real.wakeEventSource && real.runningApplications);
