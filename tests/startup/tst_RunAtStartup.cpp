@@ -222,11 +222,13 @@ private slots:
                          u"QuillmereAutostartErrorDomain 6: There is no autostart entry."_s,
                          u"QuillmereAutostartErrorDomain 1: The program's location is unknown."_s}));
 
-        // A switched-off entry counts as not registered and is replaced; a key in another group does not count.
-        for (const char *rest :
-             {"Hidden = true\n", "X-GNOME-Autostart-enabled=false\n", "Exec=x\n[Action a]\nHidden=true\n"}) {
-            writeFile(entry, QByteArray("[Desktop Entry]\n") + rest);
-            const bool off = !QByteArray(rest).contains("[Action");
+        // A switched-off entry counts as not registered and is replaced; a key outside the main group (before
+        // any group, in another) does not count.
+        for (const QByteArray text :
+             {"[Desktop Entry]\nHidden = true\n", "[Desktop Entry]\nX-GNOME-Autostart-enabled=false\n",
+              "Hidden=true\n[Desktop Entry]\nExec=x\n[Action a]\nHidden=true\n"}) {
+            writeFile(entry, text);
+            const bool off = !text.contains("[Action");
             QCOMPARE(entries->status(), off ? LoginItemService::statusNotRegistered : LoginItemService::statusEnabled);
             QCOMPARE(bool(entries->registerApp()), !off);
             QCOMPARE(entries->status(), LoginItemService::statusEnabled);
