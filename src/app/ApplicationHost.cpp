@@ -28,10 +28,11 @@ void forwardQuitSignal(int)
 
 // Non-blocking, and closed in children (the control script must not inherit it). Set with
 // fcntl rather than socket flags, which not every system has.
-bool prepareSignalSocket(int fd)
+void prepareSignalSocket(int fd)
 {
-    const int flags = ::fcntl(fd, F_GETFL);
-    return flags != -1 && ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) != -1 && ::fcntl(fd, F_SETFD, FD_CLOEXEC) != -1;
+    if (const int flags = ::fcntl(fd, F_GETFL); flags != -1)
+        ::fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+    ::fcntl(fd, F_SETFD, FD_CLOEXEC);
 }
 
 } // namespace
