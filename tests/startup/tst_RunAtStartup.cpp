@@ -82,6 +82,7 @@ private slots:
         QTest::newRow("requires approval, leftover") << ResolveRow{true, false, 2, markedInComment};
         QTest::newRow("leftover without marker") << ResolveRow{true, false, 0, unmarked};
         QTest::newRow("leftover not UTF-8") << ResolveRow{true, false, 0, notUtf8};
+        QTest::newRow("leftover unreadable") << ResolveRow{true, false, 0, "/proc/self/mem"}; // opened, not read
     }
 
     void resolvesShowsAndSwitches()
@@ -90,8 +91,11 @@ private slots:
         const auto [available, ownPlist, status, leftover] = row;
         if (ownPlist)
             writeFile(plistPath(), QByteArray());
-        for (int i = 0; i < obsoleteLabels.size() && !leftover.isNull(); ++i) // null: none
+        for (int i = 0; i < obsoleteLabels.size() && !leftover.isNull(); ++i) { // null: none; a path: a link to it
             writeFile(obsoletePath(i), leftover);
+            if (leftover.startsWith('/'))
+                QVERIFY(QFile::remove(obsoletePath(i)) && QFile::link(QString::fromLatin1(leftover), obsoletePath(i)));
+        }
         Controller h(configuration(), false);
         FakeLoginItemService &service = *h.fakes.loginItems;
         std::tie(service.available, service.currentStatus) = std::pair(available, status);
