@@ -153,34 +153,20 @@ private slots:
                  QStringList({"app-launch:0", didMount + ":3"_L1, "agent-running:3", didUnmount + ":3"_L1}));
     }
 
-    // Recorded /proc/net/tcp and tcp6 lines (uids changed) on port 0xA029, asked for 127.0.0.1.
+    // Recorded /proc/net/tcp and tcp6 lines (uids changed) on port 0xA029, asked for 127.0.0.1. Each block of
+    // listeners.txt is a row: its name, the owner found ("owner: -1" for none), then the table.
     void listenerOwnerOnThePort_data()
     {
-        QTest::addColumn<QByteArray>("table");
-        QTest::addColumn<int>("owner"); // -1: none
-        const auto row = [](const QByteArray &local, const char *state, int uid) {
-            return "   1: " + local + ":A029 00000000:0000 " + state + " 00000000:00000000 00:00000000 00000000  " +
-                   QByteArray::number(uid) + "        0 86666 1 00000000c54501b1 100 0 0 10 0\n";
-        };
-        const QByteArray any6 = "00000000000000000000000000000000", mapped = "0000000000000000FFFF00000100007F";
-        QTest::newRow("every IPv4 address, not a connection, ::1 or another address")
-            << "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout inode\n" +
-                   row("0100007F", "01", 0) + row("00000000000000000000000001000000", "0A", 0) +
-                   row("0200007F", "0A", 0) + row("00000000", "0A", 1001)
-            << 1001;
-        QTest::newRow("the address itself wins, mapped into IPv6")
-            << row(any6, "0A", 1002) + row(mapped, "0A", 1000) + row("00000000", "0A", 1001) << 1000;
-        QTest::newRow("every IPv6 address, not another port")
-            << row("0100007F", "0A", 0).replace(":A029", ":A02A") + row(any6, "0A", 1002) << 1002;
-        QTest::newRow("another address alone, nor a line without its uid or cut short")
-            << row("0200007F", "0A", 1003) + row("0100007F", "0A", 1004).replace("1004", "x") +
-                   row("0100007F", "0A", 1005).left(36)
-            << -1;
+        QTest::addColumn<QStringList>("lines");
+        for (const QString &block : QString::fromUtf8(readFile(QFINDTESTDATA("listeners.txt"))).split("\n\n"_L1))
+            QTest::newRow(qPrintable(block.section(u'\n', 0, 0))) << block.section(u'\n', 1).split(u'\n');
     }
     void listenerOwnerOnThePort()
     {
-        QFETCH(QByteArray, table);
-        QTEST(int(listenerOwnerInTable(table, QHostAddress(QHostAddress::LocalHost), 0xA029).value_or(-1)), "owner");
+        QFETCH(QStringList, lines);
+        const QByteArray table = lines.mid(1).join(u'\n').toUtf8();
+        const std::optional<uint> owner = listenerOwnerInTable(table, QHostAddress(QHostAddress::LocalHost), 0xA029);
+        QCOMPARE(u"owner: %1"_s.arg(int(owner.value_or(-1))), lines[0]);
     }
 
     // What the system tells, posted: mount table changes as read, and the machine waking as logind
