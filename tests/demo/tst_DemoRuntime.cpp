@@ -85,32 +85,25 @@ private slots:
             answers += answerTo(request);
         answers << answerTo(post, "[]") << answerTo(post, QByteArray(1024 * 1024 + 1, ' '))
                 << answerTo(post + "\r\nx: " + QByteArray(16384, 'p'), "{}"); // a header too large in one piece
-        QCOMPARE(QString::fromUtf8(answers.join("--\n").replace("\r\n", "\n"))
-                     .replace(QRegularExpression(u"\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ"_s), u"$TIME"_s)
-                     .replace(u":%1<"_s.arg(port), u":$PORT<"_s),
-                 QString::fromUtf8(readFile(QFINDTESTDATA("answers.http"))));
         QTRY_COMPARE_WITH_TIMEOUT(silent.state(), QAbstractSocket::UnconnectedState, 15000);
         QCOMPARE_GE(sinceConnected.elapsed(), 9000); // not before its 10 s
         QCOMPARE(runScript(u"stop"_s).first, 0);
         QCOMPARE(answerTo("GET /healthz HTTP/1.1"), QByteArray()); // nobody answers any more
-        QList<std::pair<int, QByteArray>> told; // its own command line: the version, else how to use it
+        // Then what its own command line tells (the version, else how to use it) and its log of each start,
+        // snapshot and stop.
         for (const QString &argument : {u"--version"_s, u"--help"_s}) {
             QProcess agent;
             agent.setProcessChannelMode(QProcess::MergedChannels);
             agent.start(QStringLiteral(QUILLMERE_BUILD_RESOURCES "/runtime/quillmere-demo-agent"), {argument});
-            told << std::pair{agent.waitForFinished() ? agent.exitCode() : -1, agent.readAll()};
+            QVERIFY(agent.waitForFinished());
+            answers += QByteArray::number(agent.exitCode()) + ": " + agent.readAll();
         }
-        QCOMPARE(told, (QList<std::pair<int, QByteArray>>{{0, "1.4.2\n"},
-                                                          {2, "usage: quillmere-demo-agent [--probe | --version]\n"}}));
-        // Its log tells each start, snapshot and stop.
-        const QString at = u"127.0.0.1:%1"_s.arg(port);
-        QCOMPARE(QString::fromUtf8(readFile(env.logsDir() + "/agent.log"_L1))
-                     .remove(QRegularExpression(u"^\\S+Z \\| "_s, QRegularExpression::MultilineOption))
-                     .split(u'\n', Qt::SkipEmptyParts),
-                 QStringList({"quillmere-demo-agent: cannot listen on " + at + ": The bound address is already in use",
-                              "quillmere-demo-agent 1.4.2 listening on " + at,
-                              u"Volume snapshot received: event=app-launch volumes=1"_s,
-                              u"Volume snapshot received: event= volumes=0"_s, u"Stopping on signal 15."_s}));
+        answers += readFile(env.logsDir() + "/agent.log"_L1)
+                       .replace("127.0.0.1:" + QByteArray::number(port), "127.0.0.1:$PORT");
+        QCOMPARE(QString::fromUtf8(answers.join("--\n").replace("\r\n", "\n"))
+                     .replace(QRegularExpression(u"\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ"_s), u"$TIME"_s)
+                     .replace(u":%1<"_s.arg(port), u":$PORT<"_s),
+                 QString::fromUtf8(readFile(QFINDTESTDATA("answers.http"))));
     }
 };
 
