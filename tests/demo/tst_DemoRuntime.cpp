@@ -49,17 +49,15 @@ private slots:
     void cleanup() { runScript(u"stop"_s); } // never leave an agent behind
     void startServesAndStopEnds()
     {
-        // The port held by a peer that answers a byte at a time: the start gives up, and says why.
+        // The port held by a peer that answers a byte at a time: the start gives up, and says why (its exit code
+        // and output come first in answers.http).
         QTimer trickle;
         connect(&trickle, &QTimer::timeout, [&] {
             for (QTcpSocket *peer : taken.findChildren<QTcpSocket *>())
                 peer->write("H");
         });
         trickle.start(200);
-        const auto refused = runScript(u"start"_s);
-        QVERIFY2(refused.first == 1 && refused.second.contains("quillmere-demo-agent: cannot listen on 127.0.0.1:" +
-                                                               QByteArray::number(port)),
-                 refused.second.constData());
+        const auto [refusedWith, refusal] = runScript(u"start"_s);
         taken.close();
         QCOMPARE(runScript(u"stop"_s), (QPair<int, QByteArray>{0, "Agent not running.\n"}));
         QCOMPARE(runScript(u"start"_s).first, 0); // ends once the agent answers, though on pipes
@@ -75,9 +73,10 @@ private slots:
         // it escaped, one at the size limit; 405 for another method (its header at the limit), 404, a broken or
         // blank request line or body (400), a header (split or whole) or body too large (413).
         const QByteArray post = "POST /api/mounted-volumes/cache-sync HTTP/1.1", json = R"({"volumes":[]})";
-        QByteArrayList answers{answerTo("GET /healthz HTTP/1.1"), answerTo("GET / HTTP/1.1"),
-                               answerTo(post, R"({"event":"app-launch","volumes":[{"name":"Photos <2024>"}]})")};
-        answers << answerTo("GET /index.html HTTP/1.1")
+        QByteArrayList answers{QByteArray::number(refusedWith) + ": " + refusal, answerTo("GET /healthz HTTP/1.1"),
+                               answerTo("GET / HTTP/1.1")};
+        answers << answerTo(post, R"({"event":"app-launch","volumes":[{"name":"Photos <2024>"}]})")
+                << answerTo("GET /index.html HTTP/1.1")
                 << answerTo(post, json + QByteArray(1024 * 1024 - json.size(), ' '));
         for (const QByteArray &request :
              {"PUT / HTTP/1.1\r\nx: "_ba + QByteArray(16384 - 37, 'p'), "GET /api/mounted-volumes/cache-sync"_ba,
@@ -98,11 +97,10 @@ private slots:
             QVERIFY(agent.waitForFinished());
             answers += QByteArray::number(agent.exitCode()) + ": " + agent.readAll();
         }
-        answers += readFile(env.logsDir() + "/agent.log"_L1)
-                       .replace("127.0.0.1:" + QByteArray::number(port), "127.0.0.1:$PORT");
+        answers += readFile(env.logsDir() + "/agent.log"_L1);
         QCOMPARE(QString::fromUtf8(answers.join("--\n").replace("\r\n", "\n"))
                      .replace(QRegularExpression(u"\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ"_s), u"$TIME"_s)
-                     .replace(u":%1<"_s.arg(port), u":$PORT<"_s),
+                     .replace(u"127.0.0.1:%1"_s.arg(port), u"127.0.0.1:$PORT"_s),
                  QString::fromUtf8(readFile(QFINDTESTDATA("answers.http"))));
     }
 };
