@@ -5,7 +5,8 @@
 #include <QtEndian>
 
 // At login (by the flag or the system's open-application event); that event's class, ID and property data
-// (four-character codes); the version stored (null: none); whether getting started is shown.
+// (four-character codes) or a command-line argument; the version stored (null: none); whether getting started is
+// shown.
 using LaunchRow = std::tuple<bool, QByteArrayList, QString, bool>;
 
 class PagesTest : public QObject {
@@ -24,7 +25,9 @@ private slots:
         QTest::newRow("first") << LaunchRow{false, open, QString(), true};
         QTest::newRow("same, agent up") << LaunchRow{false, open, u"1.0.0"_s, false};
         QTest::newRow("older") << LaunchRow{false, open, u"0.9.0"_s, true};
-        QTest::newRow("login") << LaunchRow{true, {}, u"0.9.0"_s, false};
+        QTest::newRow("login") << LaunchRow{true, {"--launched-at-login"}, u"0.9.0"_s, false};
+        QTest::newRow("flag in other case") << LaunchRow{false, {"--Launched-At-Login"}, u"0.9.0"_s, true};
+        QTest::newRow("flag with more") << LaunchRow{false, {"--launched-at-login=1"}, u"0.9.0"_s, true};
         QTest::newRow("login item") << LaunchRow{true, {"aevt", "oapp", "lgit"}, u"0.9.0"_s, false};
         QTest::newRow("service item") << LaunchRow{false, {"aevt", "oapp", "svit"}, u"1.0.0"_s, false};
         QTest::newRow("login mark on another event") << LaunchRow{false, {"aevt", "odoc", "lgit"}, u"1.0.0"_s, false};
@@ -43,7 +46,9 @@ private slots:
         Configuration config = env.configuration(agent.baseURL());
         config.refreshInterval = std::chrono::milliseconds(100);
         config.launchFlowDelay = std::chrono::milliseconds(10);
-        config.arguments = QStringList{u"quillmere-menu"_s, u"--launched-at-login"_s}.first(event.isEmpty() ? 2 : 1);
+        config.arguments = QStringList{u"quillmere-menu"_s};
+        if (event.value(0).startsWith("--")) // an argument instead of an event
+            config.arguments << QString::fromLatin1(event.takeFirst());
         // A support folder of each row's own, so that the logs item has to make it; the log stays.
         config.applicationSupportDirectory = env.root() + u"/support-"_s + QString::fromLatin1(QTest::currentDataTag());
         Controller c(config, false);
@@ -80,6 +85,29 @@ private slots:
             opened.prepend(QUrl::fromLocalFile(env.runtimeDir() +
                                                (welcomeShown ? "/welcome.html"_L1 : "/startup-status.html"_L1)));
         QCOMPARE(c.fakes.opener->opened, opened);
+    }
+
+    // The version getting started is recorded for: the build's as written, else the marketing one, else "1". Blanks
+    // alone or a number count as absent.
+    void bundleVersion_data()
+    {
+        QTest::addColumn<QString>("keys");
+        QTest::addColumn<QString>("version");
+        const QString marketing = u"<key>CFBundleShortVersionString</key><string>1.3</string>"_s;
+        QTest::newRow("both") << u"<key>CFBundleVersion</key><string>42</string>"_s + marketing << u"42"_s;
+        QTest::newRow("build blanks") << u"<key>CFBundleVersion</key><string> \n </string>"_s + marketing << u"1.3"_s;
+        QTest::newRow("build a number") << u"<key>CFBundleVersion</key><integer>7</integer>"_s + marketing << u"1.3"_s;
+        QTest::newRow("spaces kept") << u"<key>CFBundleVersion</key><string> 2.0 </string>"_s << u" 2.0 "_s;
+        QTest::newRow("neither") << u"<key>CFBundleShortVersionString</key><string> </string>"_s << u"1"_s;
+    }
+    void bundleVersion()
+    {
+        QFETCH(QString, keys);
+        QFETCH(QString, version);
+        Configuration config = env.configuration(agent.baseURL());
+        config.infoPlistPath = env.root() + u"/row-Info.plist"_s;
+        writeFile(config.infoPlistPath, ("<plist><dict>"_L1 + keys + "</dict></plist>"_L1).toUtf8());
+        QCOMPARE(Controller(config, false).delegate.currentBundleVersion(), version);
     }
 };
 
