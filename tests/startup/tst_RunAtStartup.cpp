@@ -79,6 +79,7 @@ private slots:
         QTest::newRow("no service, nothing") << ResolveRow{false, false, 1, {}};
         QTest::newRow("no service, own plist") << ResolveRow{false, true, 0, {}};
         QTest::newRow("requires approval") << ResolveRow{true, false, 2, {}};
+        QTest::newRow("not found") << ResolveRow{true, false, 3, {}};
         QTest::newRow("requires approval, leftover") << ResolveRow{true, false, 2, markedInComment};
         QTest::newRow("leftover without marker") << ResolveRow{true, false, 0, unmarked};
         QTest::newRow("leftover not UTF-8") << ResolveRow{true, false, 0, notUtf8};
@@ -112,10 +113,11 @@ private slots:
         QVERIFY(service.calls.isEmpty() && launchctlCalls().isEmpty() && env.messagesSinceMark().isEmpty());
 
         // Choosing the item turns on only what was off; needing approval counts as on. Either way marked leftovers
-        // are cleaned up, and only those.
+        // are unloaded and removed in their labels' order, and only those; a launch agent that is not there is not
+        // unloaded, yet its removal is logged.
         item->trigger();
         seen << u"chosen: %1, %2"_s.arg(item->isChecked() ? u"checked"_s : u"unchecked"_s, item->text())
-             << outcome(service);
+             << env.messagesSinceMark() << outcome(service);
         const auto [lines, logged] = expectedAndLogged(QString::fromLatin1(QTest::currentDataTag()), seen);
         QCOMPARE(logged, lines);
     }
