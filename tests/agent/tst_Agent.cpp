@@ -41,14 +41,19 @@ private slots:
         const auto row = [](const char *name, CannedResponse response, bool running, const QString &version) {
             QTest::newRow(name) << response << QList<QPair<bool, QString>>{{running, version}};
         };
-        row("299, case and white space", {299, R"({"status":" \n oK \r\n","version":"\t1.4.2\n"})"}, true, v142);
+        row("299, case and white space, more keys",
+            {299, R"({"status":" \n oK \r\n","version":"\t1.4.2\n","uptime":5})"}, true, v142);
         row("null version", {200, R"({"status":"ok","version":null})"}, true, lastKnown);
+        row("no version", {200, R"({"status":"ok"})"}, true, lastKnown);
         row("blank version", {200, R"({"status":"ok","version":" \t "})"}, true, lastKnown);
         row("status with a full stop", {200, R"({"status":"ok.","version":"1.4.2"})"}, false, v142);
         row("numeric version spoils the body", {200, R"({"status":"ok","version":142})"}, false, lastKnown);
         row("not JSON", {200, "ok", "text/plain"}, false, lastKnown);
+        row("not an object", {200, R"([{"status":"ok"}])"}, false, lastKnown);
+        row("no body", {204, {}}, false, lastKnown);
         row("300, body ignored", {300, okBody}, false, lastKnown);
         row("hung", {200, okBody, "application/json", true}, false, lastKnown);
+        row("nobody listening", {200, okBody}, false, lastKnown); // refused: answered at once
         row("redirected on the origin", {307, {}, "text/plain", false, 0, -1, "/elsewhere"}, true, v142);
         // Guards: a body cut off after the status line was judged; the whole object arrives, not its length.
         row("cut-off", {200, okBody, "application/json", false, 0, okBody.size() + 50}, false, lastKnown);
@@ -59,6 +64,8 @@ private slots:
         agent->setResponse("/healthz", response);
         agent->setResponse("/elsewhere", {200, okBody});
         auto c = makeController();
+        if (QTest::currentDataTag() == "nobody listening"_L1)
+            agent.reset();
         QList<QPair<bool, QString>> answers;
         QElapsedTimer clock;
         clock.start();
@@ -77,7 +84,8 @@ private slots:
     void refresh_data()
     {
         QTest::addColumn<RefreshRow>("row");
-        QTest::newRow("running clears both flags") << RefreshRow{false, true, true, true, "Status: Running"};
+        QTest::newRow("running again clears both flags") << RefreshRow{false, true, true, true, "Status: Running"};
+        QTest::newRow("launch found it running") << RefreshRow{true, false, false, true, "Status: Running"};
         QTest::newRow("still running") << RefreshRow{true, false, false, true, "Status: Running"};
         QTest::newRow("start wins over stop") << RefreshRow{true, true, true, false, "Status: Starting..."};
         QTest::newRow("stop under way") << RefreshRow{true, false, true, false, "Status: Stopping..."};
@@ -88,11 +96,17 @@ private slots:
         const auto &[wasRunning, startInFlight, stopInFlight, up, title] = row;
         auto c = makeController();
         AppDelegate &d = c->delegate;
-        d.updateStateMenu(u"Status: Launching..."_s, lastKnown, wasRunning);
-        std::tie(d.startInFlight, d.stopInFlight) = std::pair(startInFlight, stopInFlight);
-        const DispatchWorkItem *syncBefore = d.mountedVolumeSyncDebounceWorkItem.get();
         agent->setResponse("/healthz",
                            {200, R"({"status":")" + QByteArray(up ? "ok" : "down") + R"(","version":"2.0.1"})"});
+        if (QTest::currentDataTag() == "launch found it running"_L1) { // its start's answer came first
+            d.startAgentIfNeededOnLaunch();
+            QTRY_VERIFY(env.messagesSinceMark().contains(u"Agent already healthy during launch."_s));
+        } else { // it ran before, so that running again is a second change to running
+            d.updateStateMenu(u"Status: Running"_s, lastKnown, true);
+            d.updateStateMenu(u"Status: Launching..."_s, lastKnown, wasRunning);
+        }
+        std::tie(d.startInFlight, d.stopInFlight) = std::pair(startInFlight, stopInFlight);
+        const DispatchWorkItem *syncBefore = d.mountedVolumeSyncDebounceWorkItem.get();
         d.refreshHealth();
         QTRY_COMPARE(d.versionMenuItem->text(), u"Version: 2.0.1"_s);
         // Only a change to running asks for a forced volume sync (inside the 1 s debounce); only running clears flags.
@@ -141,10 +155,14 @@ private slots:
 
         QVERIFY(QFile::setPermissions(script->path(), QFileDevice::ReadOwner | QFileDevice::WriteOwner));
         env.markLog();
-        d.startAgentFromMenu(); // runs nothing
-        QCOMPARE(env.messagesSinceMark(),
-                 QStringList({"agentctl.sh exists but is not executable: "_L1 + script->path(),
-                              u"State updated: Status: Missing runtime files version=1.4.2 running=false"_s}));
+        d.startAgentFromMenu(); // runs nothing; nor with no runtime folder, which is still where the script is sought
+        QVERIFY(QDir(env.runtimeDir()).removeRecursively());
+        d.startAgentFromMenu();
+        const QString notExecutable = "agentctl.sh exists but is not executable: "_L1 + script->path();
+        QCOMPARE(
+            env.messagesSinceMark(),
+            QStringList({notExecutable, u"State updated: Status: Missing runtime files version=1.4.2 running=false"_s,
+                         notExecutable}));
     }
 
     // An unasked stop is told once the next answer confirms it, but not in the first 30 s after a wake
