@@ -5,6 +5,7 @@
 #include "platform/linux/MountInfoWatcher.h"
 #include "support/InstalledProgram.h"
 #include "support/Testing.h"
+#include "volumes/VolumeSnapshot.h"
 
 #include <QApplication>
 #include <QDBusConnection>
@@ -85,6 +86,7 @@ private slots:
         delegate->syncMountedVolumesCache(didMount, false);
         delegate->syncMountedVolumesCache(u"agent-running"_s, true);
         delegate->syncMountedVolumesCache(didUnmount, false);
+        QVERIFY(QDir(env.volumesDir()).mkdir(u"omega"_s)); // which the follow-up's new snapshot holds
         QTRY_VERIFY_WITH_TIMEOUT(!delegate->mountedVolumeSyncInFlight, 4500);
         // The same snapshot again, unforced: skipped only when the agent took it.
         delegate->syncMountedVolumesCache(didMount, false);
@@ -107,15 +109,20 @@ private slots:
         QList<qint64> arrivals; // of sync requests, since the last one was scheduled
         connect(&agent, &FakeAgent::requestReceived, &agent, [&] { arrivals.append(scheduled.elapsed()); });
         auto delegate = std::make_unique<AppDelegate>(env.configuration(agent.baseURL()), fakes.services(), &host);
+        QVERIFY(QDir(env.volumesDir()).removeRecursively()); // no mount folder yet: no volumes, still sent
         delegate->configureMountedVolumeMonitoring();
         delegate->configureMountedVolumeMonitoring();
         QCOMPARE(fakes.notifications->observerCount(), 3); // registered once
         QTRY_VERIFY(arrivals.size() == 1 && !delegate->mountedVolumeSyncInFlight);
+        QVERIFY(QDir().mkpath(env.volumesDir()));
         const qsizetype descriptorsBefore = openDescriptors();
 
         // Three notifications 0.15 s apart, a volume coming along the way: one sync a second after the last.
         for (const QString &event : {didUnmount, didRename})
             fakes.notifications->post(event), QTest::qWait(150);
+        // Of names alike but for case the first listed stays; blanks alone are no name.
+        QCOMPARE(volumeSnapshotFromListing({u"Disk"_s, u" \t"_s, u"DISK"_s}),
+                 (QList<VolumeEntry>{{u"Disk"_s, u"/Volumes/Disk"_s}}));
         // Three volumes: the same name composed or not, with blanks around it, or in the other case.
         for (const QString &name : {u"Cafe\u0301"_s, u"CAF\u00C9"_s, u" a"_s, u"A "_s, u"z"_s, u"Z"_s})
             QVERIFY(QDir(env.volumesDir()).mkdir(name));
