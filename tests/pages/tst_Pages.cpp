@@ -66,6 +66,8 @@ private slots:
         // An agent that is down is started, interactively with the status page; one that is up is left alone.
         QTRY_VERIFY(env.messagesSinceMark().contains(agentUp ? u"Agent already healthy during launch."_s
                                                              : u"Agent not healthy during launch. Starting agent."_s));
+        QVERIFY(env.messagesSinceMark().contains("Launch flow starting. launchedAtLogin="_L1 +
+                                                 (atLogin ? "true"_L1 : "false"_L1)));
         QTRY_VERIFY_WITH_TIMEOUT(agent.countFor("/healthz") >= probes + 4, 3000); // the launch probe, then the refresh
         // The last answer may still be on its way when its request has arrived.
         QTRY_COMPARE(

@@ -116,11 +116,12 @@ private slots:
         c->host.systemWillTerminate();
         c->host.systemWillTerminate();
         QCOMPARE(std::tuple(terminated->count(), script->runs(),
-                            env.messagesSinceMark().filter(
-                                QRegularExpression(u"^(Quit|Application|Termination|Agent stop|Could not|State updated: Status: Stop)"_s)),
+                            env.messagesSinceMark().filter(QRegularExpression(
+                                u"^(Quit|Application|Termination|Agent stop|Could not|State updated: Status: Stop)"_s)),
                             c->delegate.terminationReplyPending, c->delegate.stopInFlight,
-                            c->delegate.terminateAfterStop, c->host.hasTerminated()),
-                 std::tuple(1, QList<QStringList>(stops, {u"stop"_s}), log, false, false, false, true));
+                            c->delegate.terminateAfterStop, c->host.hasTerminated(),
+                            c->fakes.notifications->observerCount()), // nor a volume sync on its way out
+                 std::tuple(1, QList<QStringList>(stops, {u"stop"_s}), log, false, false, false, true, 0));
     }
 
     // A start script that hangs past the grace after the termination stop is ended with all it started
