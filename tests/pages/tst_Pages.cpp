@@ -89,9 +89,9 @@ private slots:
         QCOMPARE(c.fakes.opener->opened, opened);
     }
 
-    // The version getting started is recorded for: the build's as written, else the marketing one, else "1". Blanks
-    // alone or a number count as absent.
-    void bundleVersion_data()
+    // A controller as made knows nothing and runs nothing. The version getting started is recorded for: the build's
+    // as written, else the marketing one, else "1"; blanks alone or a number count as absent.
+    void madeController_data()
     {
         QTest::addColumn<QString>("keys");
         QTest::addColumn<QString>("version");
@@ -102,14 +102,24 @@ private slots:
         QTest::newRow("spaces kept") << u"<key>CFBundleVersion</key><string> 2.0 </string>"_s << u" 2.0 "_s;
         QTest::newRow("neither") << u"<key>CFBundleShortVersionString</key><string> </string>"_s << u"1"_s;
     }
-    void bundleVersion()
+    void madeController()
     {
         QFETCH(QString, keys);
         QFETCH(QString, version);
         Configuration config = env.configuration(agent.baseURL());
         config.infoPlistPath = env.root() + u"/row-Info.plist"_s;
         writeFile(config.infoPlistPath, ("<plist><dict>"_L1 + keys + "</dict></plist>"_L1).toUtf8());
-        QCOMPARE(Controller(config, false).delegate.currentBundleVersion(), version);
+        const Controller c(config, false);
+        const AppDelegate &d = c.delegate;
+        QCOMPARE((QVariantList{d.agentIsRunning, d.startInFlight, d.stopInFlight, d.launchedAtLogin,
+                               d.presentedWelcomeOnLaunch, d.terminationReplyPending, d.terminateAfterStop,
+                               d.stopAgentOnTerminate, d.mountedVolumeSyncInFlight, d.mountedVolumeSyncPending,
+                               d.lastKnownVersion, d.lastStateTitle, d.lastMountedVolumeSyncSignature,
+                               d.mountedVolumeObserverTokens.size(), bool(d.mountedVolumeSyncDebounceWorkItem),
+                               bool(d.refreshTimer), d.mountedVolumeSyncURL, d.currentBundleVersion()}),
+                 (QVariantList{false, false, false, false, false, false, false, true, false, false, u"--"_s, QString(),
+                               QString(), 0, false, false,
+                               agent.baseURL().resolved(u"/api/mounted-volumes/cache-sync"_s), version}));
     }
 };
 
