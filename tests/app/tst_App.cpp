@@ -93,26 +93,11 @@ private slots:
 
     void locationsFollowTheExecutable_data()
     {
-        // Executable|home|XDG_DATA_HOME|XDG_CONFIG_HOME|QUILLMERE_VOLUMES_DIR|user name, and what follows.
         QTest::addColumn<QString>("in");
         QTest::addColumn<QString>("out");
-        const QString app = u"/Applications/Quillmere Agent.app/Contents"_s, conf = u"/com.tallyhold.agent.app.conf"_s;
-        const QString xdg = "|/home/me/.local/share|/home/me/.config" + conf + '|';
-        QTest::newRow("installed, tidied, relative XDG and volumes folder ignored, both media folders")
-            << u"/opt/q/bin/quillmere-menu|/home/me/|relative/share||vol|me"_s
-            << "/opt/q/share/quillmere-menu|/opt/q/share/quillmere-menu/Info.plist" + xdg + "/run/media/me,/media/me";
-        QTest::newRow("bundle") << app + "/MacOS/quillmere-menu|/Users/me||||me"
-                                << app + "/Resources|" + app +
-                                       "/Info.plist|/Users/me/Library/Application Support||/Volumes";
-        QTest::newRow("bundle with overrides")
-            << app + "/MacOS/quillmere-menu|/Users/me|/t/data/|/t/config|/t/vol|me"
-            << app + "/Resources|" + app + "/Info.plist|/t/data|/t/config" + conf + "|/t/vol";
-        QTest::newRow("MacOS folder outside a bundle, volumes moved")
-            << u"/build/Contents/MacOS/quillmere-menu|/home/me|||/t/vol/|me"_s
-            << "/build/Contents/share/quillmere-menu|/build/Contents/share/quillmere-menu/Info.plist" + xdg + "/t/vol";
-        // No name: /media itself would list every user's media folder as a volume.
-        QTest::newRow("unknown executable and user") << u"|/home/me||||"_s << '|' + xdg;
-        QTest::newRow("user name a path") << u"|/home/me||||.."_s << '|' + xdg;
+        // Below the heading block of locations.txt, each block is a row's name, its "in" and its "out".
+        for (const QString &row : QString::fromUtf8(readFile(QFINDTESTDATA("locations.txt"))).split(u"\n\n"_s).mid(1))
+            QTest::newRow(qPrintable(row.section(u'\n', 0, 0))) << row.section(u'\n', 1, 1) << row.section(u'\n', 2, 2);
     }
     void locationsFollowTheExecutable()
     {
@@ -161,11 +146,7 @@ private slots:
         const QVariantMap values{{u"i"_s, 7LL},   {u"t"_s, true},       {u"f"_s, false},
                                  {u"r"_s, 1.5},   {u"d"_s, QVariant()}, {u"a"_s, QVariantList{u"x"_s, QVariantMap()}},
                                  {u"s"_s, u"2"_s}};
-        QCOMPARE(
-            propertyListDictionary("<plist><dict><key>i</key><integer> 7 </integer><key>t</key><true/><key>f</key>"
-                                   "<false/><key>r</key><real>1.5</real><key>a</key><array><string>x</string>"
-                                   "<dict/></array><key>d</key><date/><key>s</key><string>2</string></dict></plist>"),
-            values);
+        QCOMPARE(propertyListDictionary(readFile(QFINDTESTDATA("values.plist"))), values);
         for (const char *notADictionaryInAPlist : {"<plist><array><key>k</key><string>v</string></array></plist>",
                                                    "<dict><key>k</key><string>v</string></dict>"})
             QCOMPARE(propertyListDictionary(notADictionaryInAPlist), QVariantMap());
