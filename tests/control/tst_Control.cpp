@@ -67,9 +67,8 @@ private slots:
             const Result answer = program.run(port, arguments);
             said += u"$ %1 => %2\n%3"_s.arg(arguments.join(u' ')).arg(answer.exitCode).arg(answer.output);
         };
-        for (const QString &arguments : {u"--status"_s, u"-v"_s, u"--open"_s, u"--quit"_s})
+        for (const QString &arguments : {u"--status"_s, u"-v"_s, u"--open"_s, u"--quit"_s, u"--help"_s})
             ask({arguments});
-        QCOMPARE(program.run(port, {u"--help"_s}), (Result{0, QString::fromUtf8(readFile(QFINDTESTDATA("help.txt")))}));
         QCOMPARE(program.logMessages(), QStringList()); // asking is no change of state: polling leaves no trace
 
         QProcess *running = program.start(port);
@@ -136,21 +135,16 @@ private slots:
                                        "{\"command\":\"open\",\"page\":\"bogus\"}\n",
                                        "{\"command\":\"status\",\"page\":\"logs\"}\n",
                                        "{\"command\":\"status\""};
-        QByteArrayList answers;
         for (int i = 0; i < 1000; ++i) {
             auto socket = connected();
             QVERIFY(socket && socket->write(requests[i % 6]) && socket->waitForBytesWritten(2000) &&
                     (i % 6 == 5 || socket->waitForReadyRead(2000)));
-            if (i < 6)
-                answers << socket->readAll();
+            if (i < 6) // each answer in brackets, its line feed shown; the unfinished request has none
+                said +=
+                    u"request %1 => [%2]\n"_s.arg(i).arg(QString::fromUtf8(socket->readAll()).replace(u'\n', u"\\n"_s));
             if (i % 6 == 5 && unfinished.size() < 40)
                 unfinished.push_back(std::move(socket));
         }
-        QCOMPARE(answers, QByteArrayList({"{\"message\":\"unknown command\",\"reply\":\"error\"}\n",
-                                          "{\"message\":\"not a JSON object\",\"reply\":\"error\"}\n",
-                                          "{\"message\":\"request too long\",\"reply\":\"error\"}\n",
-                                          "{\"message\":\"unknown page\",\"reply\":\"error\"}\n",
-                                          "{\"message\":\"a page where none goes\",\"reply\":\"error\"}\n", ""}));
         QTRY_VERIFY_WITH_TIMEOUT(openDescriptors(pid) <= descriptors + 2, 10000); // unfinished ones dropped
         const auto unanswered = connected(); // 2 s to finish a request, on a quiet program
         QElapsedTimer waited;
