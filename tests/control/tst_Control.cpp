@@ -4,8 +4,8 @@
 #include "support/InstalledProgram.h"
 #include "support/Testing.h"
 
+#include <QJsonArray>
 #include <QJsonDocument>
-#include <QJsonObject>
 #include <QLibraryInfo>
 #include <QLocalServer>
 #include <QLocalSocket>
@@ -277,22 +277,16 @@ private slots:
         QProcess *running = program.start(port);
         QTRY_COMPARE_WITH_TIMEOUT(program.run(port, {u"--status"_s}).exitCode, 0, 15000);
         const Result healthy = program.run(port, {u"--diagnose"_s, u"--json"_s});
-        const QJsonObject found = QJsonDocument::fromJson(healthy.output.toUtf8()).object();
-        const auto at = [](const QJsonObject &object, const QString &path) {
-            QJsonValue value = object;
-            for (const QString &key : path.split(u'.'))
-                value = value.toObject().value(key);
-            return value.toVariant();
-        };
-        QStringList lastLines = at(found, u"files.log.lastLines"_s).toStringList();
+        const QJsonDocument found = QJsonDocument::fromJson(healthy.output.toUtf8());
+        QStringList lastLines = found["files"]["log"]["lastLines"].toVariant().toStringList();
         for (QString &line : lastLines)
             line = line.section(u" | "_s, 1);
-        QCOMPARE(
-            (QVariantList{healthy.exitCode, at(found, u"agent.version"_s), at(found, u"program.running"_s),
-                          at(found, u"program.socket.trusted"_s), at(found, u"program.lock.pid"_s),
-                          at(found, u"files.runtime.controlScriptExecutable"_s), lastLines, at(found, u"problems"_s)}),
-            (QVariantList{0, u"1.4.2"_s, true, true, running->processId(), true,
-                          program.logMessages().mid(program.logMessages().size() - 5), QVariantList()}));
+        QCOMPARE((QJsonArray{healthy.exitCode, found["agent"]["version"], found["program"]["running"],
+                             found["program"]["socket"]["trusted"], found["program"]["lock"]["pid"],
+                             found["files"]["runtime"]["controlScriptExecutable"],
+                             QJsonArray::fromStringList(lastLines), found["problems"]}),
+                 (QJsonArray{0, u"1.4.2"_s, true, true, running->processId(), true,
+                             QJsonArray::fromStringList(program.logMessages().last(5)), QJsonArray()}));
         QVERIFY(program.run(port, {u"--diagnose"_s}).output.endsWith(u"\n\nNo problem found.\n"_s));
         QCOMPARE(program.run(port, {u"--quit"_s}).exitCode, 0);
 
@@ -349,16 +343,15 @@ private slots:
         program.variables = {{u"XDG_RUNTIME_DIR"_s, program.homeOf(u"second"_s) + logs}};
         writeFile(program.homeOf(u"fourth"_s) + logs + u"/menu-app.log"_s, "a short\nlog\n"); // read whole
         const auto diagnose = [&](const QString &user) {
-            return QJsonDocument::fromJson(program.run(port, {u"--diagnose"_s, u"--json"_s}, user).output.toUtf8())
-                .object();
+            return QJsonDocument::fromJson(program.run(port, {u"--diagnose"_s, u"--json"_s}, user).output.toUtf8());
         };
-        const QJsonObject third = diagnose(u"third"_s);
+        const QJsonDocument third = diagnose(u"third"_s);
         const QString fallback = u"%1/tmp/" QUILLMERE_BUNDLE_IDENTIFIER "-%2"_s.arg(program.root()).arg(::getuid());
-        QCOMPARE((QVariantList{at(third, u"files.log.lastLines"_s).toStringList(), at(third, u"program.lock.path"_s),
-                               at(third, u"program.socket.path"_s), at(third, u"program.socket.owner"_s),
-                               at(diagnose(u"fourth"_s), u"files.log.lastLines"_s).toStringList()}),
-                 (QVariantList{QStringList{QString(2048, u'y')}, fallback + u".lock"_s, fallback + u".socket"_s, -1,
-                               QStringList{u"a short"_s, u"log"_s}}));
+        QCOMPARE((QJsonArray{third["files"]["log"]["lastLines"], third["program"]["lock"]["path"],
+                             third["program"]["socket"]["path"], third["program"]["socket"]["owner"],
+                             diagnose(u"fourth"_s)["files"]["log"]["lastLines"]}),
+                 (QJsonArray{QJsonArray{QString(2048, u'y')}, fallback + u".lock"_s, fallback + u".socket"_s, -1,
+                             QJsonArray{u"a short"_s, u"log"_s}}));
     }
 
     // A stale socket file of another user is refused, then a program of another user is not talked to.
