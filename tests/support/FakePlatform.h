@@ -38,27 +38,22 @@ public:
 
 class FakeLoginItemService : public LoginItemService {
 public:
+    using Outcome = std::optional<LoginItemError>; // none: done
+
     bool isAvailable() const override { return available; }
     int status() const override { return currentStatus; }
-    std::optional<LoginItemError> registerApp() override
-    {
-        return call(u"register"_s, registerResult, statusAfterRegister);
-    }
-    std::optional<LoginItemError> unregisterApp() override
-    {
-        return call(u"unregister"_s, unregisterResult, statusNotRegistered);
-    }
+    Outcome registerApp() override { return call(u"register"_s, registerResult, statusAfterRegister); }
+    Outcome unregisterApp() override { return call(u"unregister"_s, unregisterResult, statusNotRegistered); }
     void openSystemSettingsLoginItems() override { calls.append(u"openSettings"_s); }
 
     bool available = true;
     int currentStatus = statusNotRegistered;
     int statusAfterRegister = statusEnabled;
-    std::optional<LoginItemError> registerResult;
-    std::optional<LoginItemError> unregisterResult;
+    Outcome registerResult, unregisterResult;
     QStringList calls;
 
 private:
-    std::optional<LoginItemError> call(const QString &name, std::optional<LoginItemError> result, int statusAfter)
+    Outcome call(const QString &name, Outcome result, int statusAfter)
     {
         calls.append(name);
         if (!result)
