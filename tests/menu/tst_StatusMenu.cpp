@@ -34,7 +34,7 @@ private slots:
     void updateShowsLogsAndEnables_data()
     {
         QTest::addColumn<UpdateRow>("row");
-        // Each follows "Status: Running" with the running flag flipped, and "Run at Startup" checked. What is
+        // Each follows "Status: Running" of a running agent, and "Run at Startup" checked. What is
         // logged and the whole menu afterwards: the block of updates.txt that the name heads.
         QTest::newRow("assembled, no update") << UpdateRow{nullptr, nullptr, false, false, false, true};
         QTest::newRow("empty version") << UpdateRow{"Status: Stopped", "", false, false, false, true};
@@ -61,7 +61,7 @@ private slots:
         AppDelegate &d = c.delegate;
         StatusButton *button = c.fakes.statusItem->button();
         if (title) {
-            d.updateStateMenu(u"Status: Running"_s, u"0.9"_s, !running);
+            d.updateStateMenu(u"Status: Running"_s, u"0.9"_s, true); // the same flag or not, the button is redone
             setMenuItemCheckState(d.runAtStartupMenuItem(), 1);
             // Whatever the button showed gives way to the plain image-only badge.
             button->setTitle(u"stale"_s);
@@ -73,7 +73,8 @@ private slots:
         }
         QCOMPARE(wholeMenu(*d.menu), expected.last());
         QCOMPARE(button->toolTip(), running ? u"Quillmere Agent is running"_s : u"Quillmere Agent is offline"_s);
-        QVERIFY(button->title().isEmpty() && !button->appearsDisabled() && !button->image().isMask());
+        QVERIFY(button->title().isEmpty() && !button->appearsDisabled() && !button->image().isMask() &&
+                button->imagePosition() == StatusButton::ImagePosition::ImageOnly);
         QCOMPARE(button->image().pixmap(18).toImage(), makeBrandStatusImage(running).pixmap(18).toImage());
         QCOMPARE(c.fakes.statusItem->menu(), d.menu.get()); // what the tray's own context menu shows
         if (!runtimeFolder) { // the pages a launch may still ask for are not found, nor a button on some trays
