@@ -9,6 +9,7 @@
 #include "platform/RunningApplications.h"
 #include "support/Testing.h"
 
+#include <QTimeZone>
 #include <pwd.h>
 #include <thread>
 #include <unistd.h>
@@ -43,7 +44,12 @@ private slots:
         }
 
         const QStringList lines = TestEnvironment::logMessagesIn(path); // each stamped in UTC to the millisecond
-        QCOMPARE(lines.filter(u"thread 0 "_s) + lines.filter(u"thread 1 "_s), expected[0] + expected[1]);
+        QCOMPARE(std::pair(lines.filter(u"thread 0 "_s) + lines.filter(u"thread 1 "_s), readFile(path).count('\n')),
+                 std::pair(expected[0] + expected[1], qsizetype(1000))); // one line feed each
+        // In UTC whatever the zone; a message as given, blank or of several lines.
+        const QDateTime moment(QDate(2026, 1, 2), QTime(3, 4, 5, 6), QTimeZone(19800)); // +05:30
+        QCOMPARE(AppLogger::formatLine(moment, u"a\nb"_s) + AppLogger::formatLine(moment, {}),
+                 "2026-01-01T21:34:05.006Z | a\nb\n2026-01-01T21:34:05.006Z | \n");
         // Made as a temporary file, it still reads like any other file of the user's: rw-r--r--.
         QCOMPARE(QFile::permissions(path), QFileDevice::Permissions(0x6644)); // Qt's owner and user bits alike
     }
