@@ -46,8 +46,8 @@ private slots:
         const QStringList lines = TestEnvironment::logMessagesIn(path); // each stamped in UTC to the millisecond
         QCOMPARE(std::pair(lines.filter(u"thread 0 "_s) + lines.filter(u"thread 1 "_s), readFile(path).count('\n')),
                  std::pair(expected[0] + expected[1], qsizetype(1000))); // one line feed each
-        // In UTC whatever the zone; a message as given, blank or of several lines.
-        const QDateTime moment(QDate(2026, 1, 2), QTime(3, 4, 5, 6), QTimeZone(19800)); // +05:30
+        // In UTC whatever the zone (here +05:30); a message as given, blank or of several lines.
+        const QDateTime moment(QDate(2026, 1, 2), QTime(3, 4, 5, 6), QTimeZone(19800));
         QCOMPARE(AppLogger::formatLine(moment, u"a\nb"_s) + AppLogger::formatLine(moment, {}),
                  "2026-01-01T21:34:05.006Z | a\nb\n2026-01-01T21:34:05.006Z | \n");
         // Made as a temporary file, it still reads like any other file of the user's: rw-r--r--.

@@ -4,9 +4,8 @@
 #include <QSettings>
 #include <QtEndian>
 
-// At login (by the flag or the system's open-application event); that event's class, ID and property data
-// (four-character codes) or a command-line argument; the version stored (null: none); whether getting started is
-// shown.
+// At login (by the flag or the open-application event); the event's class, ID and property data (four-character
+// codes) or command-line arguments; the version stored (null: none); whether getting started is shown.
 using LaunchRow = std::tuple<bool, QByteArrayList, QString, bool>;
 
 class PagesTest : public QObject {
@@ -26,8 +25,8 @@ private slots:
         QTest::newRow("same, agent up") << LaunchRow{false, open, u"1.0.0"_s, false};
         QTest::newRow("older") << LaunchRow{false, open, u"0.9.0"_s, true};
         QTest::newRow("login") << LaunchRow{true, {"--launched-at-login"}, u"0.9.0"_s, false};
-        QTest::newRow("flag in other case") << LaunchRow{false, {"--Launched-At-Login"}, u"0.9.0"_s, true};
-        QTest::newRow("flag with more") << LaunchRow{false, {"--launched-at-login=1"}, u"0.9.0"_s, true};
+        QTest::newRow("flag in other case or with more")
+            << LaunchRow{false, {"--Launched-At-Login", "--launched-at-login=1"}, u"0.9.0"_s, true};
         QTest::newRow("login item") << LaunchRow{true, {"aevt", "oapp", "lgit"}, u"0.9.0"_s, false};
         QTest::newRow("service item") << LaunchRow{false, {"aevt", "oapp", "svit"}, u"1.0.0"_s, false};
         QTest::newRow("login mark on another event") << LaunchRow{false, {"aevt", "odoc", "lgit"}, u"1.0.0"_s, false};
@@ -47,7 +46,7 @@ private slots:
         config.refreshInterval = std::chrono::milliseconds(100);
         config.launchFlowDelay = std::chrono::milliseconds(10);
         config.arguments = QStringList{u"quillmere-menu"_s};
-        if (event.value(0).startsWith("--")) // an argument instead of an event
+        while (event.value(0).startsWith("--")) // arguments instead of an event
             config.arguments << QString::fromLatin1(event.takeFirst());
         // A support folder of each row's own, so that the logs item has to make it; the log stays.
         config.applicationSupportDirectory = env.root() + u"/support-"_s + QString::fromLatin1(QTest::currentDataTag());
@@ -89,8 +88,8 @@ private slots:
         QCOMPARE(c.fakes.opener->opened, opened);
     }
 
-    // A controller as made knows nothing and runs nothing. The version getting started is recorded for: the build's
-    // as written, else the marketing one, else "1"; blanks alone or a number count as absent.
+    // A controller as made knows and runs nothing; getting started is for the build's version as written, else the
+    // marketing one (blanks or a number count as none), else "1".
     void madeController_data()
     {
         QTest::addColumn<QString>("keys");

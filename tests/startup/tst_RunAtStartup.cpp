@@ -112,9 +112,8 @@ private slots:
                 seen << u"mark at %1,%2: %3"_s.arg(at.x()).arg(at.y()).arg(mark.pixelColor(at).name(QColor::HexArgb));
         QVERIFY(service.calls.isEmpty() && launchctlCalls().isEmpty() && env.messagesSinceMark().isEmpty());
 
-        // Choosing the item turns on only what was off; needing approval counts as on. Either way marked leftovers
-        // are unloaded and removed in their labels' order, and only those; a launch agent that is not there is not
-        // unloaded, yet its removal is logged.
+        // Choosing turns on only what was off (needing approval counts as on); marked leftovers alone go, in label
+        // order; a launch agent that is not there is not unloaded, yet its removal is logged.
         item->trigger();
         seen << u"chosen: %1, %2"_s.arg(item->isChecked() ? u"checked"_s : u"unchecked"_s, item->text())
              << env.messagesSinceMark() << outcome(service);

@@ -114,18 +114,16 @@ private slots:
         delegate->configureMountedVolumeMonitoring();
         QCOMPARE(fakes.notifications->observerCount(), 3); // registered once
         QTRY_VERIFY(arrivals.size() == 1 && !delegate->mountedVolumeSyncInFlight);
-        QVERIFY(QDir().mkpath(env.volumesDir()));
         const qsizetype descriptorsBefore = openDescriptors();
 
         // Three notifications 0.15 s apart, a volume coming along the way: one sync a second after the last.
         for (const QString &event : {didUnmount, didRename})
             fakes.notifications->post(event), QTest::qWait(150);
-        // Of names alike but for case the first listed stays; blanks alone are no name.
-        QCOMPARE(volumeSnapshotFromListing({u"Disk"_s, u" \t"_s, u"DISK"_s}),
+        QCOMPARE(volumeSnapshotFromListing({u"Disk"_s, u" \t"_s, u"DISK"_s}), // first of case twins; blanks: none
                  (QList<VolumeEntry>{{u"Disk"_s, u"/Volumes/Disk"_s}}));
         // Three volumes: the same name composed or not, with blanks around it, or in the other case.
         for (const QString &name : {u"Cafe\u0301"_s, u"CAF\u00C9"_s, u" a"_s, u"A "_s, u"z"_s, u"Z"_s})
-            QVERIFY(QDir(env.volumesDir()).mkdir(name));
+            QVERIFY(QDir().mkpath(env.volumesDir() + u'/' + name)); // the mount folder with the first
         fakes.notifications->post(didMount);
         scheduled.start();
         QTRY_COMPARE_WITH_TIMEOUT(arrivals.size(), 2, 5000);
