@@ -3,8 +3,8 @@
 #include "support/Files.h"
 #include "support/TestEnvironment.h"
 
-#include <QMap>
 #include <QProcessEnvironment>
+#include <QRegularExpression>
 
 InstalledProgram::InstalledProgram(const QString &platform) : platform_(platform)
 {
@@ -15,7 +15,7 @@ InstalledProgram::InstalledProgram(const QString &platform) : platform_(platform
                      root() + u"/share/quillmere-menu/Info.plist"_s))
         qFatal("cannot copy the program");
     TestEnvironment::writeScript(root() + u"/fakebin/xdg-open"_s,
-                                 u"printf '%s %s\\n' $$ \"$*\" >> "_s +
+                                 u"printf '%015d %07d %s\\n' $(cut -d' ' -f22 /proc/$$/stat) $$ \"$*\" >> "_s +
                                      TestEnvironment::shellQuoted(root() + u"/xdg-open-calls"_s));
 }
 
@@ -81,9 +81,8 @@ QStringList InstalledProgram::logMessages(const QString &user) const
 
 QStringList InstalledProgram::openedLocations() const
 {
-    QMap<int, QString> byProcessId; // ids rise in the order the runs were started, whichever ended first
-    for (const QString &line :
-         QString::fromUtf8(readFile(root() + u"/xdg-open-calls"_s)).split(u'\n', Qt::SkipEmptyParts))
-        byProcessId.insert(line.section(u' ', 0, 0).toInt(), line.section(u' ', 1));
-    return byProcessId.values();
+    // In the order the runs started: by start time (ticks since boot), then id (ids wrap around on a busy machine).
+    QStringList runs = QString::fromUtf8(readFile(root() + u"/xdg-open-calls"_s)).split(u'\n', Qt::SkipEmptyParts);
+    runs.sort(); // each begins with both, zero-padded
+    return runs.replaceInStrings(QRegularExpression(u"^\\d+ \\d+ "_s), QString());
 }
