@@ -37,7 +37,7 @@ class DemoRuntimeTest : public QObject {
         QTcpSocket socket;
         socket.connectToHost(QHostAddress::LocalHost, port);
         const QByteArray request =
-            requestLine + "\r\ncontent-length:" + QByteArray::number(body.size()) + "\r\n\r\n" + body;
+            requestLine + "\r\nContent-Length:" + QByteArray::number(body.size()) + "\r\n\r\n" + body;
         socket.write(request.chopped(1));
         socket.waitForReadyRead(100); // an answer to a part would have come by now
         socket.write(request.right(1));
