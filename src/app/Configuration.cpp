@@ -17,20 +17,24 @@ constexpr int defaultAgentPort = 8787;
 // Started by a service manager or from cron, $USER may be unset or stale and $HOME empty or
 // relative (which would put our files below whatever folder we were started in); the account
 // database knows who we run as and where that user's home is.
+QString accountEntry(char *passwd::*field)
+{
+    const passwd *account = ::getpwuid(::getuid());
+    return account && account->*field ? QFile::decodeName(account->*field) : QString();
+}
+
 QString accountName()
 {
-    if (const passwd *account = ::getpwuid(::getuid()); account && account->pw_name && *account->pw_name)
-        return QFile::decodeName(account->pw_name);
-    return qEnvironmentVariable("USER");
+    const QString name = accountEntry(&passwd::pw_name);
+    return name.isEmpty() ? qEnvironmentVariable("USER") : name;
 }
 
 QString homeDirectory()
 {
     if (const QString home = qEnvironmentVariable("HOME"); QDir::isAbsolutePath(home))
         return home;
-    if (const passwd *account = ::getpwuid(::getuid()); account && account->pw_dir && *account->pw_dir)
-        return QFile::decodeName(account->pw_dir);
-    return QDir::rootPath();
+    const QString accountHome = accountEntry(&passwd::pw_dir);
+    return accountHome.isEmpty() ? QDir::rootPath() : accountHome;
 }
 
 LocationInputs locationInputsFromEnvironment()
