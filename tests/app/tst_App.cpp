@@ -102,8 +102,8 @@ private slots:
         QTest::addColumn<QString>("in");
         QTest::addColumn<QString>("out");
         // Below the heading block of locations.txt, each block is a row's name, its "in" and its "out".
-        for (const QString &row : QString::fromUtf8(readFile(QFINDTESTDATA("locations.txt"))).split(u"\n\n"_s).mid(1))
-            QTest::newRow(qPrintable(row.section(u'\n', 0, 0))) << row.section(u'\n', 1, 1) << row.section(u'\n', 2, 2);
+        for (const QStringList &row : blocksOf(QFINDTESTDATA("locations.txt")).mid(1))
+            QTest::newRow(qPrintable(row.value(0))) << row.value(1) << row.value(2);
     }
     void locationsFollowTheExecutable()
     {

@@ -22,12 +22,21 @@ inline QByteArray readFile(const QString &path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-// The lines of the block of a file (blocks are parted by a blank line) that a line holding only name (by default
-// the test row's) heads; "(no block) name" when none does, which no expectation matches.
+// Every block of a file (blocks are parted by a blank line) as its lines; in a table, the row's name comes first.
+inline QList<QStringList> blocksOf(const QString &path)
+{
+    QList<QStringList> blocks;
+    for (const QString &block : QString::fromUtf8(readFile(path)).split(QStringLiteral("\n\n")))
+        blocks.append(block.split(u'\n', Qt::SkipEmptyParts));
+    return blocks;
+}
+
+// The lines of the block that a line holding only name (by default the test row's) heads; "(no block) name" when
+// none does, which no expectation matches.
 inline QStringList blockOf(const QString &path, const QString &name = QString::fromLatin1(QTest::currentDataTag()))
 {
-    for (const QString &block : QString::fromUtf8(readFile(path)).split(QStringLiteral("\n\n")))
-        if (block.section(u'\n', 0, 0) == name)
-            return block.section(u'\n', 1).split(u'\n', Qt::SkipEmptyParts);
+    for (const QStringList &block : blocksOf(path))
+        if (block.value(0) == name)
+            return block.mid(1);
     return {QStringLiteral("(no block) ") + name};
 }

@@ -157,8 +157,8 @@ private slots:
     void listenerOwnerOnThePort_data()
     {
         QTest::addColumn<QStringList>("lines");
-        for (const QString &block : QString::fromUtf8(readFile(QFINDTESTDATA("listeners.txt"))).split("\n\n"_L1))
-            QTest::newRow(qPrintable(block.section(u'\n', 0, 0))) << block.section(u'\n', 1).split(u'\n');
+        for (const QStringList &block : blocksOf(QFINDTESTDATA("listeners.txt")))
+            QTest::newRow(qPrintable(block.value(0))) << block.mid(1);
     }
     void listenerOwnerOnThePort()
     {
