@@ -160,10 +160,9 @@ private slots:
     void realProgramLeavesOnceAsSecondCopyAndWaitsForTheStartOnSigterm()
     {
         InstalledProgram program;
-        const QString run = program.root() + "/xdg-runtime"_L1;
         FakeControlScript realScript(program.controlScript());
         realScript.write({0, true, {}}, {0, false, {}});
-        writeFile(run, {});
+        writeFile(program.root() + "/xdg-runtime"_L1, {});
         agent->setHealthDown();
         QElapsedTimer sinceLaunch;
         QList<qint64> probes; // arrivals on sinceLaunch
