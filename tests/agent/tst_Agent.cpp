@@ -150,7 +150,8 @@ private slots:
             std::tuple(d.startInFlight, d.stopInFlight, d.startMenuItem()->isEnabled(), d.stopMenuItem()->isEnabled()),
             std::tuple(start, !start, !start, false));
         script->release(start ? u"start"_s : command);
-        QTRY_COMPARE(env.messagesSinceMark() + c->fakes.statusItem->notifications, expected);
+        // A notification is one entry of several lines: title, text, then its actions.
+        QTRY_COMPARE((env.messagesSinceMark() + c->fakes.statusItem->notifications).join(u'\n'), expected.join(u'\n'));
         QVERIFY(!d.startInFlight && !d.stopInFlight && !d.terminateAfterStop);
         QCOMPARE(c->fakes.opener->opened.size(), expected.filter(u"Opening"_s).size());
 
